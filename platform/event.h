@@ -1,0 +1,52 @@
+// A waitable event with the two reset policies of Windows events.
+// event_win32.cpp wraps a real event HANDLE (so it can be waited on together
+// with handles the system signals); event_posix.cpp uses a mutex and
+// condition variable.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "platform/os.h"
+
+namespace lindqvar {
+
+enum class WaitResult { kSignaled, kTimeout, kFailed };
+
+class Event {
+ public:
+  enum class ResetPolicy { kManual, kAutomatic };
+  enum class InitialState { kNotSignaled, kSignaled };
+
+  Event(ResetPolicy policy, InitialState initial);
+  ~Event();
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  void Set();
+  void Reset();
+  bool IsSignaled() const;  // does not consume an automatic event's signal
+
+  // Waits up to `milliseconds` (kInfinite for no limit).
+  WaitResult Wait(uint32_t milliseconds);
+
+  // Waits until either event is signaled. Returns 0 or 1 for the event that
+  // satisfied the wait (the first one when both are), -1 on time-out, -2 on
+  // failure. An automatic event's signal is consumed by the wait it ends.
+  static int WaitAny(Event& first, Event& second, uint32_t milliseconds);
+
+#ifdef _WIN32
+  // Wraps a handle owned elsewhere (e.g. the event of an overlapped request);
+  // the wrapper does not close it.
+  static std::unique_ptr<Event> Borrow(void* handle);
+  void* native_handle() const;
+#endif
+
+  struct Impl;
+
+ private:
+  Event() = default;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace lindqvar

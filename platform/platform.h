@@ -1,0 +1,24 @@
+// Everything the agent takes from the operating system and the support
+// library, as one bundle of interfaces. The Windows program fills it with the
+// implementations of platform/win32/; tests fill it with fakes.
+#pragma once
+
+#include "platform/network.h"
+#include "platform/registry.h"
+#include "platform/session_window.h"
+#include "platform/sessions.h"
+#include "platform/support.h"
+#include "platform/timings.h"
+
+namespace lindqvar {
+
+struct Platform {
+  ISupportLibrary* support = nullptr;
+  IRegistry* registry = nullptr;
+  INetwork* network = nullptr;
+  ISessions* sessions = nullptr;
+  ISessionWindow* window = nullptr;
+  Timings timings;
+};
+
+}  // namespace lindqvar

@@ -1,0 +1,32 @@
+// The hidden window through which session and power notifications reach the
+// agent, driven by the agent's notification thread.
+#pragma once
+
+#include <cstdint>
+
+namespace lindqvar {
+
+// Receives the window's messages on the thread that pumps them.
+class IWindowMessageSink {
+ public:
+  virtual ~IWindowMessageSink() = default;
+  virtual int64_t WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) = 0;
+};
+
+class ISessionWindow {
+ public:
+  virtual ~ISessionWindow() = default;
+  // Registers the window class and creates the hidden window, delivering its
+  // messages to `sink`. False when no window could be created.
+  virtual bool Create(IWindowMessageSink& sink) = 0;
+  // WTSRegisterSessionNotification(window, NOTIFY_FOR_ALL_SESSIONS).
+  virtual bool RegisterNotifications() = 0;
+  // Dispatches every queued message.
+  virtual void Drain() = 0;
+  // DestroyWindow, then WTSUnRegisterSessionNotification with that handle.
+  virtual void DestroyAndUnregister() = 0;
+  // DefWindowProcW for messages the agent does not handle.
+  virtual int64_t DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) = 0;
+};
+
+}  // namespace lindqvar
