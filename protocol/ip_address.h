@@ -1,0 +1,65 @@
+// One IPv4 or IPv6 address with its 8-bit and UTF-16 text forms, and the
+// recognition of address literals in configured server names.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/network.h"
+
+namespace lindqvar {
+
+class IpAddress {
+ public:
+  // Room for a text form, terminator included; longer forms are cut.
+  static constexpr size_t kTextSize = 42;
+
+  IpAddress();
+
+  // `address` in network byte order.
+  void SetIPv4(uint32_t address);
+  void SetIPv6(const uint8_t address[16]);
+  // Copies `other` only when it holds an address.
+  void CopyFrom(const IpAddress& other);
+
+  uint32_t IsValid() const { return m_bValid; }
+  // kFamilyIPv4 (2) or kFamilyIPv6 (23); 0 while empty.
+  uint16_t Family() const { return m_wFamily; }
+  const uint8_t* Bytes() const { return m_address; }
+  // The IPv4 address in network byte order (first four bytes).
+  uint32_t IPv4() const;
+
+  // The text forms, made when first asked for: "10.0.0.5", "fe80::1";
+  // "0.0.0.0" while empty.
+  const char* Text() const;
+  const char16_t* WideText() const;
+
+ private:
+  void FormatText() const;
+
+  uint32_t m_bValid = 0;
+  uint16_t m_wFamily = 0;
+  uint8_t m_address[16] = {};
+  mutable uint32_t m_bTextReady = 0;
+  mutable char m_szText[kTextSize] = {};
+  mutable char16_t m_wszText[kTextSize] = {};
+};
+
+// Formats an address as the system's address-to-text conversion does, into
+// at most `size` bytes (always terminated). IPv4: dotted decimal. IPv6:
+// lower-case hex words, the first longest run of two or more zero words
+// written "::", and the last 32 bits dotted for IPv4-compatible, -mapped,
+// -translated and ISATAP addresses.
+void FormatIPv4(uint32_t address, char* out, size_t size);
+void FormatIPv6(const uint8_t address[16], char* out, size_t size);
+
+// Tries `text` as an IPv4 literal, then as an IPv6 literal, the way the
+// system's text-to-address conversion takes them: IPv4 in one to four parts
+// (decimal, octal with a leading 0, hex with 0x), optionally ":port"; IPv6
+// with an optional "%scope", optionally in brackets followed by ":port". On
+// success stores the address in `out` and returns 1; else leaves `out` as it
+// is and returns 0.
+uint32_t parse_address_literal(const char* text, IpAddress& out);
+// 1 when `text` is an IPv4 or IPv6 literal, else 0.
+uint32_t is_address_literal(const char* text);
+
+}  // namespace lindqvar
