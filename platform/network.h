@@ -26,11 +26,13 @@ inline constexpr int kFamilyIPv6 = 23;  // AF_INET6 as Windows numbers it
 class IAddressChangeWatch {
  public:
   virtual ~IAddressChangeWatch() = default;
-  // Starts the notification; 0 when the request is pending, else the error.
+  // Requests the first notification; 0 when the request is pending, else
+  // the error.
   virtual uint32_t Arm() = 0;
   // Signalled when an address changed.
   virtual Event& Changed() = 0;
-  // After a signal: reset the event, cancel and request the next notification.
+  // After a signal (the caller resets Changed()): cancel the request and
+  // make the next one.
   virtual void Rearm() = 0;
 };
 

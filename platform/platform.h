@@ -3,6 +3,10 @@
 // implementations of platform/win32/; tests fill it with fakes.
 #pragma once
 
+#include "platform/accounts.h"
+#include "platform/adapters.h"
+#include "platform/console_runner.h"
+#include "platform/hyperv.h"
 #include "platform/network.h"
 #include "platform/registry.h"
 #include "platform/session_window.h"
@@ -19,6 +23,10 @@ struct Platform {
   ISessions* sessions = nullptr;
   ISessionWindow* window = nullptr;
   Timings timings;
+  IAccounts* accounts = nullptr;
+  IAdapters* adapters = nullptr;
+  IConsoleRunner* console = nullptr;
+  IHyperV* hyperv = nullptr;
 };
 
 }  // namespace lindqvar

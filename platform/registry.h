@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lindqvar {
 
@@ -28,6 +29,27 @@ class IRegistryKey {
   // REG_SZ / REG_EXPAND_SZ value without its terminator.
   virtual uint32_t QueryString(std::u16string_view name, std::u16string& value) = 0;
   virtual uint32_t QueryDword(std::u16string_view name, uint32_t& value) = 0;
+  // The value as stored: its type (1 REG_SZ, 2 REG_EXPAND_SZ, 4 REG_DWORD)
+  // and its bytes, a string's terminator included. The default builds it
+  // from QueryString and QueryDword; a real registry answers directly.
+  virtual uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) {
+    std::u16string text;
+    uint32_t result = QueryString(name, text);
+    if (result == kErrorSuccess) {
+      type = 1;
+      const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
+      data.assign(bytes, bytes + (text.size() + 1) * sizeof(char16_t));
+      return result;
+    }
+    uint32_t dword = 0;
+    if (QueryDword(name, dword) == kErrorSuccess) {
+      type = 4;
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&dword);
+      data.assign(bytes, bytes + sizeof dword);
+      return kErrorSuccess;
+    }
+    return result;
+  }
 };
 
 class IRegistry {

@@ -25,6 +25,8 @@ class ISessionWindow {
   virtual void Drain() = 0;
   // DestroyWindow, then WTSUnRegisterSessionNotification with that handle.
   virtual void DestroyAndUnregister() = 0;
+  // PostQuitMessage(0) on the pumping thread.
+  virtual void PostQuit() = 0;
   // DefWindowProcW for messages the agent does not handle.
   virtual int64_t DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) = 0;
 };

@@ -54,6 +54,15 @@ inline constexpr uint32_t kDesiredStatusComponent = 25;
 
 enum class SupportHive { kLocalMachine };
 
+// One record of the agent's event catalogue, which LogW renders.
+struct CatalogueEvent {
+  uint32_t id;
+  uint32_t severity;  // 6 informational, 4 warning
+  const char16_t* title;
+  const char16_t* messageTemplate;
+  const char16_t* description;
+};
+
 class ISupportLibrary {
  public:
   virtual ~ISupportLibrary() = default;

@@ -1,0 +1,22 @@
+// The process entry of the agent, independent of the system it runs on.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/event.h"
+#include "platform/platform.h"
+
+namespace lindqvar {
+
+// Creates (or opens, when the parent made it) the automatic-reset named
+// control event. May return null; the control loop then polls.
+using NamedEventFactory = std::function<std::unique_ptr<Event>(const std::string& name)>;
+
+// Scans the arguments, starts the manager and runs the control loop until
+// the parent asks for a stop or the settings changed. Always returns 0.
+int AgentMain(int argc, const char* const* argv, const Platform& platform,
+              const NamedEventFactory& createNamedEvent);
+
+}  // namespace lindqvar

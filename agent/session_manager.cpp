@@ -1,0 +1,295 @@
+#include "agent/session_manager.h"
+
+#include <openssl/ssl.h>
+
+#include <cstring>
+
+#include "agent/catalogue.h"
+#include "agent/state.h"
+#include "platform/os.h"
+
+namespace lindqvar {
+
+namespace {
+constexpr char16_t kLogName[] = u"FA_LINDQ";
+
+bool IsLoopbackOrLinkLocalV4(const uint8_t* a) {
+  return a[0] == 127 || (a[0] == 169 && a[1] == 254);
+}
+uint16_t FirstGroup(const uint8_t* a) { return static_cast<uint16_t>(a[0] << 8 | a[1]); }
+}  // namespace
+
+CSessionManager::CSessionManager(const Platform& platform)
+    : m_platform(platform),
+      m_support(*platform.support),
+      m_registry(*platform.registry),
+      m_network(*platform.network),
+      m_log(*platform.support) {
+  SetState(kNotConfigured);
+}
+
+CSessionManager::~CSessionManager() {
+  // When a settings change ends the process, Stop has not run and the
+  // workers are still going. The process is about to end; stopping them here
+  // (quietly: no catalogue event, no log release) lets the manager be torn
+  // down without a worker touching freed members.
+  StopWorkers();
+  SetState(kNotConfigured);
+}
+
+void CSessionManager::SetState(uint32_t state) {
+  m_dwState.store(state);
+  WriteState(m_registry, m_log, state);
+}
+
+uint32_t CSessionManager::Start() {
+  if (LogHandle old = m_log.Handle()) {
+    m_support.log_deinitialize(old);
+    m_log.SetHandle(nullptr);
+  }
+  m_log.SetHandle(m_support.log_initialize(kLogName));
+  // The start event's text has a version insert, but none is passed.
+  m_support.LogW(kEventStarting, nullptr);
+
+  Init();
+
+  m_threads[kNotificationThread].Start([this] { return NotificationThread(); });
+  m_threads[kAddressWatchThread].Start([this] { return AddressWatchThread(); });
+  m_threads[kAddressHandlerThread].Start([this] { return AddressHandlerThread(); });
+  m_threads[kKeepAliveThread].Start([this] { return KeepAliveThread(); });
+  m_threads[kResendThread].Start([this] { return ResendThread(); });
+  m_threads[kPendingSessionThread].Start([this] { return PendingSessionThread(); });
+  return 0;
+}
+
+uint32_t CSessionManager::Stop() {
+  m_stopEvent.Set();
+  // Waited for in this order, each without a time limit.
+  for (ThreadIndex i : {kNotificationThread, kKeepAliveThread, kResendThread, kAddressWatchThread,
+                        kAddressHandlerThread, kPendingSessionThread}) {
+    WorkerThread& t = m_threads[i];
+    if (!t.Started()) continue;
+    while (t.ExitCode() == WorkerThread::kStillActive) SleepMs(m_platform.timings.threadExitPollMs);
+    t.Join();
+  }
+  m_support.LogW(kEventStopping, nullptr);
+  if (LogHandle h = m_log.Handle()) {
+    m_log.SetHandle(nullptr);
+    m_support.log_deinitialize(h);
+  }
+  ClearPendingSessions();
+  m_settings.ClearServers();
+  m_network.Cleanup();
+  return 0;
+}
+
+void CSessionManager::StopWorkers() {
+  m_stopEvent.Set();
+  for (WorkerThread& t : m_threads) t.Join();
+}
+
+uint32_t CSessionManager::Init() {
+  SleepMs(m_platform.timings.startupDelayMs);
+  m_network.Startup();
+  OPENSSL_init_ssl(0, nullptr);
+  OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+
+  m_hostName = m_network.HostName();
+  if (m_hostName.size() > 255) m_hostName.resize(255);
+
+  CollectHostAddresses();
+  m_log.Debug("m_count:%d, m_count6:%d", static_cast<int>(m_count), static_cast<int>(m_count6));
+
+  std::unique_ptr<IRegistryKey> key;
+  if (m_registry.OpenKey(RegistryHive::kLocalMachine, kAgentKeyPath, reg_access::kRead, key) !=
+          kErrorSuccess ||
+      !key) {
+    m_log.Debug("Failed to open registry %s", kAgentKeyPathA);
+    return 0;
+  }
+
+  m_settings.Load(m_support, m_log);
+  SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
+
+  ReadComputerDomain();
+  return 1;
+}
+
+void CSessionManager::CollectHostAddresses() {
+  m_IPv4 = {};
+  m_IPv6 = {};
+  m_count = 0;
+  m_count6 = 0;
+  std::vector<ResolvedAddress> addresses;
+  if (m_network.Resolve(m_hostName, addresses) != 0) return;
+  for (const ResolvedAddress& a : addresses) {
+    if (a.family == kFamilyIPv4) {
+      if (IsLoopbackOrLinkLocalV4(a.bytes.data())) continue;
+      if (m_count < 4) {
+        uint32_t v;
+        std::memcpy(&v, a.bytes.data(), 4);  // stays in network byte order
+        m_IPv4[m_count++] = v;
+      }
+    } else if (a.family == kFamilyIPv6) {
+      const uint16_t first = FirstGroup(a.bytes.data());
+      if (first == 0 || m_count6 >= 4) continue;
+      if ((first & 0xffc0) == 0xfe80) continue;
+      std::memcpy(m_IPv6[m_count6++].data(), a.bytes.data(), 16);
+    }
+  }
+}
+
+void CSessionManager::ReadComputerDomain() {
+  m_domainName.clear();
+  std::u16string domain;
+  uint32_t error = 0;
+  if (!m_network.PhysicalDnsDomain(domain, error)) {
+    m_log.Error("Failed to get computer domain name\n");
+    return;
+  }
+  if (domain.empty()) {
+    m_log.Error("Failed to get computer domain name, dwSize = 0\n");
+    return;
+  }
+  m_domainName = WideToAnsi(domain);
+  if (m_domainName.size() > 255) m_domainName.resize(255);
+}
+
+uint32_t CSessionManager::ReloadSettings() {
+  const uint32_t changed = m_settings.IsChanged(m_support);
+  {
+    // Senders read the server list and the key under the session-table
+    // lock; replacing them under it too keeps a re-read from pulling them
+    // out from under a delivery in progress.
+    std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+    m_settings.Apply(m_support, m_log);
+  }
+  if (m_settings.Servers().empty()) SetState(kNotConfigured);
+  return changed;
+}
+
+int64_t CSessionManager::WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) {
+  switch (message) {
+    case kWmDestroy:
+      m_platform.window->PostQuit();
+      return 0;
+    default:
+      return m_platform.window->DefaultProc(message, wParam, lParam);
+  }
+}
+
+uint32_t CSessionManager::NotificationThread() {
+  ISessionWindow& window = *m_platform.window;
+  if (!window.Create(*this)) return 0;
+  if (window.RegisterNotifications()) m_bNotifyRegistered = 1;
+  for (;;) {
+    // The session service may come up after the agent: retry every round.
+    if (m_bNotifyRegistered == 0 && window.RegisterNotifications()) m_bNotifyRegistered = 1;
+    window.Drain();
+    if (m_stopEvent.Wait(m_platform.timings.pumpIntervalMs) == WaitResult::kSignaled) break;
+  }
+  window.DestroyAndUnregister();
+  return 1;
+}
+
+uint32_t CSessionManager::AddressWatchThread() {
+  std::unique_ptr<IAddressChangeWatch> watch = m_network.CreateAddressChangeWatch();
+  const uint32_t error = watch ? watch->Arm() : 1u;
+  if (error != 0) {
+    m_log.Debug("NotifyAddrChange error...%d", static_cast<int>(error));
+    return 0;
+  }
+  for (;;) {
+    const int which = Event::WaitAny(m_stopEvent, watch->Changed(), kInfinite);
+    if (which == 0) break;
+    if (which == 1) {
+      watch->Changed().Reset();
+      m_addressEvent.Set();
+      watch->Rearm();
+    }
+  }
+  return 1;
+}
+
+uint32_t CSessionManager::AddressHandlerThread() {
+  for (;;) {
+    const int which = Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite);
+    if (which == 0) return 1;
+    // An address change is reported once address discovery and event
+    // delivery are part of the agent.
+  }
+}
+
+uint32_t CSessionManager::KeepAliveThread() {
+  for (;;) {
+    const uint32_t waitMs = m_dwKeepAliveInterval.load() * m_platform.timings.keepAliveUnitMs;
+    const WaitResult r = m_stopEvent.Wait(waitMs);
+    if (r == WaitResult::kSignaled) return 1;
+    if (r == WaitResult::kTimeout) SendKeepAliveEvent();
+  }
+}
+
+uint32_t CSessionManager::ResendThread() {
+  for (;;) {
+    const WaitResult r = m_stopEvent.Wait(m_platform.timings.resendPeriodMs);
+    if (r == WaitResult::kSignaled) return 1;
+    if (r == WaitResult::kTimeout && m_bResendPending.load() == 1 && m_dwResendTries.load() < 20) {
+      ResendLogonEvent();
+    }
+  }
+}
+
+uint32_t CSessionManager::PendingSessionThread() {
+  for (;;) {
+    const WaitResult r = m_stopEvent.Wait(m_platform.timings.pendingRetryPeriodMs);
+    if (r == WaitResult::kSignaled) return 1;
+    if (r == WaitResult::kTimeout) RetryPendingSessions();
+  }
+}
+
+void CSessionManager::SendKeepAliveEvent() {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::SendKeepAliveEvent",
+              934, static_cast<int>(m_bLogon), static_cast<int>(m_dwCurrentSession));
+  // Nothing is sent while no user is reported as logged on; the session
+  // table that would report one is not part of the agent yet.
+}
+
+void CSessionManager::ResendLogonEvent() {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::ResendLogonEvent",
+              1002, static_cast<int>(m_bLogon), static_cast<int>(m_dwCurrentSession));
+}
+
+void CSessionManager::RetryPendingSessions() {
+  std::lock_guard<std::recursive_mutex> lock(m_csPending);
+  // Records reach this list only from logon notifications whose user is not
+  // yet known; their retry lands with the session table.
+}
+
+void CSessionManager::AddPendingSession(uint32_t session) {
+  std::lock_guard<std::recursive_mutex> lock(m_csPending);
+  m_pending.push_back(std::make_unique<PendingSession>(PendingSession{session, 0}));
+}
+
+void CSessionManager::RemovePendingSession(uint32_t session) {
+  std::lock_guard<std::recursive_mutex> lock(m_csPending);
+  for (auto it = m_pending.begin(); it != m_pending.end(); ++it) {
+    if ((*it)->session == session) {
+      m_pending.erase(it);
+      return;
+    }
+  }
+}
+
+void CSessionManager::ClearPendingSessions() {
+  std::lock_guard<std::recursive_mutex> lock(m_csPending);
+  m_pending.clear();
+}
+
+size_t CSessionManager::PendingSessionCount() {
+  std::lock_guard<std::recursive_mutex> lock(m_csPending);
+  return m_pending.size();
+}
+
+}  // namespace lindqvar

@@ -1,0 +1,146 @@
+#include "agent/settings.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <algorithm>
+#include <cctype>
+
+#include "platform/log.h"
+#include "platform/os.h"
+#include "platform/support.h"
+
+namespace lindqvar {
+
+namespace {
+
+uint32_t ReadU32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+
+std::u16string ReadWide(const uint8_t* p, size_t maxUnits) {
+  std::u16string out;
+  for (size_t i = 0; i < maxUnits; ++i) {
+    const char16_t unit = static_cast<char16_t>(p[2 * i] | p[2 * i + 1] << 8);
+    if (unit == 0) break;
+    out.push_back(unit);
+  }
+  return out;
+}
+
+bool EqualIgnoringCase(const char* a, const char* b) {
+  for (;; ++a, ++b) {
+    const int ca = std::tolower(static_cast<unsigned char>(*a));
+    const int cb = std::tolower(static_cast<unsigned char>(*b));
+    if (ca != cb) return false;
+    if (ca == 0) return true;
+  }
+}
+
+bool IsSeparator(char c) { return c == ';' || c == ','; }
+
+}  // namespace
+
+SettingsRecordView DecodeSettingsRecord(const uint8_t* record) {
+  namespace r = settings_record;
+  SettingsRecordView v;
+  v.enabled = ReadU32(record + r::kEnabled);
+  v.addressCategory = ReadU32(record + r::kAddressCategory);
+  v.preferAzure = ReadU32(record + r::kPreferAzure);
+  v.serverList = ReadWide(record + r::kServerList, r::kServerListUnits);
+  v.presharedKey = ReadWide(record + r::kPresharedKey, r::kPresharedKeyUnits);
+  return v;
+}
+
+SettingsRecordView ReadSettingsRecord(ISupportLibrary& support) {
+  uint8_t record[settings_record::kSize] = {};
+  support.cfg_get_lindqvar_settings(record);
+  return DecodeSettingsRecord(record);
+}
+
+void ParseServerList(const std::string& text, ServerList& list) {
+  list.clear();
+  // The walk cuts the text in place, as the items are found.
+  std::string buffer = text;
+  buffer.push_back('\0');
+  char* p = buffer.data();
+  for (;;) {
+    auto entry = std::make_unique<ServerEntry>();
+    entry->port = kDefaultServerPort;
+    bool noDot = true;
+    char* const host = p;
+    while (*p != '\0' && !IsSeparator(*p)) {
+      if (*p == '.') {
+        noDot = false;
+      } else if (*p == ':' && (!noDot || (p > host && p[-1] == ']'))) {
+        break;
+      }
+      ++p;
+    }
+    if (*p == ':') {
+      *p++ = '\0';
+      if (*p != '\0') {
+        char* const portText = p;
+        while (*p != '\0' && !IsSeparator(*p)) ++p;
+        if (*p != '\0') *p++ = '\0';
+        // No range check: a non-number gives 0.
+        entry->port = static_cast<uint32_t>(std::atol(portText));
+      }
+    } else if (IsSeparator(*p)) {
+      *p++ = '\0';
+    }
+    std::strncpy(entry->host, host, sizeof entry->host - 1);
+    const std::u16string wide = AnsiToWide(entry->host);
+    const size_t units = std::min(wide.size(), std::size(entry->hostW) - 1);
+    std::copy_n(wide.begin(), units, entry->hostW);
+    list.push_back(std::move(entry));
+    if (*p == '\0') break;
+  }
+}
+
+uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
+  const SettingsRecordView fresh = ReadSettingsRecord(support);
+  ServerList freshList;
+  ParseServerList(WideToAnsi(fresh.serverList), freshList);
+  const std::string freshKey = WideToUtf8(fresh.presharedKey);
+
+  if (std::strcmp(freshKey.c_str(), m_presharedKey.c_str()) != 0) return 1;
+  if (fresh.enabled == 0) return 1;
+  if (freshList.size() != m_servers.size()) return 1;
+  for (const auto& candidate : freshList) {
+    bool matched = false;
+    for (const auto& inForce : m_servers) {
+      if (candidate->port == inForce->port || EqualIgnoringCase(candidate->host, inForce->host)) {
+        matched = true;
+        break;
+      }
+    }
+    if (!matched) return 1;
+  }
+  return 0;
+}
+
+void CAgentSettings::Load(ISupportLibrary& support, CLog& log) {
+  const SettingsRecordView record = ReadSettingsRecord(support);
+  const std::string servers = WideToAnsi(record.serverList);
+  log.Debug("Brannock config:%s", WideToUtf8(record.serverList).c_str());
+  log.Debug("Address Category:%d", static_cast<int>(record.addressCategory));
+  log.Debug("prefer azure:%d", static_cast<int>(record.preferAzure));
+  m_addressCategory.store(record.addressCategory);
+  m_preferAzure.store(record.preferAzure);
+  ParseServerList(servers, m_servers);
+  m_presharedKey = WideToUtf8(record.presharedKey);
+}
+
+void CAgentSettings::Apply(ISupportLibrary& support, CLog& log) {
+  if (LogHandle handle = log.Handle()) {
+    uint8_t logging[logging_record::kSize] = {};
+    support.cfg_get_logging_info(logging);
+    const uint32_t enabled = ReadU32(logging + logging_record::kEnabled);
+    const uint32_t level = ReadU32(logging + logging_record::kLevel);
+    support.log_setlevel(handle, enabled != 0 ? level : 0);
+  }
+  Load(support, log);
+}
+
+}  // namespace lindqvar

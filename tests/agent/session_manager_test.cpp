@@ -1,0 +1,274 @@
+#include "agent/session_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "agent/agent_main.h"
+#include "agent/catalogue.h"
+#include "agent/state.h"
+#include "tests/fakes/fake_platform.h"
+
+namespace lindqvar {
+namespace {
+
+using testing::FakeNetwork;
+using testing::FakePlatform;
+
+class ManagerTest : public ::testing::Test {
+ protected:
+  void Configure(const std::u16string& servers, const std::u16string& key = u"psk") {
+    fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+    fake.support.SetSettings(1, servers, key);
+  }
+  uint32_t RegistryState() {
+    uint32_t v = 0xDEAD;
+    fake.registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", v);
+    return v;
+  }
+  FakePlatform fake;
+};
+
+TEST_F(ManagerTest, ConstructionAndDestructionWriteNotConfigured) {
+  Configure(u"a.b");
+  {
+    CSessionManager m(fake.Get());
+    EXPECT_EQ(RegistryState(), kNotConfigured);
+    EXPECT_EQ(m.KeepAliveInterval(), 180u);
+    m.SetState(kConfiguredReachable);
+    EXPECT_EQ(RegistryState(), kConfiguredReachable);
+  }
+  EXPECT_EQ(RegistryState(), kNotConfigured);
+}
+
+TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
+  Configure(u"10.0.0.5:9001;10.0.0.6");
+  fake.network.domain = u"corp.example.test";
+  CSessionManager m(fake.Get());
+  EXPECT_EQ(m.Init(), 1u);
+  EXPECT_EQ(m.State(), kConfiguredUnreachable);
+  EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
+  ASSERT_EQ(m.Settings().Servers().size(), 2u);
+  EXPECT_EQ(m.Settings().PresharedKey(), "psk");
+  EXPECT_EQ(m.DomainName(), "corp.example.test");
+  EXPECT_EQ(fake.network.startups, 1);
+}
+
+TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
+  fake.support.SetSettings(1, u"a.b", u"k");  // the record exists, the key does not
+  CSessionManager m(fake.Get());
+  m.Start();
+  EXPECT_TRUE(fake.support.HasLine("Failed to open registry software\\Orvane\\Velmora\\FA_LINDQ"));
+  EXPECT_EQ(m.State(), kNotConfigured);
+  // Every state write now fails with the key's "not found" and the agent
+  // runs on.
+  m.SetState(kConfiguredReachable);
+  EXPECT_TRUE(fake.support.HasLine("Failed to open registry key for LINDQState update. Error: 2"));
+  EXPECT_TRUE(m.Settings().Servers().empty());
+  // The threads still start and still stop.
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), WorkerThread::kStillActive);
+  m.Stop();
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+}
+
+TEST_F(ManagerTest, EmptyServerTextStillGivesOneEntryAndRaisesTheState) {
+  fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+  fake.support.SetSettings(1, u"", u"k");
+  CSessionManager m(fake.Get());
+  m.Init();
+  // An empty text still parses to one entry with an empty host.
+  EXPECT_EQ(m.Settings().Servers().size(), 1u);
+  EXPECT_EQ(m.State(), kConfiguredUnreachable);
+}
+
+TEST_F(ManagerTest, FirstAddressCollectionSkipsLoopbackLinkLocalAndExtras) {
+  Configure(u"a.b");
+  fake.network.hostName = "ws1";
+  fake.network.names["ws1"] = {
+      FakeNetwork::V4(127, 0, 0, 1),   FakeNetwork::V4(169, 254, 1, 1), FakeNetwork::V4(10, 0, 0, 1),
+      FakeNetwork::V6({0, 0, 0, 0, 0, 0, 0, 1}), FakeNetwork::V6({0xfe80, 0, 0, 0, 0, 0, 0, 1}),
+      FakeNetwork::V6({0xfebf, 0, 0, 0, 0, 0, 0, 1}),  // still link-local (fe80::/10)
+      FakeNetwork::V6({0xfec0, 0, 0, 0, 0, 0, 0, 1}), FakeNetwork::V4(10, 0, 0, 2),
+      FakeNetwork::V4(10, 0, 0, 3), FakeNetwork::V4(10, 0, 0, 4), FakeNetwork::V4(10, 0, 0, 5)};
+  CSessionManager m(fake.Get());
+  m.Start();
+  EXPECT_EQ(m.IPv4Count(), 4u);  // the fifth is never kept
+  EXPECT_EQ(m.IPv6Count(), 1u);
+  EXPECT_TRUE(fake.support.HasLine("m_count:4, m_count6:1"));
+  m.Stop();
+}
+
+TEST_F(ManagerTest, DomainFailuresAreErrorsAndLeaveItEmpty) {
+  Configure(u"a.b");
+  fake.network.domainFails = true;
+  {
+    CSessionManager m(fake.Get());
+    m.Start();
+    EXPECT_EQ(m.DomainName(), "");
+    m.Stop();
+  }
+  EXPECT_TRUE(fake.support.HasLine("Failed to get computer domain name\n"));
+  fake.network.domainFails = false;
+  fake.network.domain.clear();
+  {
+    CSessionManager m(fake.Get());
+    m.Start();
+    m.Stop();
+  }
+  EXPECT_TRUE(fake.support.HasLine("Failed to get computer domain name, dwSize = 0\n"));
+}
+
+TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
+  Configure(u"a.b");
+  CSessionManager m(fake.Get());
+  m.Start();
+  m.AddPendingSession(4);
+  m.AddPendingSession(4);
+  m.AddPendingSession(5);
+  m.RemovePendingSession(4);  // only the first record of a session goes
+  EXPECT_EQ(m.PendingSessionCount(), 2u);
+  EXPECT_EQ(fake.support.OpenLogs(), 1);
+  m.Stop();
+  for (size_t i = 0; i < CSessionManager::kThreadCount; ++i) {
+    EXPECT_EQ(m.ThreadExitCode(static_cast<CSessionManager::ThreadIndex>(i)), 1u) << i;
+  }
+  EXPECT_EQ(fake.support.CatalogueEvents(),
+            (std::vector<uint32_t>{kEventStarting, kEventStopping}));
+  EXPECT_EQ(fake.support.OpenLogs(), 0);
+  EXPECT_EQ(m.PendingSessionCount(), 0u);
+  EXPECT_TRUE(m.Settings().Servers().empty());
+  EXPECT_EQ(fake.network.cleanups, 1);
+  EXPECT_EQ(fake.window.destroyed, 1);
+}
+
+TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
+  Configure(u"a.b");
+  fake.window.registrationFailuresLeft = 3;
+  CSessionManager m(fake.Get());
+  m.Start();
+  fake.window.Post(kWmDestroy, 0, 0);
+  fake.window.Post(0x0400, 1, 2);
+  for (int i = 0; i < 2000 && (fake.window.quits == 0 || fake.window.defaultProcCalls == 0 ||
+                              fake.window.registerCalls < 4);
+       ++i) {
+    SleepMs(1);
+  }
+  m.Stop();
+  EXPECT_EQ(fake.window.registerCalls, 4);  // no further tries once registered
+  EXPECT_EQ(fake.window.quits, 1);
+  EXPECT_EQ(fake.window.defaultProcCalls, 1);
+}
+
+TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
+  Configure(u"a.b");
+  fake.window.createSucceeds = false;
+  fake.network.armError = 50;  // address-change requests not supported
+  CSessionManager m(fake.Get());
+  m.Start();
+  while (m.ThreadExitCode(CSessionManager::kNotificationThread) == WorkerThread::kStillActive ||
+         m.ThreadExitCode(CSessionManager::kAddressWatchThread) == WorkerThread::kStillActive) {
+    SleepMs(1);
+  }
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressWatchThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), WorkerThread::kStillActive);
+  EXPECT_TRUE(fake.support.HasLine("NotifyAddrChange error...50"));
+  m.Stop();
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), 1u);
+}
+
+TEST_F(ManagerTest, KeepAliveTimerWakesAtItsIntervalAndOnlyLogsWithoutALogon) {
+  Configure(u"a.b");
+  CSessionManager m(fake.Get());
+  m.Start();
+  const std::string line = "CSessionManager::SendKeepAliveEvent:934, m_bLogon:0, m_dwCurrentSession:0";
+  // 180 "seconds" of 1 ms each in these timings.
+  while (fake.support.CountLines(line) < 2) SleepMs(5);
+  m.Stop();
+  EXPECT_GE(fake.support.CountLines(line), 2u);
+}
+
+TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
+  Configure(u"a.b;c.d");
+  CSessionManager m(fake.Get());
+  m.Init();
+  ASSERT_EQ(RegistryState(), kConfiguredUnreachable);
+  fake.support.SetSettings(1, u"x.y;z.w", u"psk");  // other hosts, same ports
+  EXPECT_EQ(m.ReloadSettings(), 0u);
+  EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
+  fake.support.SetSettings(0, u"", u"");
+  const size_t writes = fake.registry.DwordWrites();
+  EXPECT_EQ(m.ReloadSettings(), 1u);
+  // An empty text still parses to one (empty) entry, so the list is not
+  // empty and the state is left for the next sending pass to set.
+  EXPECT_EQ(m.Settings().Servers().size(), 1u);
+  EXPECT_EQ(fake.registry.DwordWrites(), writes);
+}
+
+// --- the process entry ------------------------------------------------------
+
+class AgentMainTest : public ManagerTest {
+ protected:
+  int Run(std::vector<const char*> argv) {
+    return AgentMain(static_cast<int>(argv.size()), argv.data(), fake.Get(),
+                     [this](const std::string& name) {
+                       createdNames.push_back(name);
+                       auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,
+                                                        Event::InitialState::kNotSignaled);
+                       control = e.get();
+                       controlReady.Set();
+                       return e;
+                     });
+  }
+  // Signals the control event once the agent waits on it.
+  void Signal() {
+    controlReady.Wait(kInfinite);
+    control->Set();
+  }
+  std::vector<std::string> createdNames;
+  Event* control = nullptr;
+  Event controlReady{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+};
+
+TEST_F(AgentMainTest, WithoutTheSwitchNothingStarts) {
+  Configure(u"a.b");
+  EXPECT_EQ(Run({"agent", "-S", "name"}), 0);
+  EXPECT_TRUE(createdNames.empty());
+  EXPECT_TRUE(fake.support.Lines().empty());
+  EXPECT_TRUE(fake.support.CatalogueEvents().empty());
+}
+
+TEST_F(AgentMainTest, StopStatusRunsStopAndEndsWithZero) {
+  Configure(u"a.b");
+  fake.support.SetDesiredStatus(3);
+  std::thread parent([this] { Signal(); });
+  EXPECT_EQ(Run({"agent", " -s", "  Global\\Agent_Ctl_7\t"}), 0);
+  parent.join();
+  EXPECT_EQ(createdNames, (std::vector<std::string>{"Global\\Agent_Ctl_7"}));
+  EXPECT_EQ(fake.support.LastStatusKey(), u"7");
+  EXPECT_EQ(fake.support.CatalogueEvents(),
+            (std::vector<uint32_t>{kEventStarting, kEventStopping}));
+  EXPECT_EQ(RegistryState(), kNotConfigured);
+}
+
+TEST_F(AgentMainTest, UnchangedRereadKeepsRunningChangedOneEndsWithoutStop) {
+  Configure(u"a.b:1", u"psk");
+  fake.support.SetDesiredStatus(0);
+  std::thread parent([this] {
+    Signal();
+    // Wait until the re-read has run (it re-arms the event).
+    while (fake.support.CountLines("Brannock config:a.b:1") < 2) SleepMs(1);
+    fake.support.SetSettings(1, u"x.y:2", u"psk");  // host and port changed
+    control->Set();
+  });
+  EXPECT_EQ(Run({"agent", "-s", "Agentctl"}), 0);
+  parent.join();
+  EXPECT_EQ(fake.support.LastStatusKey(), u"Agentctl");
+  // Stop never ran: no stop event, log still open when the process ends.
+  EXPECT_EQ(fake.support.CatalogueEvents(), (std::vector<uint32_t>{kEventStarting}));
+  EXPECT_EQ(fake.support.CountLines("Brannock config:x.y:2"), 1u);
+  EXPECT_EQ(RegistryState(), kNotConfigured);
+}
+
+}  // namespace
+}  // namespace lindqvar

@@ -1,0 +1,167 @@
+#include "agent/settings.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/log.h"
+#include "tests/fakes/fake_platform.h"
+
+namespace lindqvar {
+namespace {
+
+using testing::FakeSupport;
+
+struct Item {
+  std::string host;
+  uint32_t port;
+  bool operator==(const Item&) const = default;
+};
+
+std::vector<Item> Parse(const std::string& text) {
+  ServerList list;
+  ParseServerList(text, list);
+  std::vector<Item> out;
+  for (const auto& e : list) {
+    // The wide host mirrors the 8-bit one.
+    EXPECT_EQ(WideToUtf8(e->hostW), std::string(e->host));
+    out.push_back({e->host, e->port});
+  }
+  return out;
+}
+
+void PrintTo(const Item& i, std::ostream* os) { *os << "{" << i.host << ", " << i.port << "}"; }
+
+TEST(ServerListParse, ItemsPortsAndSeparators) {
+  EXPECT_EQ(Parse(""), (std::vector<Item>{{"", 8001}}));
+  EXPECT_EQ(Parse("10.0.0.5:9001;10.0.0.6"),
+            (std::vector<Item>{{"10.0.0.5", 9001}, {"10.0.0.6", 8001}}));
+  EXPECT_EQ(Parse("a.example,b.example:7"),
+            (std::vector<Item>{{"a.example", 8001}, {"b.example", 7}}));
+  // A trailing separator adds nothing; two in a row add an empty host.
+  EXPECT_EQ(Parse("a.b;"), (std::vector<Item>{{"a.b", 8001}}));
+  EXPECT_EQ(Parse("a.b;;c.d"), (std::vector<Item>{{"a.b", 8001}, {"", 8001}, {"c.d", 8001}}));
+  EXPECT_EQ(Parse(";"), (std::vector<Item>{{"", 8001}}));
+}
+
+TEST(ServerListParse, ColonEndsTheHostOnlyAfterADotOrABracket) {
+  EXPECT_EQ(Parse("[fe80::1]:9001"), (std::vector<Item>{{"[fe80::1]", 9001}}));
+  EXPECT_EQ(Parse("fe80::1"), (std::vector<Item>{{"fe80::1", 8001}}));
+  // A dot-free name keeps its ":port" as part of the host.
+  EXPECT_EQ(Parse("server:9000"), (std::vector<Item>{{"server:9000", 8001}}));
+  // An unbracketed IPv6 literal with a dot-free tail never takes a port.
+  EXPECT_EQ(Parse("2001:db8::5:9001,x.y"),
+            (std::vector<Item>{{"2001:db8::5:9001", 8001}, {"x.y", 8001}}));
+  // A dot before the colon anywhere in the item counts.
+  EXPECT_EQ(Parse("::ffff:1.2.3.4:77"), (std::vector<Item>{{"::ffff:1.2.3.4", 77}}));
+}
+
+TEST(ServerListParse, PortTextIsTakenAsAtolDoes) {
+  EXPECT_EQ(Parse("a.b:"), (std::vector<Item>{{"a.b", 8001}}));      // nothing after ":"
+  EXPECT_EQ(Parse("a.b:http"), (std::vector<Item>{{"a.b", 0}}));     // not a number
+  EXPECT_EQ(Parse("a.b:12ab;c.d"), (std::vector<Item>{{"a.b", 12}, {"c.d", 8001}}));
+  EXPECT_EQ(Parse("a.b:;c.d"), (std::vector<Item>{{"a.b", 0}, {"c.d", 8001}}));
+  EXPECT_EQ(Parse("a.b:99999999"), (std::vector<Item>{{"a.b", 99999999}}));  // no range check
+}
+
+TEST(ServerListParse, LongHostIsCutTo127AndTheListIsReplaced) {
+  const std::string longHost(200, 'h');
+  auto items = Parse(longHost + ".x:5");
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(items[0].host, std::string(127, 'h'));
+  EXPECT_EQ(items[0].port, 5u);
+
+  ServerList list;
+  ParseServerList("a.b;c.d;e.f", list);
+  ParseServerList("g.h", list);
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_STREQ(list[0]->host, "g.h");
+}
+
+TEST(SettingsRecord, FieldsAreReadAtTheirOffsets) {
+  FakeSupport support;
+  std::u16string key(70, u'k');  // longer than the record has room for
+  support.SetSettings(1, u"a.b:1", key, 3, 1);
+  SettingsRecordView v = ReadSettingsRecord(support);
+  EXPECT_EQ(v.enabled, 1u);
+  EXPECT_EQ(v.addressCategory, 3u);
+  EXPECT_EQ(v.preferAzure, 1u);
+  EXPECT_EQ(v.serverList, u"a.b:1");
+  // The key field runs to the end of the 660-byte record: 66 units.
+  EXPECT_EQ(v.presharedKey, std::u16string(66, u'k'));
+
+  uint8_t raw[settings_record::kSize] = {};
+  raw[16] = 'x';
+  raw[528] = 'p';
+  raw[530] = 0xE9;  // U+00E9
+  raw[4] = 7;
+  v = DecodeSettingsRecord(raw);
+  EXPECT_EQ(v.enabled, 7u);
+  EXPECT_EQ(v.serverList, u"x");
+  EXPECT_EQ(v.presharedKey, u"p\u00e9");
+}
+
+class SettingsChange : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    support.SetSettings(1, u"10.0.0.5:9001;auth.example", u"secret");
+    settings.Load(support, log);
+  }
+  FakeSupport support;
+  CLog log{support};
+  CAgentSettings settings;
+};
+
+TEST_F(SettingsChange, UnchangedSettingsAndTheDeliberatePortOnlyMatch) {
+  EXPECT_EQ(settings.IsChanged(support), 0u);
+  // Same count, same ports, other hosts: unchanged.
+  support.SetSettings(1, u"10.9.9.9:9001;other.example", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 0u);
+  // Same hosts in another case and order, other ports: the host match holds.
+  support.SetSettings(1, u"AUTH.example:1;10.0.0.5:2", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 0u);
+  // Nothing in force changed through the tests.
+  ASSERT_EQ(settings.Servers().size(), 2u);
+  EXPECT_STREQ(settings.Servers()[1]->host, "auth.example");
+}
+
+TEST_F(SettingsChange, KeyDisableCountAndUnmatchedEntryAreChanges) {
+  support.SetSettings(1, u"10.0.0.5:9001;auth.example", u"Secret");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+  support.SetSettings(0, u"10.0.0.5:9001;auth.example", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+  support.SetSettings(1, u"10.0.0.5:9001", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+  support.SetSettings(1, u"10.0.0.5:9002;auth.example", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 0u);  // the second entry matches by host
+  support.SetSettings(1, u"10.0.0.7:9002;auth.example", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+  // A record the library left zero reads as disabled with no key.
+  support.SetSettings(0, u"", u"");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+}
+
+TEST_F(SettingsChange, ApplySetsTheLevelOnlyWithALogHandleAndReplacesEverything) {
+  support.SetLogging(1, 4);
+  settings.Apply(support, log);  // no handle held: no level set
+  EXPECT_TRUE(support.LevelsSet().empty());
+
+  log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+  settings.Apply(support, log);
+  support.SetLogging(0, 4);
+  settings.Apply(support, log);
+  EXPECT_EQ(support.LevelsSet(), (std::vector<uint32_t>{4, 0}));
+
+  support.SetSettings(1, u"x.y:1", u"new key", 2, 1);
+  settings.Apply(support, log);
+  EXPECT_EQ(settings.AddressCategory(), 2u);
+  EXPECT_EQ(settings.PreferAzure(), 1u);
+  EXPECT_EQ(settings.PresharedKey(), "new key");
+  ASSERT_EQ(settings.Servers().size(), 1u);
+  EXPECT_EQ(settings.Servers()[0]->port, 1u);
+  EXPECT_TRUE(support.HasLine("Brannock config:x.y:1"));
+  EXPECT_TRUE(support.HasLine("Address Category:2"));
+  EXPECT_TRUE(support.HasLine("prefer azure:1"));
+  for (const auto& line : support.Lines()) EXPECT_EQ(line.text.find("new key"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace lindqvar

@@ -1,0 +1,346 @@
+#include "tests/fakes/fake_platform.h"
+
+#include <algorithm>
+
+namespace lindqvar::testing {
+
+namespace {
+void PutU32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+void PutWide(uint8_t* p, const std::u16string& s, size_t maxUnits) {
+  for (size_t i = 0; i < maxUnits; ++i) {
+    const char16_t u = i < s.size() ? s[i] : 0;
+    p[2 * i] = static_cast<uint8_t>(u & 0xFF);
+    p[2 * i + 1] = static_cast<uint8_t>(u >> 8);
+  }
+}
+}  // namespace
+
+void FakeSupport::SetSettings(uint32_t enabled, const std::u16string& servers,
+                              const std::u16string& key, uint32_t category, uint32_t preferAzure) {
+  namespace r = settings_record;
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::memset(m_settings, 0, sizeof m_settings);
+  PutU32(m_settings + r::kEnabled, enabled);
+  PutU32(m_settings + r::kAddressCategory, category);
+  PutU32(m_settings + r::kPreferAzure, preferAzure);
+  PutWide(m_settings + r::kServerList, servers, r::kServerListUnits);
+  PutWide(m_settings + r::kPresharedKey, key, r::kPresharedKeyUnits);
+}
+
+void FakeSupport::SetLogging(uint32_t enabled, uint32_t level) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  PutU32(m_logging + logging_record::kEnabled, enabled);
+  PutU32(m_logging + logging_record::kLevel, level);
+}
+
+std::vector<FakeSupport::Line> FakeSupport::Lines() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_lines;
+}
+
+bool FakeSupport::HasLine(const std::string& text) const { return CountLines(text) > 0; }
+
+size_t FakeSupport::CountLines(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return static_cast<size_t>(
+      std::count_if(m_lines.begin(), m_lines.end(), [&](const Line& l) { return l.text == text; }));
+}
+
+std::vector<uint32_t> FakeSupport::CatalogueEvents() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_events;
+}
+
+std::vector<uint32_t> FakeSupport::LevelsSet() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_levels;
+}
+
+std::u16string FakeSupport::LastStatusKey() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_lastKey;
+}
+
+LogHandle FakeSupport::log_initialize(std::u16string_view name) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  ++m_openLogs;
+  // Any distinct non-null value serves as a handle; it is never dereferenced.
+  return reinterpret_cast<LogHandle>(static_cast<uintptr_t>(0x1000 + ++m_handleSerial));
+}
+
+void FakeSupport::log_deinitialize(LogHandle) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  --m_openLogs;
+}
+
+void FakeSupport::log_setlevel(LogHandle, uint32_t level) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_levels.push_back(level);
+}
+
+void FakeSupport::log_debug(LogHandle, std::string_view line) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_lines.push_back({false, std::string(line)});
+}
+
+void FakeSupport::log_error(LogHandle, std::string_view line) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_lines.push_back({true, std::string(line)});
+}
+
+void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_events.push_back(eventId);
+}
+
+uint32_t FakeSupport::get_desired_status(uint32_t component, std::u16string_view key) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_lastKey = std::u16string(key);
+  return component == kDesiredStatusComponent ? m_desired.load() : 0;
+}
+
+void FakeSupport::cfg_get_lindqvar_settings(uint8_t* record) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::memcpy(record, m_settings, sizeof m_settings);
+}
+
+void FakeSupport::cfg_get_logging_info(uint8_t* record) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::memcpy(record, m_logging, sizeof m_logging);
+}
+
+bool FakeSupport::cfg_get_velmora_guid(std::u16string& out) {
+  if (guid.empty()) return false;
+  out = guid;
+  return true;
+}
+
+SupportKeyHandle FakeSupport::reg_openkeyW(SupportHive, std::u16string_view) { return nullptr; }
+void FakeSupport::reg_closekeyW(SupportKeyHandle) {}
+bool FakeSupport::reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16string&,
+                                 uint32_t*) {
+  return false;
+}
+bool FakeSupport::reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) { return false; }
+bool FakeSupport::GetTokenOfSession(uint32_t, std::unique_ptr<IUserToken>&) { return false; }
+
+// --- registry ---------------------------------------------------------------
+
+class FakeRegistryKey : public IRegistryKey {
+ public:
+  FakeRegistryKey(FakeRegistry& r, std::pair<RegistryHive, std::u16string> id)
+      : m_registry(r), m_id(std::move(id)) {}
+  uint32_t SetDword(std::u16string_view name, uint32_t value) override {
+    std::lock_guard<std::mutex> lock(m_registry.m_mutex);
+    if (m_registry.m_setError) return m_registry.m_setError;
+    auto it = m_registry.m_keys.find(m_id);
+    if (it == m_registry.m_keys.end()) return 1018;  // ERROR_KEY_DELETED
+    it->second.dwords[std::u16string(name)] = value;
+    ++m_registry.m_dwordWrites;
+    return 0;
+  }
+  uint32_t QueryString(std::u16string_view name, std::u16string& value) override {
+    std::lock_guard<std::mutex> lock(m_registry.m_mutex);
+    auto it = m_registry.m_keys.find(m_id);
+    if (it == m_registry.m_keys.end()) return 1018;
+    auto v = it->second.strings.find(std::u16string(name));
+    if (v == it->second.strings.end()) return kErrorFileNotFound;
+    value = v->second;
+    return 0;
+  }
+  uint32_t QueryDword(std::u16string_view name, uint32_t& value) override {
+    std::lock_guard<std::mutex> lock(m_registry.m_mutex);
+    auto it = m_registry.m_keys.find(m_id);
+    if (it == m_registry.m_keys.end()) return 1018;
+    auto v = it->second.dwords.find(std::u16string(name));
+    if (v == it->second.dwords.end()) return kErrorFileNotFound;
+    value = v->second;
+    return 0;
+  }
+
+ private:
+  FakeRegistry& m_registry;
+  std::pair<RegistryHive, std::u16string> m_id;
+};
+
+std::u16string FakeRegistry::Lower(std::u16string_view s) {
+  std::u16string out(s);
+  for (auto& c : out) {
+    if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c - u'A' + u'a');
+  }
+  return out;
+}
+
+void FakeRegistry::AddKey(RegistryHive hive, const std::u16string& path) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_keys[{hive, Lower(path)}];
+}
+
+void FakeRegistry::RemoveKey(RegistryHive hive, const std::u16string& path) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_keys.erase({hive, Lower(path)});
+}
+
+bool FakeRegistry::GetDword(RegistryHive hive, const std::u16string& path,
+                            const std::u16string& name, uint32_t& value) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  auto it = m_keys.find({hive, Lower(path)});
+  if (it == m_keys.end()) return false;
+  auto v = it->second.dwords.find(name);
+  if (v == it->second.dwords.end()) return false;
+  value = v->second;
+  return true;
+}
+
+void FakeRegistry::SetString(RegistryHive hive, const std::u16string& path,
+                             const std::u16string& name, const std::u16string& value) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_keys[{hive, Lower(path)}].strings[name] = value;
+}
+
+std::vector<uint32_t> FakeRegistry::AccessMasks() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_access;
+}
+
+uint32_t FakeRegistry::OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
+                               std::unique_ptr<IRegistryKey>& key) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_access.push_back(access);
+  auto id = std::make_pair(hive, Lower(path));
+  if (m_keys.find(id) == m_keys.end()) return kErrorFileNotFound;
+  key = std::make_unique<FakeRegistryKey>(*this, id);
+  return 0;
+}
+
+// --- network ----------------------------------------------------------------
+
+namespace {
+class FakeWatch : public IAddressChangeWatch {
+ public:
+  explicit FakeWatch(uint32_t armError) : m_armError(armError) {}
+  uint32_t Arm() override { return m_armError; }
+  Event& Changed() override { return m_changed; }
+  void Rearm() override {}
+
+ private:
+  uint32_t m_armError;
+  Event m_changed{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+};
+}  // namespace
+
+int FakeNetwork::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
+  auto it = names.find(name);
+  if (it == names.end()) return resolveError;
+  out = it->second;
+  return 0;
+}
+
+bool FakeNetwork::PhysicalDnsDomain(std::u16string& d, uint32_t& error) {
+  if (domainFails) {
+    error = domainError;
+    return false;
+  }
+  d = domain;
+  return true;
+}
+
+std::unique_ptr<IAddressChangeWatch> FakeNetwork::CreateAddressChangeWatch() {
+  return std::make_unique<FakeWatch>(armError);
+}
+
+ResolvedAddress FakeNetwork::V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+  ResolvedAddress r;
+  r.family = kFamilyIPv4;
+  r.bytes[0] = a;
+  r.bytes[1] = b;
+  r.bytes[2] = c;
+  r.bytes[3] = d;
+  return r;
+}
+
+ResolvedAddress FakeNetwork::V6(std::initializer_list<uint16_t> groups) {
+  ResolvedAddress r;
+  r.family = kFamilyIPv6;
+  size_t i = 0;
+  for (uint16_t g : groups) {
+    r.bytes[i++] = static_cast<uint8_t>(g >> 8);
+    r.bytes[i++] = static_cast<uint8_t>(g & 0xFF);
+  }
+  return r;
+}
+
+// --- window -----------------------------------------------------------------
+
+bool FakeSessionWindow::Create(IWindowMessageSink& sink) {
+  if (!createSucceeds) return false;
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_sink = &sink;
+  return true;
+}
+
+bool FakeSessionWindow::RegisterNotifications() {
+  ++registerCalls;
+  if (registrationFailuresLeft > 0) {
+    --registrationFailuresLeft;
+    return false;
+  }
+  return true;
+}
+
+void FakeSessionWindow::Drain() {
+  std::vector<Message> queue;
+  IWindowMessageSink* sink;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    queue.swap(m_queue);
+    sink = m_sink;
+  }
+  for (const Message& m : queue) sink->WindowProc(m.message, m.wParam, m.lParam);
+}
+
+void FakeSessionWindow::DestroyAndUnregister() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_sink = nullptr;
+  ++destroyed;
+}
+
+void FakeSessionWindow::Post(uint32_t message, uint64_t wParam, int64_t lParam) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_queue.push_back({message, wParam, lParam});
+}
+
+// --- platform ---------------------------------------------------------------
+
+Timings FakePlatform::ShortTimings() {
+  Timings t;
+  t.startupDelayMs = 0;
+  t.pumpIntervalMs = 1;
+  t.threadExitPollMs = 1;
+  t.resendPeriodMs = 20;
+  t.pendingRetryPeriodMs = 20;
+  t.addressRoundWaitMs = 20;
+  t.wakeupRetryMs = 1;
+  t.keepAliveUnitMs = 1;
+  t.connectPolls = 20;
+  t.connectPollUs = 10000;
+  t.socketTimeoutMs = 500;
+  t.consoleIdlePolls = 5;
+  t.consoleIdlePollMs = 10;
+  return t;
+}
+
+Platform FakePlatform::Get() {
+  Platform p;
+  p.support = &support;
+  p.registry = &registry;
+  p.network = &network;
+  p.sessions = &sessions;
+  p.window = &window;
+  p.timings = timings;
+  return p;
+}
+
+}  // namespace lindqvar::testing

@@ -1,0 +1,181 @@
+// In-memory stand-ins for the platform interfaces, for native tests.
+#pragma once
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/event.h"
+#include "platform/platform.h"
+
+namespace lindqvar::testing {
+
+// The support library: a log that remembers its lines, catalogue events, a
+// settings record the test writes, and a desired status the test sets.
+class FakeSupport : public ISupportLibrary {
+ public:
+  struct Line {
+    bool error;
+    std::string text;
+  };
+
+  // Settings record fields.
+  void SetSettings(uint32_t enabled, const std::u16string& servers, const std::u16string& key,
+                   uint32_t category = 0, uint32_t preferAzure = 0);
+  void SetLogging(uint32_t enabled, uint32_t level);
+  void SetDesiredStatus(uint32_t status) { m_desired = status; }
+
+  std::vector<Line> Lines() const;
+  bool HasLine(const std::string& text) const;
+  size_t CountLines(const std::string& text) const;
+  std::vector<uint32_t> CatalogueEvents() const;
+  std::vector<uint32_t> LevelsSet() const;
+  int OpenLogs() const { return m_openLogs; }
+  std::u16string LastStatusKey() const;
+
+  LogHandle log_initialize(std::u16string_view name) override;
+  void log_deinitialize(LogHandle handle) override;
+  void log_setlevel(LogHandle handle, uint32_t level) override;
+  void log_debug(LogHandle handle, std::string_view line) override;
+  void log_error(LogHandle handle, std::string_view line) override;
+  void LogW(uint32_t eventId, const char16_t* data) override;
+  uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
+  void cfg_get_lindqvar_settings(uint8_t* record) override;
+  void cfg_get_logging_info(uint8_t* record) override;
+  bool cfg_is_fips_mode_enabled() override { return false; }
+  bool cfg_get_velmora_guid(std::u16string& guid) override;
+  SupportKeyHandle reg_openkeyW(SupportHive hive, std::u16string_view path) override;
+  void reg_closekeyW(SupportKeyHandle key) override;
+  bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
+                      uint32_t* length) override;
+  bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
+  bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
+
+  std::u16string guid;  // empty: cfg_get_velmora_guid fails
+
+ private:
+  mutable std::mutex m_mutex;
+  uint8_t m_settings[settings_record::kSize] = {};
+  uint8_t m_logging[logging_record::kSize] = {};
+  std::vector<Line> m_lines;
+  std::vector<uint32_t> m_events;
+  std::vector<uint32_t> m_levels;
+  std::atomic<uint32_t> m_desired{0};
+  std::u16string m_lastKey;
+  int m_openLogs = 0;
+  int m_handleSerial = 0;
+};
+
+// A registry of keys (which must exist to be opened) holding DWORD and
+// string values; every failure code can be forced per key.
+class FakeRegistry : public IRegistry {
+ public:
+  void AddKey(RegistryHive hive, const std::u16string& path);
+  void RemoveKey(RegistryHive hive, const std::u16string& path);
+  void FailSetValue(uint32_t error) { m_setError = error; }
+  bool GetDword(RegistryHive hive, const std::u16string& path, const std::u16string& name,
+                uint32_t& value) const;
+  void SetString(RegistryHive hive, const std::u16string& path, const std::u16string& name,
+                 const std::u16string& value);
+  size_t DwordWrites() const { return m_dwordWrites; }
+  std::vector<uint32_t> AccessMasks() const;
+
+  uint32_t OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
+                   std::unique_ptr<IRegistryKey>& key) override;
+
+ private:
+  friend class FakeRegistryKey;
+  struct Values {
+    std::map<std::u16string, uint32_t> dwords;
+    std::map<std::u16string, std::u16string> strings;
+  };
+  static std::u16string Lower(std::u16string_view s);
+  mutable std::mutex m_mutex;
+  std::map<std::pair<RegistryHive, std::u16string>, Values> m_keys;
+  uint32_t m_setError = 0;
+  size_t m_dwordWrites = 0;
+  std::vector<uint32_t> m_access;
+};
+
+class FakeNetwork : public INetwork {
+ public:
+  void Startup() override { ++startups; }
+  void Cleanup() override { ++cleanups; }
+  std::string HostName() override { return hostName; }
+  int Resolve(const std::string& name, std::vector<ResolvedAddress>& out) override;
+  bool PhysicalDnsDomain(std::u16string& d, uint32_t& error) override;
+  std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override;
+
+  static ResolvedAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+  static ResolvedAddress V6(std::initializer_list<uint16_t> groups);
+
+  std::string hostName = "workstation";
+  std::map<std::string, std::vector<ResolvedAddress>> names;
+  int resolveError = 11001;  // for names not in the map
+  bool domainFails = false;
+  uint32_t domainError = 0;
+  std::u16string domain;
+  uint32_t armError = 0;  // what the address-change watch's Arm returns
+  std::atomic<int> startups{0}, cleanups{0};
+};
+
+class FakeSessions : public ISessions {
+ public:
+  bool Enumerate(std::vector<SessionInfo>& s) override {
+    s = sessions;
+    return enumerateSucceeds;
+  }
+  uint32_t ActiveConsoleSession() override { return consoleSession; }
+  std::vector<SessionInfo> sessions;
+  bool enumerateSucceeds = true;
+  uint32_t consoleSession = kNoSession;
+};
+
+// A window whose message queue the test fills; Drain delivers the queue to
+// the sink on the pumping thread.
+class FakeSessionWindow : public ISessionWindow {
+ public:
+  bool Create(IWindowMessageSink& sink) override;
+  bool RegisterNotifications() override;
+  void Drain() override;
+  void DestroyAndUnregister() override;
+  void PostQuit() override { ++quits; }
+  int64_t DefaultProc(uint32_t, uint64_t, int64_t) override {
+    ++defaultProcCalls;
+    return 0;
+  }
+  void Post(uint32_t message, uint64_t wParam, int64_t lParam);
+
+  bool createSucceeds = true;
+  std::atomic<int> registrationFailuresLeft{0};
+  std::atomic<int> registerCalls{0}, quits{0}, defaultProcCalls{0}, destroyed{0};
+
+ private:
+  std::mutex m_mutex;
+  IWindowMessageSink* m_sink = nullptr;
+  struct Message {
+    uint32_t message;
+    uint64_t wParam;
+    int64_t lParam;
+  };
+  std::vector<Message> m_queue;
+};
+
+// A platform made of the fakes above, with short timings.
+struct FakePlatform {
+  FakeSupport support;
+  FakeRegistry registry;
+  FakeNetwork network;
+  FakeSessions sessions;
+  FakeSessionWindow window;
+  Timings timings = ShortTimings();
+
+  static Timings ShortTimings();
+  Platform Get();
+};
+
+}  // namespace lindqvar::testing

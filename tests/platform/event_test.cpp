@@ -1,0 +1,85 @@
+// Runs natively and, in the Windows build, under Wine: one test for both
+// implementations of the portable facilities.
+#include "platform/event.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "platform/os.h"
+#include "platform/worker_thread.h"
+
+namespace lindqvar {
+namespace {
+
+using RP = Event::ResetPolicy;
+using IS = Event::InitialState;
+
+TEST(Event, ManualStaysSignaledAutomaticReleasesOneWait) {
+  Event manual(RP::kManual, IS::kSignaled);
+  EXPECT_EQ(manual.Wait(0), WaitResult::kSignaled);
+  EXPECT_EQ(manual.Wait(0), WaitResult::kSignaled);
+  manual.Reset();
+  EXPECT_EQ(manual.Wait(0), WaitResult::kTimeout);
+
+  Event automatic(RP::kAutomatic, IS::kNotSignaled);
+  EXPECT_EQ(automatic.Wait(5), WaitResult::kTimeout);
+  automatic.Set();
+  EXPECT_EQ(automatic.Wait(0), WaitResult::kSignaled);
+  EXPECT_EQ(automatic.Wait(0), WaitResult::kTimeout);
+}
+
+TEST(Event, WaitAnyReportsWhichAndConsumesOnlyAutomaticSignals) {
+  Event stop(RP::kManual, IS::kNotSignaled);
+  Event change(RP::kAutomatic, IS::kNotSignaled);
+  EXPECT_EQ(Event::WaitAny(stop, change, 5), -1);
+  change.Set();
+  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 1);
+  EXPECT_EQ(Event::WaitAny(stop, change, 0), -1);
+  stop.Set();
+  change.Set();
+  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 0);  // the first wins
+  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 0);  // manual stays set
+}
+
+TEST(Event, WaitAnyWakesForASetFromAnotherThread) {
+  Event a(RP::kManual, IS::kNotSignaled);
+  Event b(RP::kAutomatic, IS::kNotSignaled);
+  std::thread setter([&] {
+    SleepMs(20);
+    b.Set();
+  });
+  EXPECT_EQ(Event::WaitAny(a, b, kInfinite), 1);
+  setter.join();
+}
+
+TEST(WorkerThread, ReportsStillActiveThenTheRoutineResult) {
+  Event release(RP::kManual, IS::kNotSignaled);
+  WorkerThread t;
+  EXPECT_FALSE(t.Started());
+  t.Start([&] {
+    release.Wait(kInfinite);
+    return 7u;
+  });
+  EXPECT_TRUE(t.Started());
+  EXPECT_EQ(t.ExitCode(), WorkerThread::kStillActive);
+  release.Set();
+  t.Join();
+  EXPECT_EQ(t.ExitCode(), 7u);
+}
+
+TEST(Text, Utf8AndUtf16RoundTripAndBadInputIsReplaced) {
+  const std::u16string wide = u"a\u00e9\u20ac\U0001F600";
+  EXPECT_EQ(WideToUtf8(wide), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+  EXPECT_EQ(Utf8ToWide("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"), wide);
+  EXPECT_EQ(WideToUtf8(std::u16string(1, char16_t(0xD800))), "\xEF\xBF\xBD");
+  EXPECT_EQ(Utf8ToWide("\xC3"), u"\uFFFD");           // truncated sequence
+  EXPECT_EQ(Utf8ToWide("\xC0\x80"), u"\uFFFD\uFFFD");  // overlong form
+  EXPECT_EQ(Utf8ToWide("\xED\xA0\x80").size(), 3u);    // encoded surrogate
+  EXPECT_EQ(AnsiToWide("plain"), u"plain");
+  EXPECT_EQ(WideToAnsi(u"plain"), "plain");
+}
+
+}  // namespace
+}  // namespace lindqvar
