@@ -1,0 +1,84 @@
+# Makes the development PKI in the build tree with the openssl command line:
+#   ca.pem / ca.key            development CA (self-signed)
+#   server.pem / server.key    lab authenticator's certificate (localhost,
+#                              127.0.0.1, ::1), key without a pass phrase
+#   client.pem / client.key    agent's client certificate, key encrypted
+#                              (PKCS#8, AES-128-CBC) with client.pass
+#   client.pass                pass phrase of client.key (12 characters)
+#   client.pass2               the alternative pass phrase (24 characters)
+#   other-ca.pem / .key        an unrelated CA, for tests of a lab server
+#                              that trusts someone else
+# Nothing here is ever committed: it lives in the build tree only.
+#
+#   cmake -DOPENSSL=<openssl> -DOUT=<dir> -P make_dev_pki.cmake
+
+cmake_minimum_required(VERSION 3.25)
+
+if(NOT OPENSSL OR NOT OUT)
+  message(FATAL_ERROR "make_dev_pki.cmake: OPENSSL and OUT are required")
+endif()
+file(MAKE_DIRECTORY "${OUT}")
+
+function(run)
+  execute_process(COMMAND "${OPENSSL}" ${ARGN}
+                  WORKING_DIRECTORY "${OUT}"
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "openssl ${ARGN} failed (${rc}):\n${err}")
+  endif()
+endfunction()
+
+function(random_hex bytes var)
+  execute_process(COMMAND "${OPENSSL}" rand -hex ${bytes}
+                  OUTPUT_VARIABLE hex RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "openssl rand failed")
+  endif()
+  set(${var} "${hex}" PARENT_SCOPE)
+endfunction()
+
+# Every file is made under a temporary name first, so an interrupted run
+# never leaves a half-made PKI that looks complete.
+set(days 3650)
+
+file(WRITE "${OUT}/server.ext"
+  "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=serverAuth\nsubjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\n")
+file(WRITE "${OUT}/client.ext"
+  "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=clientAuth\n")
+
+random_hex(6 pass)
+random_hex(12 pass2)
+file(WRITE "${OUT}/client.pass" "${pass}")
+file(WRITE "${OUT}/client.pass2" "${pass2}")
+
+foreach(ca ca other-ca)
+  if(ca STREQUAL "ca")
+    set(cn "Lindqvar Development CA")
+  else()
+    set(cn "Lindqvar Unrelated Test CA")
+  endif()
+  run(req -x509 -newkey rsa:2048 -nodes -sha256 -days ${days}
+      -keyout ${ca}.key.tmp -out ${ca}.pem.tmp -subj "/O=Lindqvar Lab/CN=${cn}"
+      -addext "basicConstraints=critical,CA:TRUE"
+      -addext "keyUsage=critical,keyCertSign,cRLSign")
+endforeach()
+
+run(req -newkey rsa:2048 -nodes -sha256 -keyout server.key.tmp -out server.csr
+    -subj "/O=Lindqvar Lab/CN=localhost")
+random_hex(8 serial)
+run(x509 -req -in server.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
+    -days ${days} -sha256 -extfile server.ext -out server.pem.tmp)
+
+run(genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -aes-128-cbc
+    -pass file:client.pass -out client.key.tmp)
+run(req -new -key client.key.tmp -passin file:client.pass -sha256 -out client.csr
+    -subj "/O=Lindqvar Lab/CN=Lindqvar Agent")
+random_hex(8 serial)
+run(x509 -req -in client.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
+    -days ${days} -sha256 -extfile client.ext -out client.pem.tmp)
+
+file(REMOVE "${OUT}/server.csr" "${OUT}/client.csr" "${OUT}/server.ext"
+     "${OUT}/client.ext")
+foreach(f ca.key other-ca.key other-ca.pem server.key server.pem client.key client.pem ca.pem)
+  file(RENAME "${OUT}/${f}.tmp" "${OUT}/${f}")
+endforeach()
