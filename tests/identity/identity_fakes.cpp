@@ -152,8 +152,11 @@ bool RegistrySupport::reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string
 }
 
 SidBytes MakeSid(std::array<uint8_t, 6> authority, std::vector<uint32_t> subAuthorities) {
-  SidBytes sid = {1, static_cast<uint8_t>(subAuthorities.size())};
-  sid.insert(sid.end(), authority.begin(), authority.end());
+  SidBytes sid;
+  sid.reserve(8 + 4 * subAuthorities.size());
+  sid.push_back(1);
+  sid.push_back(static_cast<uint8_t>(subAuthorities.size()));
+  for (uint8_t b : authority) sid.push_back(b);
   for (uint32_t s : subAuthorities) {
     for (int i = 0; i < 4; ++i) sid.push_back(static_cast<uint8_t>(s >> (8 * i)));
   }

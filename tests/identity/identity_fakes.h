@@ -61,7 +61,6 @@ class FakeAccounts : public IAccounts {
   bool hasQueryUserToken = true;
   uint32_t queryError = kErrorNotLoggedOn;  // for sessions without a user
   uint32_t tokenInformationError = 6;       // ERROR_INVALID_HANDLE
-  uint32_t lastErrorWhenMissing = 127;      // what LastError() says if the function is missing
   std::u16string computerName = u"WORKSTATION7";
   std::atomic<int> tokensClosed{0};
   std::atomic<int> tokensAbandoned{0};

@@ -1,0 +1,282 @@
+#include "identity/address_discovery.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "identity/address_text.h"
+#include "platform/os.h"
+
+namespace lindqvar {
+
+namespace {
+
+constexpr const char* kGetIPAddress = "CSessionManager::GetIPAddress";
+constexpr const char* kGetAllIPAddress = "CSessionManager::GetAllIPAddress";
+constexpr const char* kGetOnlyVpn = "CSessionManager::GetOnlyVLMVirtualAdapterAddress";
+constexpr const char* kIsHyperVExternalSwitch = "CSessionManager::IsHyperVExternalSwitch";
+
+// The description prefixes of virtual adapters, compared byte for byte
+// (case included; a description may continue after them).
+constexpr std::string_view kVmwarePrefix = "VMware";
+constexpr std::string_view kVirtualBoxPrefix = "VirtualBox";
+constexpr std::string_view kHyperVPrefix = "Hyper-V Virtual Ethernet Adapter";
+constexpr uint8_t kVirtualMacPrefix[3] = {0x44, 0x45, 0x53};  // "DES"
+
+constexpr size_t kPermanentAddressBytes = 16;
+
+bool StartsWith(const std::string& text, std::string_view prefix) {
+  return std::strncmp(text.c_str(), prefix.data(), prefix.size()) == 0;
+}
+
+uint16_t FirstGroup(const ResolvedAddress& a) {
+  return static_cast<uint16_t>((a.bytes[0] << 8) | a.bytes[1]);
+}
+
+bool SameAddress(const ResolvedAddress& a, const ResolvedAddress& b) {
+  if (a.family != b.family) return false;
+  const size_t n = a.family == kFamilyIPv4 ? 4 : 16;
+  return std::memcmp(a.bytes.data(), b.bytes.data(), n) == 0;
+}
+
+std::string AnsiForLog(const std::string& ansi) { return WideToUtf8(AnsiToWide(ansi)); }
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c - 'A' + 10;  // upper case assumed, anything else unchecked
+}
+
+}  // namespace
+
+CAddressDiscovery::CAddressDiscovery(CLog& log, INetwork& network, IAdapters& adapters,
+                                     IHyperV& hyperv, std::string hostName,
+                                     uint32_t addressCategory)
+    : m_log(log),
+      m_network(network),
+      m_adapters(adapters),
+      m_hyperv(hyperv),
+      m_addressCategory(addressCategory),
+      m_hostName(std::move(hostName)) {}
+
+void CAddressDiscovery::SetHostName(const std::string& hostName) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  m_hostName = hostName;
+}
+
+void CAddressDiscovery::GetIPAddress(IPv4List* ipv4, uint32_t& count4, IPv6List* ipv6,
+                                     uint32_t& count6) {
+  count4 = 0;
+  count6 = 0;
+  if (!ipv4 || !ipv6) return;
+  ipv4->fill(0);
+  for (IPv6Address& a : *ipv6) a.fill(0);
+
+  if (m_addressCategory.load() != 0) {
+    GetOnlyVLMVirtualAdapterAddress(*ipv4, count4, *ipv6, count6);
+    if (count4 == 0 && count6 == 0) {
+      m_log.Debug("VPN is down\n");
+      GetAllIPAddress(*ipv4, count4, *ipv6, count6);
+    } else {
+      m_log.Debug("VPN is up\n");
+    }
+  } else {
+    GetAllIPAddress(*ipv4, count4, *ipv6, count6);
+  }
+  m_log.Debug("%s:%d count:%d, count6:%d\n", kGetIPAddress, 1227, static_cast<int>(count4),
+              static_cast<int>(count6));
+}
+
+bool CAddressDiscovery::AddIfReportable(const ResolvedAddress& address, IPv4List& ipv4,
+                                        uint32_t& count4, IPv6List& ipv6,
+                                        uint32_t& count6) const {
+  const auto& b = address.bytes;
+  if (address.family == kFamilyIPv4) {
+    if (b[0] == 127 || (b[0] == 169 && b[1] == 254)) return false;  // loopback, link-local
+    if (count4 >= 4 || !IsAddressAllowed(address)) return false;
+    std::memcpy(&ipv4[count4], b.data(), 4);  // stays in network byte order
+    ++count4;
+    return true;
+  }
+  if (address.family == kFamilyIPv6) {
+    // A first group of 0 drops ::1, :: and IPv4-mapped forms.
+    const uint16_t first = FirstGroup(address);
+    if (first == 0) return false;
+    if (count6 >= 4 || !IsAddressAllowed(address) || (first & 0xffc0) == 0xfe80) return false;
+    std::memcpy(ipv6[count6].data(), b.data(), 16);
+    ++count6;
+    return true;
+  }
+  return false;
+}
+
+void CAddressDiscovery::GetAllIPAddress(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                        uint32_t& count6) {
+  m_log.Debug("%s is called\n", kGetAllIPAddress);
+  std::string hostName;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    hostName = m_hostName;
+  }
+  std::vector<ResolvedAddress> addresses;
+  if (m_network.Resolve(hostName, addresses) != 0) return;
+  for (const ResolvedAddress& a : addresses) {
+    if (!AddIfReportable(a, ipv4, count4, ipv6, count6)) continue;
+    if (a.family == kFamilyIPv4) {
+      m_log.Debug("%s:%d IPv4 address:%s\n", kGetAllIPAddress, 1356, AddressText(a).c_str());
+    } else {
+      m_log.Debug("%s:%d IPv6 address:%s\n", kGetAllIPAddress, 1368, AddressText(a).c_str());
+    }
+  }
+}
+
+void CAddressDiscovery::GetOnlyVLMVirtualAdapterAddress(IPv4List& ipv4, uint32_t& count4,
+                                                        IPv6List& ipv6, uint32_t& count6) {
+  m_log.Debug("%s is called\n", kGetOnlyVpn);
+  std::vector<AdapterAddresses> adapters;
+  if (m_adapters.AllocateAdaptersAddresses(adapters) != 0) return;
+  const auto vpn = std::find_if(adapters.begin(), adapters.end(), [](const AdapterAddresses& a) {
+    return a.operStatus == kIfOperStatusUp && (a.description == kVpnAdapterDescription ||
+                                               a.description == kVpnAdapterDescriptionNdis);
+  });
+  if (vpn == adapters.end()) return;
+  for (const ResolvedAddress& a : vpn->unicast) AddIfReportable(a, ipv4, count4, ipv6, count6);
+}
+
+void CAddressDiscovery::BuildVirtualAdapterList() {
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_excluded.clear();
+  }
+  std::vector<AdapterInfo> adapters;
+  if (m_adapters.GetAdaptersInfo(adapters) != 0) return;
+
+  std::vector<ResolvedAddress> excluded;
+  for (const AdapterInfo& adapter : adapters) {
+    if (adapter.type == kIfTypePpp || adapter.type == kIfTypeSlip) continue;
+    if (!IsVirtualAdapter(adapter) || adapter.addressLength == 0) continue;
+    // The adapter's first address, once for every entry of its address list.
+    for (size_t i = 0; i < adapter.ipAddresses.size(); ++i) {
+      excluded.push_back(ParseIPv4Text(adapter.ipAddresses.front()));
+    }
+  }
+  std::lock_guard<std::mutex> lock(m_lock);
+  m_excluded = std::move(excluded);
+}
+
+uint32_t CAddressDiscovery::IsAddressAllowed(const ResolvedAddress& address) const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  for (const ResolvedAddress& e : m_excluded) {
+    if (SameAddress(e, address)) return 0;
+  }
+  return 1;
+}
+
+uint32_t CAddressDiscovery::IsVirtualAdapter(const AdapterInfo& adapter) {
+  if (adapter.addressLength == 6) {
+    for (const auto& mac : kOwnVpnAdapterMacs) {
+      if (std::memcmp(adapter.address.data(), mac.data(), 6) == 0) return 0;
+    }
+  }
+  if (StartsWith(adapter.description, kVmwarePrefix) ||
+      StartsWith(adapter.description, kVirtualBoxPrefix)) {
+    return 1;
+  }
+  if (StartsWith(adapter.description, kHyperVPrefix) && !IsHyperVExternalSwitch(adapter)) return 1;
+  return std::memcmp(adapter.address.data(), kVirtualMacPrefix, 3) == 0 ? 1 : 0;
+}
+
+uint32_t CAddressDiscovery::IsHyperVExternalSwitch(const AdapterInfo& adapter) {
+  bool external = false;
+  if (adapter.addressLength == 6) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (const HyperVExternalPort& port : m_hyperVPorts) {
+      if (port.hasMac && std::memcmp(port.mac.data(), adapter.address.data(), 6) == 0) {
+        external = true;
+        break;
+      }
+    }
+  }
+  m_log.Debug("%s:%d AdapterName:%s, Description:%s, %s\n", kIsHyperVExternalSwitch, 3617,
+              AnsiForLog(adapter.adapterName).c_str(), AnsiForLog(adapter.description).c_str(),
+              external ? "It's a Hyper-v external switch" : "It's a Hyper-v internal/private switch");
+  return external ? 1 : 0;
+}
+
+void CAddressDiscovery::LoadHyperVExternalPorts() {
+  std::vector<HyperVPortRow> rows;
+  m_hyperv.QueryExternalPorts(rows);
+  std::vector<HyperVExternalPort> ports;
+  for (const HyperVPortRow& row : rows) {
+    HyperVExternalPort port;
+    if (row.permanentAddress && *row.permanentAddress != u"000000000000") {
+      m_log.Debug("Mac address:%s\n", WideToUtf8(*row.permanentAddress).c_str());
+      port.mac = ParsePermanentAddress(WideToAnsi(*row.permanentAddress));
+      port.hasMac = true;
+      if (row.elementName) {
+        port.elementName = *row.elementName;
+        m_log.Debug("ElementName:%s\n", WideToUtf8(port.elementName).c_str());
+      }
+      if (row.description) {
+        port.description = *row.description;
+        m_log.Debug("Description:%s\n", WideToUtf8(port.description).c_str());
+      }
+    }
+    ports.push_back(std::move(port));
+  }
+  std::lock_guard<std::mutex> lock(m_lock);
+  m_hyperVPorts = std::move(ports);
+}
+
+std::vector<ResolvedAddress> CAddressDiscovery::ExcludedAddresses() const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_excluded;
+}
+
+std::vector<HyperVExternalPort> CAddressDiscovery::HyperVExternalPorts() const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_hyperVPorts;
+}
+
+std::array<uint8_t, 6> ParsePermanentAddress(const std::string& text) {
+  char buffer[kPermanentAddressBytes] = {};
+  std::memcpy(buffer, text.data(), std::min(text.size(), kPermanentAddressBytes));
+  std::array<uint8_t, 6> mac{};
+  for (size_t i = 0; i < mac.size(); ++i) {
+    mac[i] = static_cast<uint8_t>(HexDigit(buffer[2 * i]) * 16 + HexDigit(buffer[2 * i + 1]));
+  }
+  return mac;
+}
+
+uint32_t IPv4ListsDiffer(uint32_t count, const IPv4List& oldList, const IPv4List& newList) {
+  const size_t n = std::min<size_t>(count, oldList.size());
+  for (size_t i = 0; i < n; ++i) {
+    if (std::find(newList.begin(), newList.begin() + n, oldList[i]) == newList.begin() + n) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+uint32_t IPv6ListsDiffer(uint32_t count, const IPv6List& oldList, const IPv6List& newList) {
+  const size_t n = std::min<size_t>(count, oldList.size());
+  for (size_t i = 0; i < n; ++i) {
+    bool found = false;
+    for (size_t j = 0; j < n && !found; ++j) {
+      found = std::memcmp(oldList[i].data(), newList[j].data(), 16) == 0;
+    }
+    if (!found) return 1;
+  }
+  return 0;
+}
+
+uint32_t AddressListsDiffer(uint32_t count4, const IPv4List& old4, const IPv4List& new4,
+                            uint32_t count6, const IPv6List& old6, const IPv6List& new6) {
+  return IPv4ListsDiffer(count4, old4, new4) || IPv6ListsDiffer(count6, old6, new6) ? 1 : 0;
+}
+
+uint32_t IPv4ListChanged(const IPv4List& oldList, uint32_t oldCount, const IPv4List& newList,
+                         uint32_t newCount) {
+  return oldCount != newCount || IPv4ListsDiffer(oldCount, oldList, newList) ? 1 : 0;
+}
+
+}  // namespace lindqvar

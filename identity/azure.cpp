@@ -1,0 +1,148 @@
+#include "identity/azure.h"
+
+#include <cstdio>
+#include <regex>
+
+#include "identity/wide_text.h"
+#include "platform/os.h"
+
+namespace lindqvar {
+
+namespace {
+
+constexpr const char* kFunction = "GetAZureSessionUserInfo";
+constexpr uint32_t kPipeReadSize = 1024;
+// Longer lines are skipped unmatched: the standard library's regex matcher
+// recurses once per character and would exhaust a thread's stack on a line
+// of some thousands, and the tool's status lines are far shorter.
+constexpr size_t kMaxLineUnits = 1024;
+
+// std::regex has no char16_t traits: the parse works on wchar_t units,
+// copied one for one (UTF-16 units stay as they are on either system).
+std::wstring ToWString(std::u16string_view s) { return std::wstring(s.begin(), s.end()); }
+std::u16string ToU16(const std::wstring& s) {
+  std::u16string out;
+  out.reserve(s.size());
+  for (wchar_t c : s) out.push_back(static_cast<char16_t>(c));
+  return out;
+}
+
+}  // namespace
+
+int32_t HResultFromWin32(uint32_t error) {
+  const auto signedError = static_cast<int32_t>(error);
+  if (signedError <= 0) return signedError;
+  return static_cast<int32_t>((error & 0xFFFFu) | 0x80070000u);
+}
+
+int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t sessionId,
+                                std::u16string& user, std::u16string& domain,
+                                std::u16string& tenantId) {
+  std::unique_ptr<IUserToken> token;
+  // Nobody logged on (1) is not a failure here: the tool is run with no token.
+  if (QuerySessionUserToken(system.accounts, log, sessionId, &token, true) < 0) {
+    log.Debug("%s(), GetTokenOfSession() failed, err=%d", kFunction,
+              static_cast<int>(system.accounts.LastError()));
+    return kAzureNoToken;
+  }
+
+  std::string output;
+  const int32_t run =
+      RunExternalProgram(system.console, system.timings, token.get(), "dsregcmd.exe", "/status", output);
+  if (run != 0) {
+    log.Debug("%s(), Calling of RunExternalProgram is failed, error:%d", kFunction, run);
+    return kAzureProgramFailed;
+  }
+  log.Debug("%s(), Calling of RunExternalProgram is successful", kFunction);
+
+  const int32_t parsed = ParseConsoleOutput(output, user, domain, tenantId);
+  if (parsed != 0) {
+    log.Debug("%s(), Calling of ParseConsoleOutput is failed, error:%d", kFunction, parsed);
+    return kAzureOutputUnusable;
+  }
+  log.Debug("%s(), username:%s, domain:%s, tenantID:%s", kFunction, WideToUtf8(user).c_str(),
+            WideToUtf8(domain).c_str(), WideToUtf8(tenantId).c_str());
+  return kAzureOk;
+  // The token, when there is one, is closed here by its owner.
+}
+
+int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUserToken* token,
+                           const std::string& program, const std::string& arguments,
+                           std::string& output) {
+  std::unique_ptr<IConsolePipe> pipe;
+  const ConsoleStart start = runner.Start(token, program + " " + arguments, pipe);
+  switch (start.failure) {
+    case ConsoleStartFailure::kNone:
+      break;
+    case ConsoleStartFailure::kPipe:
+      return -1;
+    case ConsoleStartFailure::kInheritance:
+      return HResultFromWin32(start.error);
+    case ConsoleStartFailure::kProcess:
+      return -2;
+  }
+  if (!pipe) return -1;
+
+  // Neither end of the pipe is ever closed (see the Windows runner), so the
+  // pipe never reports a broken pipe and reading always ends by the idle
+  // rule: that many empty polls in a row, one interval apart.
+  std::printf("Start to read pipe\n");
+  uint32_t idle = 0;
+  char buffer[kPipeReadSize];
+  for (;;) {
+    uint32_t available = 0;
+    if (!pipe->Peek(available)) break;
+    if (available == 0) {
+      if (++idle > timings.consoleIdlePolls) break;
+      SleepMs(timings.consoleIdlePollMs);
+      continue;
+    }
+    uint32_t read = 0;
+    if (!pipe->Read(buffer, kPipeReadSize, read) || read == 0) continue;
+    std::printf("dwRead:%d\n", static_cast<int>(read));
+    output.append(buffer, read);
+    idle = 0;
+  }
+  std::printf("console output:%s\n", output.c_str());
+  std::fflush(stdout);
+  return 0;
+}
+
+int32_t ParseConsoleOutput(const std::string& output, std::u16string& user,
+                           std::u16string& domain, std::u16string& tenantId) {
+  static const std::wregex kLine(L"\\s+(.+)\\s+:\\s+(.+)", std::regex::ECMAScript);
+  static const std::wregex kAccount(L".*,\\s*(.*)@(.*)", std::regex::ECMAScript);
+
+  const std::wstring text = ToWString(AnsiToWide(output));
+  bool joined = false;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(L'\n', start);
+    std::wstring line = text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start);
+    start = end == std::wstring::npos ? text.size() : end + 1;
+    if (!line.empty() && (line.back() == L'\r' || line.back() == L'\n')) line.pop_back();
+    if (line.size() > kMaxLineUnits) continue;
+
+    std::wsmatch match;
+    if (!std::regex_match(line, match, kLine) || match.size() != 3) continue;
+    const std::u16string key = ToU16(match[1].str());
+    const std::wstring value = match[2].str();
+    if (WideEqualsNoCase(key, u"AzureAdJoined")) {
+      joined = WideEqualsNoCase(ToU16(value), u"yes");
+    } else if (WideEqualsNoCase(key, u"TenantId")) {
+      tenantId = ToU16(value);
+    } else if (WideEqualsNoCase(key, u"Executing Account Name")) {
+      std::wsmatch account;
+      if (std::regex_match(value, account, kAccount) && account.size() == 3) {
+        user = ToU16(account[1].str());
+        domain = ToU16(account[2].str());
+      }
+    }
+  }
+  // The joined flag is read but deliberately left out of the result: an
+  // output with the account and tenant lines counts without it.
+  (void)joined;
+  return !user.empty() && !domain.empty() && !tenantId.empty() ? 0 : -1;
+}
+
+}  // namespace lindqvar

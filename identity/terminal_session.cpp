@@ -1,0 +1,258 @@
+#include "identity/terminal_session.h"
+
+#include <cstdio>
+
+#include "identity/azure.h"
+#include "identity/wide_text.h"
+#include "platform/os.h"
+
+namespace lindqvar {
+
+namespace {
+
+constexpr uint32_t kSidTextBufferLength = 260;
+constexpr uint32_t kRegSz = 1;
+constexpr uint32_t kRegExpandSz = 2;
+constexpr size_t kSidHeaderSize = 8;  // revision, count, identifier authority
+constexpr uint8_t kSidRevision = 1;
+constexpr uint8_t kSidMaxSubAuthorities = 15;
+
+std::string Utf8(const std::u16string& s) { return WideToUtf8(s); }
+
+// Abandons the token on every way out of GetSessionAccount: the handle that
+// operation takes is never closed, and that is the behaviour to keep.
+class AbandonOnExit {
+ public:
+  AbandonOnExit(IAccounts& accounts, std::unique_ptr<IUserToken>& token)
+      : m_accounts(accounts), m_token(token) {}
+  ~AbandonOnExit() {
+    if (m_token) m_accounts.AbandonToken(std::move(m_token));
+  }
+  AbandonOnExit(const AbandonOnExit&) = delete;
+  AbandonOnExit& operator=(const AbandonOnExit&) = delete;
+
+ private:
+  IAccounts& m_accounts;
+  std::unique_ptr<IUserToken>& m_token;
+};
+
+}  // namespace
+
+uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uint32_t sessionId,
+                         CLog& log, uint32_t preferAzure) {
+  record.m_dwSessionId = sessionId;
+  record.m_log = &log;
+  record.m_strUserName.clear();
+  record.m_strDomain.clear();
+  record.m_strTenantId.clear();
+
+  // The AD answer. Its tenant id is always empty.
+  std::u16string adUser, adDomain;
+  const std::u16string adTenant;
+  bool adValid = false;
+  const int ts = GetTSSessionUserName(system, log, sessionId, adUser, adDomain, 1);
+  if (ts != kTsFailed) log.Debug("iResult:%d", ts);
+  if (ts == kTsDomainAccount) {
+    log.Debug("GetTSSessionUserName() result, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
+              Utf8(adDomain).c_str());
+    if (WideEqualsNoCase(adDomain, u"AzureAD")) {
+      // An Azure AD account seen through the classic route: its answer comes
+      // from the Azure lookup instead.
+      log.Debug("Discard this logon info, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
+                Utf8(adDomain).c_str());
+    } else {
+      adValid = true;
+    }
+  }
+
+  // The Azure answer is asked for whatever the AD lookup gave.
+  std::u16string azureUser, azureDomain, azureTenant;
+  const bool azureValid = GetAZureSessionUserInfo(system, log, sessionId, azureUser, azureDomain,
+                                                  azureTenant) == kAzureOk;
+
+  const std::u16string* user = &adUser;
+  const std::u16string* domain = &adDomain;
+  const std::u16string* tenant = &adTenant;
+  const bool takeAzure = azureValid && (!adValid || preferAzure == 1);
+  if (takeAzure) {
+    user = &azureUser;
+    domain = &azureDomain;
+    tenant = &azureTenant;
+    log.Debug(adValid ? "Got both AD and Azure user logon info, prefer user Azure"
+                      : "Got only Azure user logon info");
+  } else if (!adValid) {
+    log.Debug("Failed to get username for session ID:%d", static_cast<int>(sessionId));
+    return 0;
+  }
+
+  if (user->empty()) return 0;
+  // UTF-16 to UTF-8 cannot fail here (unpaired surrogates become U+FFFD),
+  // so every field converts.
+  record.m_strUserName = Utf8(*user);
+  record.m_strDomain = Utf8(*domain);
+  if (!tenant->empty()) record.m_strTenantId = Utf8(*tenant);
+  return 1;
+}
+
+int GetTSSessionUserName(const UserLookup& system, CLog& log, uint32_t sessionId,
+                         std::u16string& user, std::u16string& domain, uint32_t useDnsDomain) {
+  const int r = GetSessionAccount(system, log, sessionId, user, domain, useDnsDomain);
+  if (r == 0) return kTsFailed;
+  if (r == 2) return kTsNoUser;
+  const std::u16string computer = system.accounts.ComputerName();
+  return WideEqualsNoCase(domain, computer) ? kTsLocalAccount : kTsDomainAccount;
+}
+
+int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
+                      std::u16string& user, std::u16string& domain, uint32_t useDnsDomain) {
+  IAccounts& accounts = system.accounts;
+  std::unique_ptr<IUserToken> token;
+  AbandonOnExit keepOpen(accounts, token);
+
+  const int r = QuerySessionUserToken(accounts, log, sessionId, &token, false);
+  if (r == 1) return 2;
+  if (r != 0) {
+    log.Debug("Failed to get token for session ID:%d,error:%d", static_cast<int>(sessionId),
+              static_cast<int>(accounts.LastError()));
+    return 0;
+  }
+
+  SidBytes sid;
+  if (!accounts.TokenUserSid(*token, sid)) {
+    log.Debug("Failed to get token information for session ID:%d,error:%d",
+              static_cast<int>(sessionId), static_cast<int>(accounts.LastError()));
+    return 0;
+  }
+
+  std::u16string name, sidDomain;
+  if (!accounts.LookupAccountSid(sid, name, sidDomain)) return 0;
+  user = name;
+
+  std::u16string dnsDomain;
+  if (useDnsDomain && GetUserDnsDomain(system.registry, sid, dnsDomain)) {
+    domain = dnsDomain;
+  } else {
+    domain = sidDomain;
+  }
+  return 1;
+}
+
+int QuerySessionUserToken(IAccounts& accounts, CLog& log, uint32_t sessionId,
+                          std::unique_ptr<IUserToken>* token, bool wantLinkedToken) {
+  if (!token) return -1;
+  token->reset();
+  if (!accounts.HasQueryUserToken()) return -1;
+
+  if (accounts.QueryUserToken(sessionId, *token) && *token) {
+    if (wantLinkedToken) {
+      // An elevated user's full token replaces the filtered one when the
+      // system offers it; the first handle stays open.
+      std::unique_ptr<IUserToken> linked = accounts.LinkedToken(**token);
+      if (linked) {
+        accounts.AbandonToken(std::move(*token));
+        *token = std::move(linked);
+      }
+    }
+    return 0;
+  }
+
+  const uint32_t error = accounts.LastError();
+  log.Debug("Failed to call WTSQueryUserToken for session ID:%d,error:%d",
+            static_cast<int>(sessionId), static_cast<int>(error));
+  token->reset();
+  return error == kErrorNotLoggedOn ? 1 : -1;
+}
+
+uint32_t GetUserDnsDomain(IRegistry& registry, const SidBytes& sid, std::u16string& domain) {
+  std::u16string sidText;
+  uint32_t length = kSidTextBufferLength;
+  if (!SidToText(sid, sidText, length)) return 0;
+
+  std::unique_ptr<IRegistryKey> userKey;
+  if (registry.OpenKey(RegistryHive::kUsers, sidText, reg_access::kRead, userKey) !=
+          kErrorSuccess ||
+      !userKey) {
+    return 0;
+  }
+  std::unique_ptr<IRegistryKey> environment;
+  if (registry.OpenKey(RegistryHive::kUsers, sidText + u"\\Volatile Environment",
+                       reg_access::kRead, environment) != kErrorSuccess ||
+      !environment) {
+    return 0;
+  }
+  return RegQueryStringValue(*environment, u"USERDNSDOMAIN", domain, nullptr);
+}
+
+uint32_t RegQueryStringValue(IRegistryKey& key, std::u16string_view name, std::u16string& value,
+                             uint32_t* length) {
+  if (length) *length = 0;
+  uint32_t type = 0;
+  std::vector<uint8_t> data;
+  if (key.QueryValue(name, type, data) != kErrorSuccess || data.empty() ||
+      (type != kRegSz && type != kRegExpandSz)) {
+    return 0;
+  }
+  // The text ends at the first terminator or at the end of the data,
+  // whichever comes first; a stored string need not carry its terminator.
+  std::u16string text(data.size() / sizeof(char16_t), u'\0');
+  for (size_t i = 0; i < text.size(); ++i) {
+    text[i] = static_cast<char16_t>(data[2 * i] | (data[2 * i + 1] << 8));
+  }
+  const size_t end = text.find(u'\0');
+  if (end != std::u16string::npos) text.resize(end);
+  value = text;
+  if (length) *length = static_cast<uint32_t>(data.size() / sizeof(char16_t));
+  return 1;
+}
+
+bool IsValidSid(const SidBytes& sid) {
+  if (sid.size() < kSidHeaderSize) return false;
+  if (sid[0] != kSidRevision || sid[1] > kSidMaxSubAuthorities) return false;
+  return sid.size() >= kSidHeaderSize + 4u * sid[1];
+}
+
+uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length, uint32_t* error) {
+  if (!IsValidSid(sid)) return 0;
+  const uint32_t count = sid[1];
+  // The size is reckoned in bytes but compared with the caller's length in
+  // characters: with a length of 260, SIDs of 9 or more sub-authorities are
+  // refused although their text would fit.
+  const uint32_t required = (count * 12 + 28) * 2;
+  if (length < required) {
+    length = required;
+    if (error) *error = kErrorInsufficientBuffer;
+    return 0;
+  }
+
+  char part[64];
+  std::string out;
+  std::snprintf(part, sizeof part, "S-%lu-", static_cast<unsigned long>(kSidRevision));
+  out += part;
+  const uint8_t* authority = sid.data() + 2;
+  if (authority[0] != 0 || authority[1] != 0) {
+    std::snprintf(part, sizeof part, "0x%02hx%02hx%02hx%02hx%02hx%02hx",
+                  static_cast<unsigned short>(authority[0]), static_cast<unsigned short>(authority[1]),
+                  static_cast<unsigned short>(authority[2]), static_cast<unsigned short>(authority[3]),
+                  static_cast<unsigned short>(authority[4]), static_cast<unsigned short>(authority[5]));
+  } else {
+    const unsigned long value = (static_cast<unsigned long>(authority[2]) << 24) |
+                                (static_cast<unsigned long>(authority[3]) << 16) |
+                                (static_cast<unsigned long>(authority[4]) << 8) |
+                                static_cast<unsigned long>(authority[5]);
+    std::snprintf(part, sizeof part, "%lu", value);
+  }
+  out += part;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint8_t* p = sid.data() + kSidHeaderSize + 4 * i;
+    const unsigned long sub = static_cast<unsigned long>(p[0]) |
+                              (static_cast<unsigned long>(p[1]) << 8) |
+                              (static_cast<unsigned long>(p[2]) << 16) |
+                              (static_cast<unsigned long>(p[3]) << 24);
+    std::snprintf(part, sizeof part, "-%lu", sub);
+    out += part;
+  }
+  text.assign(out.begin(), out.end());
+  return 1;
+}
+
+}  // namespace lindqvar

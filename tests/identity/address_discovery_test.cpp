@@ -1,0 +1,287 @@
+// Which local addresses are reported: resolver walk, VPN-first rule,
+// virtual adapters, Hyper-V switches and the list comparisons.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "identity/address_discovery.h"
+#include "identity/address_text.h"
+#include "tests/identity/identity_fakes.h"
+
+namespace lindqvar::testing {
+namespace {
+
+ResolvedAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) { return FakeNetwork::V4(a, b, c, d); }
+ResolvedAddress V6(std::initializer_list<uint16_t> g) { return FakeNetwork::V6(g); }
+
+uint32_t Packed(const ResolvedAddress& a) {
+  uint32_t v;
+  std::memcpy(&v, a.bytes.data(), 4);
+  return v;
+}
+IPv6Address Bytes16(const ResolvedAddress& a) {
+  IPv6Address out;
+  std::memcpy(out.data(), a.bytes.data(), 16);
+  return out;
+}
+
+AdapterInfo Info(const std::string& description, std::array<uint8_t, 6> mac,
+                 std::vector<std::string> ips, uint32_t type = 6) {
+  AdapterInfo info;
+  info.adapterName = "{" + description + "}";
+  info.description = description;
+  info.type = type;
+  std::memcpy(info.address.data(), mac.data(), 6);
+  info.addressLength = 6;
+  info.ipAddresses = std::move(ips);
+  return info;
+}
+
+class AddressDiscoveryTest : public ::testing::Test {
+ protected:
+  AddressDiscoveryTest() : log(support), discovery(log, network, adapters, hyperv, "pc7", 0) {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+  }
+  void Lookup() { discovery.GetIPAddress(&ipv4, count4, &ipv6, count6); }
+  void VpnAdapter(uint32_t status, std::vector<ResolvedAddress> unicast,
+                  std::u16string description = kVpnAdapterDescription) {
+    AdapterAddresses a;
+    a.description = std::move(description);
+    a.operStatus = status;
+    a.unicast = std::move(unicast);
+    adapters.addresses.push_back(a);
+  }
+
+  FakeSupport support;
+  CLog log;
+  FakeNetwork network;
+  FakeAdapters adapters;
+  FakeHyperV hyperv;
+  CAddressDiscovery discovery;
+  IPv4List ipv4{};
+  IPv6List ipv6{};
+  uint32_t count4 = 9, count6 = 9;
+};
+
+TEST_F(AddressDiscoveryTest, ResolverWalkKeepsFourOfEachAndDropsLocalForms) {
+  network.names["pc7"] = {
+      V4(127, 0, 0, 1),   V4(10, 0, 0, 1),     V4(169, 254, 3, 4), V6({0, 0, 0, 0, 0, 0, 0, 1}),
+      V6({0xfe80, 0, 0, 0, 0, 0, 0, 9}),       V6({0xfebf, 1}),    V6({0, 0, 0, 0, 0, 0xffff, 0x0a00, 1}),
+      V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1}),   V4(10, 0, 0, 2),    V4(192, 168, 1, 3),
+      V4(172, 16, 0, 4),  V4(10, 9, 9, 9),     V6({0xfec0, 0, 0, 0, 0, 0, 0, 1}),
+      V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2}),   V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 3}),
+      V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 4})};
+  ipv4.fill(0xffffffffu);
+  Lookup();
+  ASSERT_EQ(4u, count4);
+  EXPECT_EQ((IPv4List{Packed(V4(10, 0, 0, 1)), Packed(V4(10, 0, 0, 2)), Packed(V4(192, 168, 1, 3)),
+                      Packed(V4(172, 16, 0, 4))}),
+            ipv4);  // the fifth, 10.9.9.9, is dropped
+  ASSERT_EQ(4u, count6);
+  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})), ipv6[0]);
+  EXPECT_EQ(Bytes16(V6({0xfec0, 0, 0, 0, 0, 0, 0, 1})), ipv6[1]);  // site-local is not link-local
+  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 3})), ipv6[3]);
+
+  EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress is called\n"));
+  EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:192.168.1.3\n"));
+  EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress:1368 IPv6 address:fec0::1\n"));
+  EXPECT_EQ(4u, support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::1\n") +
+                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:fec0::1\n") +
+                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::2\n") +
+                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::3\n"));
+  EXPECT_TRUE(support.HasLine("CSessionManager::GetIPAddress:1227 count:4, count6:4\n"));
+}
+
+TEST_F(AddressDiscoveryTest, NothingFoundAndAbsentLists) {
+  ipv4.fill(7);
+  Lookup();  // the host name does not resolve
+  EXPECT_EQ(0u, count4);
+  EXPECT_EQ(0u, count6);
+  EXPECT_EQ(IPv4List{}, ipv4);  // zero-filled before the lookup
+
+  network.names["pc7"] = {V4(10, 0, 0, 1)};
+  count4 = count6 = 5;
+  discovery.GetIPAddress(nullptr, count4, &ipv6, count6);
+  EXPECT_EQ(0u, count4);
+  EXPECT_EQ(0u, count6);
+  EXPECT_FALSE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:10.0.0.1\n"));
+}
+
+TEST_F(AddressDiscoveryTest, VpnFirstWhenTheCategoryAsksForIt) {
+  network.names["pc7"] = {V4(192, 168, 1, 3), V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})};
+  VpnAdapter(2, {V4(10, 212, 0, 7)});  // down
+  VpnAdapter(1, {V4(10, 212, 0, 8)}, u"orvane SSL VPN Virtual Ethernet Adapter");  // case differs
+  VpnAdapter(1, {V4(127, 0, 0, 1), V6({0xfe80, 0, 0, 0, 0, 0, 0, 1})});  // up, nothing reportable
+
+  discovery.SetAddressCategory(0);
+  Lookup();
+  EXPECT_EQ(1u, count4);
+  EXPECT_FALSE(support.HasLine("CSessionManager::GetOnlyVLMVirtualAdapterAddress is called\n"));
+
+  discovery.SetAddressCategory(3);
+  Lookup();
+  EXPECT_TRUE(support.HasLine("VPN is down\n"));
+  EXPECT_EQ(Packed(V4(192, 168, 1, 3)), ipv4[0]);
+  EXPECT_EQ(1u, count6);
+
+  adapters.addresses.clear();
+  VpnAdapter(1, {V4(10, 212, 0, 9), V4(169, 254, 0, 1), V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x77})},
+             kVpnAdapterDescriptionNdis);
+  Lookup();
+  EXPECT_TRUE(support.HasLine("VPN is up\n"));
+  ASSERT_EQ(1u, count4);
+  EXPECT_EQ(Packed(V4(10, 212, 0, 9)), ipv4[0]);
+  ASSERT_EQ(1u, count6);
+  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x77})), ipv6[0]);
+  // The VPN's addresses are not logged one by one.
+  EXPECT_FALSE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:10.212.0.9\n"));
+
+  adapters.addressesError = 8;
+  Lookup();
+  EXPECT_EQ(2u, support.CountLines("VPN is down\n"));
+}
+
+TEST_F(AddressDiscoveryTest, VirtualAdapterClassification) {
+  const std::array<uint8_t, 6> plain = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
+  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VMware Virtual Ethernet Adapter for VMnet8", plain, {})));
+  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VMwareX", plain, {})));
+  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("vmware adapter", plain, {})));
+  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VirtualBox Host-Only Ethernet Adapter", plain, {})));
+  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("VirtualBo", plain, {})));
+  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("Intel(R) Ethernet", plain, {})));
+  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("Intel(R) Ethernet", {0x44, 0x45, 0x53, 0, 0, 1}, {})));
+  // The endpoint client's own VPN adapters are never virtual.
+  for (const auto& mac : kOwnVpnAdapterMacs) {
+    EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("VMware look-alike", mac, {})));
+  }
+  AdapterInfo shortMac = Info("Intel", {0x44, 0x45, 0x53, 0, 0, 0}, {});
+  shortMac.addressLength = 3;
+  EXPECT_EQ(1u, discovery.IsVirtualAdapter(shortMac));
+}
+
+TEST_F(AddressDiscoveryTest, HyperVExternalSwitchIsReportedInternalIsNot) {
+  hyperv.rows = {
+      HyperVPortRow{u"00155D0A0B0C", u"External Switch", u"Port on NIC"},
+      HyperVPortRow{u"000000000000", u"Zero", u"Zero port"},
+      HyperVPortRow{std::nullopt, u"NoMac", std::nullopt},
+  };
+  discovery.LoadHyperVExternalPorts();
+  const auto ports = discovery.HyperVExternalPorts();
+  ASSERT_EQ(3u, ports.size());
+  EXPECT_TRUE(ports[0].hasMac);
+  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0x0a, 0x0b, 0x0c}), ports[0].mac);
+  EXPECT_EQ(u"External Switch", ports[0].elementName);
+  EXPECT_FALSE(ports[1].hasMac);
+  EXPECT_EQ(u"", ports[1].elementName);  // only read after a parsed address
+  EXPECT_FALSE(ports[2].hasMac);
+  EXPECT_TRUE(support.HasLine("Mac address:00155D0A0B0C\n"));
+  EXPECT_TRUE(support.HasLine("ElementName:External Switch\n"));
+  EXPECT_TRUE(support.HasLine("Description:Port on NIC\n"));
+  EXPECT_FALSE(support.HasLine("Mac address:000000000000\n"));
+
+  adapters.infos = {
+      Info("Hyper-V Virtual Ethernet Adapter", {0x00, 0x15, 0x5d, 0x0a, 0x0b, 0x0c}, {"192.168.7.2"}),
+      Info("Hyper-V Virtual Ethernet Adapter #2", {0x00, 0x15, 0x5d, 0x99, 0x00, 0x01}, {"172.20.0.1"}),
+      Info("hyper-v virtual ethernet adapter #3", {0x00, 0x15, 0x5d, 0x99, 0x00, 0x02}, {"172.21.0.1"}),
+      Info("Hyper-V Virtual Ethernet Adapter", {0, 0, 0, 0, 0, 0}, {"172.22.0.1"}),  // zero MAC
+  };
+  discovery.BuildVirtualAdapterList();
+  EXPECT_EQ(1u, discovery.IsAddressAllowed(V4(192, 168, 7, 2)));
+  EXPECT_EQ(0u, discovery.IsAddressAllowed(V4(172, 20, 0, 1)));
+  EXPECT_EQ(1u, discovery.IsAddressAllowed(V4(172, 21, 0, 1)));  // case defeats the prefix test
+  EXPECT_EQ(0u, discovery.IsAddressAllowed(V4(172, 22, 0, 1)));  // never matches a port
+  EXPECT_TRUE(support.HasLine(
+      "CSessionManager::IsHyperVExternalSwitch:3617 AdapterName:{Hyper-V Virtual Ethernet Adapter}, "
+      "Description:Hyper-V Virtual Ethernet Adapter, It's a Hyper-v external switch\n"));
+  EXPECT_TRUE(support.HasLine(
+      "CSessionManager::IsHyperVExternalSwitch:3617 AdapterName:{Hyper-V Virtual Ethernet Adapter #2}, "
+      "Description:Hyper-V Virtual Ethernet Adapter #2, It's a Hyper-v internal/private switch\n"));
+}
+
+TEST_F(AddressDiscoveryTest, ExcludedListTakesEachVirtualAdaptersFirstAddress) {
+  const std::array<uint8_t, 6> mac = {0x00, 0x50, 0x56, 0xc0, 0x00, 0x08};
+  AdapterInfo noMac = Info("VMware no MAC", mac, {"192.168.60.1"});
+  noMac.addressLength = 0;
+  adapters.infos = {
+      Info("VMware Virtual Ethernet Adapter for VMnet8", mac, {"192.168.50.1", "192.168.51.1"}),
+      Info("VMware dial-up", mac, {"192.168.70.1"}, kIfTypePpp),
+      Info("VirtualBox slip", mac, {"192.168.71.1"}, kIfTypeSlip),
+      noMac,
+      Info("Realtek PCIe GbE", {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}, {"192.168.1.3"}),
+  };
+  discovery.BuildVirtualAdapterList();
+  const auto excluded = discovery.ExcludedAddresses();
+  ASSERT_EQ(2u, excluded.size());  // the first address, once per entry of the list
+  EXPECT_EQ(Packed(V4(192, 168, 50, 1)), Packed(excluded[0]));
+  EXPECT_EQ(Packed(V4(192, 168, 50, 1)), Packed(excluded[1]));
+
+  network.names["pc7"] = {V4(192, 168, 50, 1), V4(192, 168, 51, 1), V4(192, 168, 70, 1),
+                          V4(192, 168, 60, 1), V4(192, 168, 1, 3)};
+  Lookup();
+  EXPECT_EQ(4u, count4);
+  EXPECT_EQ(Packed(V4(192, 168, 51, 1)), ipv4[0]);
+
+  // A failed adapter query leaves the list empty, not stale.
+  adapters.infoError = 232;
+  discovery.BuildVirtualAdapterList();
+  EXPECT_TRUE(discovery.ExcludedAddresses().empty());
+  EXPECT_EQ(1u, discovery.IsAddressAllowed(V4(192, 168, 50, 1)));
+}
+
+TEST(PermanentAddressTest, ParsesHexPairsWithoutValidation) {
+  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}),
+            ParsePermanentAddress("00155DABCDEF"));
+  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}),
+            ParsePermanentAddress("00155dabcdef"));
+  // Anything else counts as an upper-case letter would.
+  EXPECT_EQ(static_cast<uint8_t>(('G' - 'A' + 10) * 16 + 1), ParsePermanentAddress("G10000000000")[0]);
+  // Short text reads the zero-filled buffer beyond it.
+  EXPECT_EQ(static_cast<uint8_t>(0x12), ParsePermanentAddress("12")[0]);
+}
+
+TEST(AddressListsTest, ComparisonsAreOrderFreeAndOneSided) {
+  const IPv4List a = {1, 2, 3, 0};
+  const IPv4List reordered = {3, 1, 2, 0};
+  const IPv4List other = {1, 2, 4, 3};
+  EXPECT_EQ(0u, IPv4ListsDiffer(3, a, reordered));
+  EXPECT_EQ(1u, IPv4ListsDiffer(3, a, other));  // 3 is only beyond the count
+  EXPECT_EQ(0u, IPv4ListsDiffer(4, a, IPv4List{0, 3, 2, 1}));
+  EXPECT_EQ(0u, IPv4ListsDiffer(0, a, IPv4List{}));
+  EXPECT_EQ(0u, IPv4ListsDiffer(2, IPv4List{1, 1, 0, 0}, IPv4List{1, 9, 0, 0}));  // one-sided
+
+  IPv6List x{}, y{};
+  x[0][0] = 0x20;
+  x[1][15] = 7;
+  y[0][15] = 7;
+  y[1][0] = 0x20;
+  EXPECT_EQ(0u, IPv6ListsDiffer(2, x, y));
+  y[1][1] = 1;
+  EXPECT_EQ(1u, IPv6ListsDiffer(2, x, y));
+
+  EXPECT_EQ(1u, AddressListsDiffer(3, a, reordered, 2, x, y));
+  EXPECT_EQ(1u, AddressListsDiffer(3, a, other, 0, x, y));
+  EXPECT_EQ(0u, AddressListsDiffer(3, a, reordered, 0, x, y));
+
+  EXPECT_EQ(1u, IPv4ListChanged(a, 3, a, 2));
+  EXPECT_EQ(0u, IPv4ListChanged(a, 3, reordered, 3));
+  EXPECT_EQ(1u, IPv4ListChanged(a, 3, other, 3));
+}
+
+TEST(AddressTextTest, Forms) {
+  EXPECT_EQ("10.0.0.255", AddressText(V4(10, 0, 0, 255)));
+  EXPECT_EQ("2001:db8::1", AddressText(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})));
+  EXPECT_EQ("::1", AddressText(V6({0, 0, 0, 0, 0, 0, 0, 1})));
+  EXPECT_EQ("fe80::", AddressText(V6({0xfe80})));
+  EXPECT_EQ("1:0:0:2::3", AddressText(V6({1, 0, 0, 2, 0, 0, 0, 3})));
+  EXPECT_EQ("1:0:2:3:4:5:6:7", AddressText(V6({1, 0, 2, 3, 4, 5, 6, 7})));
+
+  EXPECT_EQ(Packed(V4(192, 168, 0, 10)), Packed(ParseIPv4Text("192.168.0.10")));
+  for (const char* bad : {"1.2.3", "256.1.1.1", "1.2.3.4.5", "a.b.c.d", "", "1..2.3", "0001.1.1.1"}) {
+    const ResolvedAddress r = ParseIPv4Text(bad);
+    EXPECT_EQ(kFamilyIPv4, r.family) << bad;
+    EXPECT_EQ(0u, Packed(r)) << bad;
+  }
+}
+
+}  // namespace
+}  // namespace lindqvar::testing

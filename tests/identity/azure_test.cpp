@@ -1,0 +1,191 @@
+// The Azure AD lookup: the console-output parser, the pipe reader's rules
+// and the lookup's results and messages.
+#include <gtest/gtest.h>
+
+#include "identity/azure.h"
+#include "tests/identity/identity_fakes.h"
+
+namespace lindqvar::testing {
+namespace {
+
+struct Parsed {
+  int32_t result;
+  std::u16string user, domain, tenant;
+};
+Parsed Parse(const std::string& output) {
+  Parsed p;
+  p.result = ParseConsoleOutput(output, p.user, p.domain, p.tenant);
+  return p;
+}
+
+TEST(ParseConsoleOutputTest, ReadsTheThreeValues) {
+  const Parsed p = Parse(
+      "| Device State |\r\n"
+      "             AzureAdJoined : YES\r\n"
+      "          EnterpriseJoined : NO\r\n"
+      "                  TenantId : 0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61\r\n"
+      "    Executing Account Name : AzureAD\\AnnaBerg, anna.berg@contoso.example\r\n");
+  EXPECT_EQ(0, p.result);
+  EXPECT_EQ(u"anna.berg", p.user);
+  EXPECT_EQ(u"contoso.example", p.domain);
+  EXPECT_EQ(u"0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61", p.tenant);
+}
+
+TEST(ParseConsoleOutputTest, LastCommaAndLastAtSignSplitTheAccount) {
+  const Parsed p = Parse(
+      "  TenantId : t1\n"
+      "  Executing Account Name : CORP\\a,b, first,last@odd@corp.example\n");
+  EXPECT_EQ(0, p.result);
+  EXPECT_EQ(u"last@odd", p.user);
+  EXPECT_EQ(u"corp.example", p.domain);
+
+  // No comma or no at sign: the account line gives nothing.
+  EXPECT_EQ(-1, Parse("  TenantId : t1\n  Executing Account Name : anna@contoso.example\n").result);
+  EXPECT_EQ(-1, Parse("  TenantId : t1\n  Executing Account Name : CORP\\anna, anna\n").result);
+}
+
+TEST(ParseConsoleOutputTest, MissingLinesFail) {
+  // A device that is not joined prints neither line.
+  EXPECT_EQ(-1, Parse("             AzureAdJoined : NO\r\n").result);
+  EXPECT_EQ(-1, Parse("  Executing Account Name : X\\y, y@d.example\r\n").result);
+  EXPECT_EQ(-1, Parse("  TenantId : t1\r\n").result);
+  EXPECT_EQ(-1, Parse("").result);
+  // The joined flag does not count: the other two lines are enough.
+  EXPECT_EQ(0, Parse("  AzureAdJoined : NO\n  TenantId : t\n  Executing Account Name : d\\u, u@d\n")
+                   .result);
+  EXPECT_EQ(0, Parse("  TenantId : t\n  Executing Account Name : d\\u, u@d").result);
+}
+
+TEST(ParseConsoleOutputTest, LineRules) {
+  // Keys ignore case; a later line wins; the value runs to the end of the line.
+  Parsed p = Parse(
+      "  TENANTID : first\n"
+      "  tenantid : second value \n"
+      "  executing account name : d\\u, u@d\n");
+  EXPECT_EQ(0, p.result);
+  EXPECT_EQ(u"second value ", p.tenant);
+
+  // Without " : ", or without the leading blanks, a line is ignored.
+  p = Parse(
+      "   TenantId\n"
+      "TenantId : unindented\n"
+      "  TenantId :missing-blank\n"
+      "  Executing Account Name : d\\u, u@d\n");
+  EXPECT_EQ(-1, p.result);
+  EXPECT_EQ(u"", p.tenant);
+  // Only one CR comes off a line's end, and "." does not match the second.
+  p = Parse("  TenantId : t\r\r\n  Executing Account Name : d\\u, u@d\r\n");
+  EXPECT_EQ(-1, p.result);
+  EXPECT_EQ(u"", p.tenant);
+}
+
+TEST(ParseConsoleOutputTest, OverlongLinesAreSkippedNotMatched) {
+  const std::string longUser(900, 'u');
+  Parsed p = Parse("  TenantId : t\n  Executing Account Name : d\\x, " + longUser + "@d\n");
+  EXPECT_EQ(0, p.result);
+  EXPECT_EQ(900u, p.user.size());
+  // A line of 200000 characters would overflow the matcher's recursion.
+  p = Parse("  TenantId : " + std::string(200000, 'x') + "\n  Executing Account Name : d\\u, u@d\n");
+  EXPECT_EQ(-1, p.result);
+  EXPECT_EQ(u"u", p.user);
+}
+
+class RunExternalProgramTest : public ::testing::Test {
+ protected:
+  RunExternalProgramTest() {
+    timings.consoleIdlePolls = 50;
+    timings.consoleIdlePollMs = 0;
+  }
+  int32_t Run() { return RunExternalProgram(runner, timings, nullptr, "prog.exe", "/x", output); }
+  FakeConsoleRunner runner;
+  Timings timings;
+  std::string output;
+};
+
+TEST_F(RunExternalProgramTest, ReadsInPiecesUntilFiftyEmptyPolls) {
+  std::string big;
+  for (int i = 0; i < 3000; ++i) big.push_back(static_cast<char>('a' + i % 26));
+  runner.script = {PipeStep{big}, PipeStep{"", 30}, PipeStep{"tail"}};
+  ASSERT_EQ(0, Run());
+  EXPECT_EQ(big + "tail", output);
+  EXPECT_EQ("prog.exe /x", runner.commandLines.at(0));
+  EXPECT_EQ(4, *runner.reads);  // 1024 + 1024 + 952, then "tail"
+  // 3 peeks with data, 30 empty, 1 with "tail", then 51 empty: the 51st ends.
+  EXPECT_EQ(3 + 30 + 1 + 51, *runner.peeks);
+}
+
+TEST_F(RunExternalProgramTest, FailedReadsRetryAtOnceAndAFailedPeekEnds) {
+  runner.script = {PipeStep{"abc", 0, false, true}, PipeStep{"", 0, true}, PipeStep{"never"}};
+  ASSERT_EQ(0, Run());
+  EXPECT_EQ("abc", output);
+  EXPECT_EQ(2, *runner.reads);
+  EXPECT_EQ(3, *runner.peeks);
+}
+
+TEST_F(RunExternalProgramTest, StartFailures) {
+  runner.result = {ConsoleStartFailure::kPipe, 8};
+  EXPECT_EQ(-1, Run());
+  runner.result = {ConsoleStartFailure::kProcess, 2};
+  EXPECT_EQ(-2, Run());
+  runner.result = {ConsoleStartFailure::kInheritance, 5};
+  EXPECT_EQ(static_cast<int32_t>(0x80070005u), Run());
+  EXPECT_EQ(0, *runner.peeks);
+
+  EXPECT_EQ(static_cast<int32_t>(0x80072af9u), HResultFromWin32(0x12af9));  // low 16 bits kept
+  EXPECT_EQ(0, HResultFromWin32(0));
+  EXPECT_EQ(static_cast<int32_t>(0x8007000Eu), HResultFromWin32(0x8007000Eu));  // negative unchanged
+}
+
+class AzureLookupTest : public ::testing::Test {
+ protected:
+  AzureLookupTest() : log(support), system{accounts, registry, runner, timings} {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    timings.consoleIdlePolls = 1;
+    timings.consoleIdlePollMs = 0;
+    FakeAccounts::User user;
+    user.sid = DomainSid(1300);
+    user.linkedTokenId = 9;
+    accounts.SetUser(1, user);
+  }
+  int32_t Lookup(uint32_t session = 1) {
+    return GetAZureSessionUserInfo(system, log, session, user, domain, tenant);
+  }
+  FakeSupport support;
+  CLog log;
+  FakeAccounts accounts;
+  FakeRegistry registry;
+  FakeConsoleRunner runner;
+  Timings timings;
+  UserLookup system;
+  std::u16string user, domain, tenant;
+};
+
+TEST_F(AzureLookupTest, SuccessRunsTheToolWithTheLinkedTokenAndClosesIt) {
+  runner.script = {PipeStep{"  TenantId : t-1\r\n  Executing Account Name : a\\b, c@d.example\r\n"}};
+  ASSERT_EQ(kAzureOk, Lookup());
+  EXPECT_EQ("dsregcmd.exe /status", runner.commandLines.at(0));
+  EXPECT_EQ(9, runner.lastToken.value());
+  EXPECT_EQ(1, accounts.tokensClosed.load());     // the linked token, closed at the end
+  EXPECT_EQ(1, accounts.tokensAbandoned.load());  // the token it replaced stays open
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is successful"));
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), username:c, domain:d.example, tenantID:t-1"));
+}
+
+TEST_F(AzureLookupTest, FailureResults) {
+  runner.script = {PipeStep{"  AzureAdJoined : NO\r\n"}};
+  EXPECT_EQ(kAzureOutputUnusable, Lookup());
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of ParseConsoleOutput is failed, error:-1"));
+
+  runner.result = {ConsoleStartFailure::kProcess, 2};
+  EXPECT_EQ(kAzureProgramFailed, Lookup());
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is failed, error:-2"));
+
+  accounts.queryError = 5;
+  EXPECT_EQ(kAzureNoToken, Lookup(8));
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=5"));
+  EXPECT_EQ(2u, runner.commandLines.size());
+  EXPECT_EQ(2, accounts.tokensClosed.load());
+}
+
+}  // namespace
+}  // namespace lindqvar::testing

@@ -1,0 +1,147 @@
+// The client UUID, the management server's serial and tenant id, and the
+// text converter.
+#include <gtest/gtest.h>
+
+#include "identity/identifiers.h"
+#include "identity/string_converter.h"
+#include "tests/identity/identity_fakes.h"
+
+namespace lindqvar::testing {
+namespace {
+
+constexpr char16_t kGuid[] = u"6F9619FF-8B86-D011-B42D-00C04FC964FF";
+
+class IdentifiersTest : public ::testing::Test {
+ protected:
+  IdentifiersTest() : support(registry), log(support), ids(log, support, registry) {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
+    registry.AddKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+    support.guid = kGuid;
+  }
+  void Value(const std::u16string& name, const std::u16string& value) {
+    registry.SetString(RegistryHive::kLocalMachine, kEsnacKeyPath, name, value);
+  }
+
+  FakeRegistry registry;
+  RegistrySupport support;
+  CLog log;
+  CIdentifiers ids;
+};
+
+TEST_F(IdentifiersTest, ClientUuid) {
+  ids.LoadClientUuid();
+  EXPECT_EQ("6F9619FF-8B86-D011-B42D-00C04FC964FF", ids.ClientUuid());
+  EXPECT_TRUE(support.HasLine("UUID:6F9619FF-8B86-D011-B42D-00C04FC964FF"));
+  support.guid.clear();
+  ids.LoadClientUuid();
+  EXPECT_TRUE(support.HasLine("Failed to get UUID"));
+  EXPECT_EQ("6F9619FF-8B86-D011-B42D-00C04FC964FF", ids.ClientUuid());  // kept
+}
+
+TEST_F(IdentifiersTest, PrimarySerialNeedsThisClientsGuidExactly) {
+  Value(u"hvq_sn", std::u16string(kGuid) + u";VRX-0042-PRIMARY");
+  Value(u"secondary_sn", u"VRX-0099-SECONDARY");
+  Value(u"SecondaryPingServer", u"mgmt2.example.test");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-0042-PRIMARY", ids.VrxSerial());
+  EXPECT_TRUE(support.HasLine("VRX SN:VRX-0042-PRIMARY"));
+
+  // The GUID in another letter case is not this client's.
+  Value(u"hvq_sn", u"6f9619ff-8b86-d011-b42d-00c04fc964ff;VRX-0042-PRIMARY");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-0099-SECONDARY", ids.VrxSerial());
+
+  // A primary without "VRX" gives way to a secondary with it.
+  Value(u"hvq_sn", std::u16string(kGuid) + u";SN-0042");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-0099-SECONDARY", ids.VrxSerial());
+  EXPECT_EQ(0, support.OpenKeys());
+}
+
+TEST_F(IdentifiersTest, SecondaryNeedsAPingServerLongerThanOneCharacter) {
+  Value(u"hvq_sn", std::u16string(kGuid) + u";SN-0042");
+  Value(u"secondary_sn", u"VRX-0099");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("", ids.VrxSerial());
+  EXPECT_EQ(1u, support.CountLines("Failed to get VRX SN"));
+
+  Value(u"SecondaryPingServer", u"x");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("", ids.VrxSerial());
+  Value(u"SecondaryPingServer", u"xy");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-0099", ids.VrxSerial());
+
+  // A primary without a client GUID is no candidate either, and a serial
+  // without "VRX" is never reported.
+  Value(u"secondary_sn", u"SN-0099");
+  Value(u"hvq_sn", u"VRX-0001");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("", ids.VrxSerial());
+  EXPECT_EQ(3u, support.CountLines("Failed to get VRX SN"));
+}
+
+TEST_F(IdentifiersTest, MissingKeyClearsSerialButKeepsTenant) {
+  Value(u"hvq_sn", std::u16string(kGuid) + u";VRX-1");
+  Value(u"tenantid", u"tenant-77");
+  ids.LoadVrxSerial();
+  ids.LoadVrxTenantId();
+  EXPECT_EQ("VRX-1", ids.VrxSerial());
+  EXPECT_EQ("tenant-77", ids.VrxTenantId());
+
+  registry.RemoveKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+  ids.LoadVrxSerial();
+  ids.LoadVrxTenantId();
+  EXPECT_EQ("", ids.VrxSerial());
+  EXPECT_TRUE(support.HasLine("Failed to get VRX SN"));
+  EXPECT_EQ("tenant-77", ids.VrxTenantId());
+  EXPECT_FALSE(support.HasLine("Failed to get VRX tenant ID"));
+
+  // The key back without the value: cleared, and said.
+  registry.AddKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+  ids.LoadVrxTenantId();
+  EXPECT_EQ("", ids.VrxTenantId());
+  EXPECT_EQ(1u, support.CountLines("Failed to get VRX tenant ID"));
+  // Missing again with nothing kept: said every time.
+  registry.RemoveKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+  ids.LoadVrxTenantId();
+  EXPECT_EQ(2u, support.CountLines("Failed to get VRX tenant ID"));
+  EXPECT_EQ(0, support.OpenKeys());
+}
+
+TEST_F(IdentifiersTest, SerialNeedsTheParentKeyOpenedThroughTheLibrary) {
+  Value(u"hvq_sn", std::u16string(kGuid) + u";VRX-1");
+  registry.RemoveKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
+  ids.LoadVrxSerial();
+  EXPECT_EQ("", ids.VrxSerial());
+  // The subkey itself is opened for reading.
+  registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-1", ids.VrxSerial());
+  for (uint32_t access : registry.AccessMasks()) EXPECT_EQ(reg_access::kRead, access);
+}
+
+TEST(StringConverterTest, AnsiInUtf8OutCachedOnce) {
+  // Wide to UTF-8.
+  CStringConverter wide(std::u16string_view(u"Gr\u00fc\u00dfe"));
+  EXPECT_EQ(0u, wide.Length());
+  const std::string& utf8 = wide.ToUtf8();
+  EXPECT_EQ("Gr\xc3\xbc\xc3\x9f" "e", utf8);
+  EXPECT_EQ(8u, wide.Length());
+  EXPECT_EQ(&utf8, &wide.ToUtf8());  // computed once
+  EXPECT_EQ(u"Gr\u00fc\u00dfe", wide.ToWide());  // the held text itself
+
+  // 8-bit text in, wide out; the held 8-bit text is what ToUtf8 gives.
+  CStringConverter narrow(std::string_view("host-7"));
+  EXPECT_EQ(u"host-7", narrow.ToWide());
+  EXPECT_EQ(7u, narrow.Length());
+  EXPECT_EQ("host-7", narrow.ToUtf8());
+
+  CStringConverter empty(std::string_view(""));
+  EXPECT_EQ(u"", empty.ToWide());
+  EXPECT_EQ(0u, empty.Length());
+}
+
+}  // namespace
+}  // namespace lindqvar::testing
