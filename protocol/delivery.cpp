@@ -1,0 +1,349 @@
+#include "protocol/delivery.h"
+
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/log.h"
+#include "platform/os.h"
+#include "platform/support.h"
+
+namespace lindqvar {
+
+namespace {
+
+// What the agent says it is in its hello.
+constexpr char kAgentVersionText[] = "Velmora Extension 1.1";
+// The server's version text must fit in this many bytes, terminator included.
+constexpr size_t kServerVersionSize = 32;
+
+void AbortOnRangeError(const char*) { std::abort(); }
+std::atomic<FatalRangeHandler> g_fatalRangeHandler{&AbortOnRangeError};
+
+[[noreturn]] void FatalRangeError(const char* what) {
+  g_fatalRangeHandler.load()(what);
+  std::abort();  // a handler that returns still ends the process
+}
+
+// Values of a bytes or string attribute: only those have a checked length
+// (a group's length is never checked by the walk), so only they are copied.
+bool HasData(const CDecoder& decoder) {
+  return decoder.type() == TYPE_BYTES || decoder.type() == TYPE_STRING;
+}
+
+}  // namespace
+
+void SetFatalRangeHandler(FatalRangeHandler handler) {
+  g_fatalRangeHandler.store(handler ? handler : &AbortOnRangeError);
+}
+
+void compute_response(uint8_t challenge[16], const uint8_t key[16], uint8_t digest[16]) {
+  for (int i = 0; i < 16; ++i) challenge[i] ^= key[i];
+  unsigned int size = 16;
+  EVP_Digest(challenge, 16, digest, &size, EVP_md5(), nullptr);
+}
+
+void preshared_key_block(const std::string& presharedKey, uint8_t key[16]) {
+  std::memset(key, 0, 16);
+  // A bounded copy of 16 bytes: it stops at a NUL like the C copy it stands
+  // for, and a longer key is cut to its first 16 bytes.
+  for (size_t i = 0; i < 16 && i < presharedKey.size() && presharedKey[i] != '\0'; ++i)
+    key[i] = static_cast<uint8_t>(presharedKey[i]);
+}
+
+const char* ExchangeStageName(ExchangeStage stage) {
+  switch (stage) {
+    case ExchangeStage::kResolve: return "resolve";
+    case ExchangeStage::kSocket: return "socket";
+    case ExchangeStage::kConnect: return "connect";
+    case ExchangeStage::kHello: return "hello";
+    case ExchangeStage::kHelloParse: return "hello-parse";
+    case ExchangeStage::kHelloAck: return "hello-ack";
+    case ExchangeStage::kHelloReject: return "hello-reject";
+    case ExchangeStage::kEventAck: return "event-ack";
+    case ExchangeStage::kDone: return "done";
+  }
+  return "unknown";
+}
+
+CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support,
+                                           INetwork& network, const Timings& timings,
+                                           const ServerList& servers,
+                                           const std::string& presharedKey,
+                                           std::atomic<uint32_t>& keepAliveInterval,
+                                           IDeliveryHost& host,
+                                           const CertificateMaterial& material)
+    : m_log(log),
+      m_support(support),
+      m_servers(servers),
+      m_presharedKey(presharedKey),
+      m_keepAliveInterval(keepAliveInterval),
+      m_host(host),
+      m_resolver(network, log),
+      m_tls(log, support, timings, material) {}
+
+void CAuthenticatorClient::SetTickLogging(bool on) {
+  m_bLogTickCount = on ? 1 : 0;
+  m_resolver.SetTickLogging(on);
+}
+
+bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder& event,
+                                               CDecoder& decoder, bool isRetry) {
+  if (!isRetry) {
+    m_bSendFailed = 0;
+    m_dwRetryCount = 0;
+  } else {
+    ++m_dwRetryCount;
+  }
+
+  bool anySucceeded = false;
+  for (const auto& server : m_servers) {
+    if (!server) continue;
+    SetCurrentServer(*server);
+    if (SendAndReceive(session, &event, decoder)) anySucceeded = true;
+  }
+
+  m_host.SetDeliveryState(anySucceeded ? 2 : 1);
+  if (anySucceeded) {
+    m_bSendFailed = 0;
+    m_dwRetryCount = 0;
+  } else {
+    m_bSendFailed = 1;
+  }
+  return anySucceeded;
+}
+
+uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
+  // No upper bound on the announced length: the server is trusted to send
+  // messages of a sensible size.
+  return ReceiveMessage(decoder, [&connection](void* buffer, int count) {
+    return connection.Read(buffer, count);
+  });
+}
+
+void CAuthenticatorClient::Report(ExchangeReport& report, ExchangeStage stage) {
+  report.stage = stage;
+  if (m_pObserver) m_pObserver->OnExchange(report);
+}
+
+uint32_t CAuthenticatorClient::SendAndReceive(uint32_t session, const CEncoder* event,
+                                              CDecoder& decoder, ExchangeMode mode) {
+  CEncoder reply(kReplyEncoderCapacity);
+  const auto tid = static_cast<int>(CurrentThreadId());
+  ExchangeReport report;
+  report.server = m_currentServer;
+  m_pReport = &report;
+  if (m_pObserver) m_pObserver->OnExchangeStart(m_currentServer);
+
+  CTlsConnection connection;
+  uint32_t result = 0;
+  ExchangeStage stage = ExchangeStage::kResolve;
+  do {
+    TlsTarget target;
+    if (!m_resolver.resolve_server(m_currentServer, &target.address)) break;
+    report.address = target.address;
+
+    stage = ExchangeStage::kSocket;
+    connection.socket = CSocket::Open(target.address.Family());
+    if (!connection.socket.valid() || connection.socket.native() == 0) {
+      m_log.Error("SendAndReceive(), failed to call socket()");
+      break;
+    }
+
+    const IpAddress local = m_host.LocalAddress();
+    if (m_bLogTickCount)
+      m_log.Debug("SendAndReceive(), Local IP:%s, BRK IP:%s, BRK Port:%d, TICC:%d, TID:%d",
+                  local.Text(), target.address.Text(), static_cast<int>(m_currentServer.port),
+                  static_cast<int>(TickCount()), tid);
+    else
+      m_log.Debug("SendAndReceive(), Local IP:%s, BRK IP:%s, BRK Port:%d, TID:%d", local.Text(),
+                  target.address.Text(), static_cast<int>(m_currentServer.port), tid);
+
+    stage = ExchangeStage::kConnect;
+    const void* nul = std::memchr(m_currentServer.host, '\0', sizeof m_currentServer.host);
+    target.name.assign(m_currentServer.host, nul ? static_cast<const char*>(nul) -
+                                                       m_currentServer.host
+                                                 : sizeof m_currentServer.host);
+    target.port = m_currentServer.port;
+    if (!m_tls.SslClientInit(connection, target)) break;
+    if (m_pObserver && connection.ssl) {
+      report.tlsVersion = SSL_get_version(connection.ssl);
+      report.cipher = SSL_get_cipher_name(connection.ssl);
+      if (X509* peer = SSL_get1_peer_certificate(connection.ssl)) {
+        char subject[256] = {};
+        X509_NAME_oneline(X509_get_subject_name(peer), subject, sizeof subject);
+        report.peerSubject = subject;
+        report.peerVerifyResult = SSL_get_verify_result(connection.ssl);
+        X509_free(peer);
+      }
+    }
+
+    stage = ExchangeStage::kHello;
+    if (!ReceiveServerReply(connection, decoder)) {
+      m_log.Error("ReceiveServerReply(), failed to receive hello message from authenticator, TID:%d",
+                  tid);
+      break;
+    }
+    stage = ExchangeStage::kHelloParse;
+    if (!process_hello(decoder, reply)) {
+      m_log.Error("process_hello(), failed to process hello message from authenticator, TID:%d",
+                  tid);
+      break;
+    }
+
+    stage = ExchangeStage::kHelloAck;
+    uint32_t replyLength = 0;
+    const uint8_t* replyBytes = reply.get_buffer(&replyLength);
+    connection.Write(replyBytes, replyLength);  // a failed write shows as the next read failing
+    if (!ReceiveServerReply(connection, decoder)) {
+      m_log.Error(
+          "ReceiveServerReply(), failed to receive hello ack message from authenticator, TID:%d",
+          tid);
+      break;
+    }
+    stage = ExchangeStage::kHelloReject;
+    if (!process_hello_ack(decoder)) {
+      m_log.Error(
+          "process_hello_ack(), failed to process hello ack message from authenticator, please "
+          "check your preshared key, TID:%d",
+          tid);
+      break;
+    }
+
+    if (mode == ExchangeMode::kHelloOnly || !event) {
+      stage = ExchangeStage::kDone;
+      result = 1;
+      break;
+    }
+
+    stage = ExchangeStage::kEventAck;
+    uint32_t eventLength = 0;
+    const uint8_t* eventBytes = event->get_buffer(&eventLength);
+    connection.Write(eventBytes, eventLength);
+    if (!ReceiveServerReply(connection, decoder)) {
+      m_log.Error(
+          "ReceiveServerReply(), failed to receive logon event ack message from authenticator, "
+          "TID:%d",
+          tid);
+      break;
+    }
+
+    // Whatever the acknowledgement says (also when it is not one), the event
+    // was delivered.
+    stage = ExchangeStage::kDone;
+    result = 1;
+    if (process_event_ack(decoder) == 2) {
+      m_log.Debug("Start NTLM authentication on session %d, TID:%d", static_cast<int>(session), tid);
+      if (m_pNtlmRelay) m_pNtlmRelay->NtlmAuthenticate(connection, session);
+    }
+  } while (false);
+
+  close_connection(connection);
+  m_pReport = nullptr;
+  if (mode == ExchangeMode::kEvent) {
+    if (result)
+      m_log.Debug("SendAndReceive(), succeeded to send event to authenticator, TID:%d", tid);
+    else
+      m_log.Error("SendAndReceive(), failed to send event to authenticator, TID:%d", tid);
+  }
+  Report(report, stage);
+  return result;
+}
+
+uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply) {
+  if (!decoder.next() || decoder.code() != MSG_HELLO) return 0;
+
+  uint32_t id = 0;
+  uint32_t flags = 0;
+  char version[kServerVersionSize] = {};
+  uint8_t challenge[16] = {};
+  while (decoder.next()) {
+    switch (decoder.code()) {
+      case ATTR_ID:
+        id = decoder.value_u32();
+        break;
+      case ATTR_HELLO_FLAGS:
+        flags = decoder.value_u32();
+        break;
+      case ATTR_VERSION_TEXT:
+        if (!HasData(decoder)) break;
+        if (decoder.value_size() >= kServerVersionSize)
+          FatalRangeError("the server's version text does not fit in 32 bytes");
+        std::memcpy(version, decoder.value_data(), decoder.value_size());
+        version[decoder.value_size()] = '\0';
+        break;
+      case ATTR_DIGEST:
+        if (!HasData(decoder)) break;
+        std::memset(challenge, 0, sizeof challenge);
+        std::memcpy(challenge, decoder.value_data(),
+                    decoder.value_size() < sizeof challenge ? decoder.value_size()
+                                                            : sizeof challenge);
+        break;
+      default:
+        break;
+    }
+  }
+
+  uint8_t response[16] = {};
+  if (flags & 1) {
+    uint8_t key[16];
+    preshared_key_block(m_presharedKey, key);
+    compute_response(challenge, key, response);
+    std::memset(key, 0, sizeof key);
+  }
+
+  reply.begin_group(MSG_HELLO);
+  reply.add_u32(ATTR_ID, id);
+  reply.add_u32(ATTR_HELLO_FLAGS, flags);
+  reply.add_string(ATTR_VERSION_TEXT, kAgentVersionText,
+                   static_cast<uint32_t>(sizeof kAgentVersionText - 1), 0);
+  reply.add_bytes(ATTR_DIGEST, response, sizeof response);
+  std::u16string guid;
+  if (m_support.cfg_get_velmora_guid(guid) && !guid.empty()) {
+    const std::string utf8 = WideToUtf8(guid);
+    reply.add_bytes(ATTR_CLIENT_GUID, utf8.data(), static_cast<uint32_t>(utf8.size()));
+  }
+  reply.end_group(MSG_HELLO);
+
+  if (m_pReport) {
+    m_pReport->helloId = id;
+    m_pReport->helloFlags = flags;
+    m_pReport->serverVersion = version;
+  }
+  return 1;
+}
+
+uint32_t CAuthenticatorClient::process_hello_ack(CDecoder& decoder) {
+  if (!decoder.next() || decoder.code() != MSG_HELLO_ACK) return 0;
+  uint32_t result = 0;
+  while (decoder.next()) {
+    if (decoder.code() == ATTR_HELLO_RESULT) result = decoder.value_u32();
+  }
+  if (m_pReport) m_pReport->helloResult = result;
+  return result == 1 ? 1 : 0;
+}
+
+uint32_t CAuthenticatorClient::process_event_ack(CDecoder& decoder) {
+  if (!decoder.next() || decoder.code() != MSG_EVENT_ACK) return 0;
+  uint32_t result = 0;
+  uint32_t interval = 0;
+  while (decoder.next()) {
+    if (decoder.code() == ATTR_EVENT_RESULT) {
+      result = decoder.value_u32();
+    } else if (decoder.code() == ATTR_KEEPALIVE_INTERVAL) {
+      interval = decoder.value_u32();
+      if (interval != 0 && interval != m_keepAliveInterval.load()) m_keepAliveInterval = interval;
+    }
+  }
+  if (m_pReport) {
+    m_pReport->eventAckRecognised = true;
+    m_pReport->eventResult = result;
+    m_pReport->keepAliveInterval = interval;
+  }
+  return result;
+}
+
+}  // namespace lindqvar

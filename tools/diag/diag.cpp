@@ -1,0 +1,519 @@
+#include "tools/diag/diag.h"
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "agent/settings.h"
+#include "agent/state.h"
+#include "platform/log.h"
+#include "platform/os.h"
+#include "platform/socket.h"
+#include "protocol/delivery.h"
+#include "protocol/vlx_crypt.h"
+
+namespace lindqvar::diag {
+
+const char kUsage[] =
+    "Usage: lindqvar-diag check|send [options]\n"
+    "\n"
+    "  check   TLS, hello and hello acknowledgement with every configured server;\n"
+    "          no event is sent. Tells whether the network path, the certificates\n"
+    "          and the preshared key are right.\n"
+    "  send    delivers one event to every configured server and prints each\n"
+    "          acknowledgement.\n"
+    "\n"
+    "Settings (on Windows, what is not given here comes from the agent's registry\n"
+    "settings):\n"
+    "  --servers LIST         servers in the settings' own format: host[:port] items\n"
+    "                         separated by \";\" or \",\"\n"
+    "  --server HOST[:PORT]   one server (repeatable); IPv6 literals in brackets,\n"
+    "                         e.g. [::1]:8001; the port defaults to 8001\n"
+    "  --key-file FILE        preshared key, from the first line of FILE\n"
+    "  --key KEY              preshared key (other local users can see a command\n"
+    "                         line: prefer --key-file)\n"
+    "Event (send):\n"
+    "  --user NAME            the user to report (required)\n"
+    "  --domain NAME          the user's domain (required)\n"
+    "  --workstation NAME     the workstation name as the server should see it,\n"
+    "                         e.g. PC42.CORP.EXAMPLE (required)\n"
+    "  --ip ADDRESS           an address of the user's session, IPv4 or IPv6\n"
+    "                         (repeatable; at most 4 of each family)\n"
+    "  --logoff               withdraw the user instead of reporting a logon\n"
+    "  --session N            session id shown in log lines (default 1)\n"
+    "Other:\n"
+    "  --client-guid TEXT     client GUID sent in the hello (default: the endpoint\n"
+    "                         client's own, on Windows)\n"
+    "  --fips                 behave as the agent does in FIPS mode\n"
+    "  --timeout-ms N         limit of every read and write (default 5000)\n"
+    "  --verbose              also show every debug line the agent's code logs\n"
+    "  --help\n"
+    "\n"
+    "Exit codes: 0 every server passed, 1 some servers failed, 2 every server\n"
+    "failed, 3 wrong command line, 4 no server configured, 5 a server sent a hello\n"
+    "that ends the agent, 6 cannot start (sockets or certificate material).\n";
+
+namespace {
+
+std::FILE* g_fatalOut = stdout;
+
+void OnFatalHello(const char* what) {
+  std::fprintf(g_fatalOut,
+               "      FAILED: %s.\n"
+               "      The agent ends its process on such a hello: fix the server.\n",
+               what);
+  std::fflush(g_fatalOut);
+  std::_Exit(kExitFatalHello);
+}
+
+bool ParseUnsigned(const std::string& text, uint32_t& out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
+  if (*end || v > 0xFFFFFFFFull) return false;
+  out = static_cast<uint32_t>(v);
+  return true;
+}
+
+// HOST[:PORT] with IPv6 literals in brackets (kept in the host, as the
+// agent's settings keep them).
+bool ParseServer(const std::string& text, ServerEntry& out) {
+  std::string host = text;
+  std::string port;
+  if (!text.empty() && text[0] == '[') {
+    const size_t close = text.find(']');
+    if (close == std::string::npos) return false;
+    host = text.substr(0, close + 1);
+    if (close + 1 < text.size()) {
+      if (text[close + 1] != ':') return false;
+      port = text.substr(close + 2);
+    }
+  } else if (std::count(text.begin(), text.end(), ':') == 1) {
+    host = text.substr(0, text.find(':'));
+    port = text.substr(text.find(':') + 1);
+  }
+  if (host.empty() || host.size() >= sizeof out.host) return false;
+  uint32_t p = kDefaultServerPort;
+  if (!port.empty() && (!ParseUnsigned(port, p) || p == 0 || p > 65535)) return false;
+  std::memset(out.host, 0, sizeof out.host);
+  std::memcpy(out.host, host.data(), host.size());
+  const std::u16string wide = AnsiToWide(host);
+  std::memset(out.hostW, 0, sizeof out.hostW);
+  std::copy_n(wide.begin(), std::min(wide.size(), std::size(out.hostW) - 1), out.hostW);
+  out.port = p;
+  return true;
+}
+
+// The support library as the delivery code sees it here: log lines go to
+// the console, settings and identity come from the machine's library when
+// there is one, and the command line overrides them.
+class CDiagSupport : public ISupportLibrary {
+ public:
+  CDiagSupport(ISupportLibrary* system, const DiagOptions& options, std::FILE* out)
+      : m_system(system), m_options(options), m_out(out) {}
+
+  LogHandle log_initialize(std::u16string_view) override {
+    return reinterpret_cast<LogHandle>(&m_handleTag);
+  }
+  void log_deinitialize(LogHandle) override {}
+  void log_setlevel(LogHandle, uint32_t) override {}
+  void log_debug(LogHandle, std::string_view line) override {
+    if (m_options.verbose) Print("log", line);
+  }
+  void log_error(LogHandle, std::string_view line) override { Print("log error", line); }
+  void LogW(uint32_t, const char16_t*) override {}
+  uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
+  void cfg_get_lindqvar_settings(uint8_t* record) override {
+    if (m_system) m_system->cfg_get_lindqvar_settings(record);
+  }
+  void cfg_get_logging_info(uint8_t* record) override {
+    if (m_system) m_system->cfg_get_logging_info(record);
+  }
+  bool cfg_is_fips_mode_enabled() override {
+    return m_options.fips || (m_system && m_system->cfg_is_fips_mode_enabled());
+  }
+  bool cfg_get_velmora_guid(std::u16string& guid) override {
+    if (!m_options.clientGuid.empty()) {
+      guid = Utf8ToWide(m_options.clientGuid);
+      return true;
+    }
+    return m_system && m_system->cfg_get_velmora_guid(guid);
+  }
+  SupportKeyHandle reg_openkeyW(SupportHive hive, std::u16string_view path) override {
+    return m_system ? m_system->reg_openkeyW(hive, path) : nullptr;
+  }
+  void reg_closekeyW(SupportKeyHandle key) override {
+    if (m_system) m_system->reg_closekeyW(key);
+  }
+  bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
+                      uint32_t* length) override {
+    return m_system && m_system->reg_getstringW(key, name, value, length);
+  }
+  bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override {
+    return m_system && m_system->reg_valueexistsbykeyW(key, name);
+  }
+  bool GetTokenOfSession(uint32_t, std::unique_ptr<IUserToken>&) override { return false; }
+
+ private:
+  void Print(const char* kind, std::string_view line) {
+    std::fprintf(m_out, "      %s: %.*s\n", kind, static_cast<int>(line.size()), line.data());
+  }
+  ISupportLibrary* m_system;
+  const DiagOptions& m_options;
+  std::FILE* m_out;
+  int m_handleTag = 0;
+};
+
+// Name resolution through the system's resolver.
+class CDiagNetwork : public INetwork {
+ public:
+  void Startup() override {}
+  void Cleanup() override {}
+  std::string HostName() override { return {}; }
+  int Resolve(const std::string& name, std::vector<ResolvedAddress>& out) override {
+    return ResolveName(name, out);
+  }
+  bool PhysicalDnsDomain(std::u16string& domain, uint32_t& error) override {
+    domain.clear();
+    error = 0;
+    return true;
+  }
+  std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
+};
+
+class CDiagHost : public IDeliveryHost {
+ public:
+  void SetDeliveryState(uint32_t state) override { m_state = state; }
+  IpAddress LocalAddress() override { return IpAddress(); }
+  uint32_t State() const { return m_state; }
+
+ private:
+  uint32_t m_state = 0;
+};
+
+const char* StageAdvice(ExchangeStage stage) {
+  switch (stage) {
+    case ExchangeStage::kResolve:
+      return "the server's name does not resolve (and no earlier address is known)";
+    case ExchangeStage::kSocket: return "no socket could be created";
+    case ExchangeStage::kConnect:
+      return "no TCP connection: nothing listens there, the connection was refused, or a "
+             "firewall drops it";
+    case ExchangeStage::kHello:
+      return "no hello from the server: the TLS handshake failed (does the server accept the "
+             "agent's client certificate?) or the server said nothing in time";
+    case ExchangeStage::kHelloParse: return "the server's first message was not a hello";
+    case ExchangeStage::kHelloAck: return "no hello acknowledgement from the server";
+    case ExchangeStage::kHelloReject:
+      return "the server rejected the hello: check the preshared key";
+    case ExchangeStage::kEventAck:
+      return "no event acknowledgement: the server closed or stopped answering after the hello";
+    case ExchangeStage::kDone: return "";
+  }
+  return "";
+}
+
+class CDiagObserver : public IExchangeObserver {
+ public:
+  CDiagObserver(std::FILE* out, size_t total, bool eventMode)
+      : m_out(out), m_total(total), m_eventMode(eventMode) {}
+
+  // Printed before each exchange, so the agent's log lines follow it.
+  void OnExchangeStart(const ServerEntry& server) override {
+    ++m_index;
+    std::fprintf(m_out, "[%zu/%zu] %s port %u\n", m_index, m_total, server.host, server.port);
+    std::fflush(m_out);
+  }
+
+  void OnExchange(const ExchangeReport& r) override {
+    if (r.address.IsValid()) std::fprintf(m_out, "      address %s\n", r.address.Text());
+    if (!r.tlsVersion.empty()) {
+      std::fprintf(m_out, "      TLS %s, %s\n", r.tlsVersion.c_str(), r.cipher.c_str());
+      if (!r.peerSubject.empty()) {
+        if (r.peerVerifyResult == X509_V_OK)
+          std::fprintf(m_out, "      server certificate %s: verified against the built-in CA bundle\n",
+                       r.peerSubject.c_str());
+        else
+          std::fprintf(m_out,
+                       "      server certificate %s: not verified against the built-in CA bundle "
+                       "(%s); the agent connects all the same\n",
+                       r.peerSubject.c_str(), X509_verify_cert_error_string(r.peerVerifyResult));
+      }
+    }
+    if (r.stage > ExchangeStage::kHelloParse)
+      std::fprintf(m_out, "      hello from \"%s\" (id %u, flags %u: %s)\n", r.serverVersion.c_str(),
+                   r.helloId, r.helloFlags,
+                   (r.helloFlags & 1) ? "preshared-key digest required" : "no digest required");
+    if (r.stage > ExchangeStage::kHelloReject || r.stage == ExchangeStage::kDone)
+      std::fprintf(m_out, "      hello accepted\n");
+    else if (r.stage == ExchangeStage::kHelloReject)
+      std::fprintf(m_out, "      hello rejected with result %u\n", r.helloResult);
+    if (r.stage == ExchangeStage::kDone && m_eventMode) {
+      if (r.eventAckRecognised) {
+        std::fprintf(m_out, "      event acknowledged: result %u", r.eventResult);
+        if (r.keepAliveInterval) std::fprintf(m_out, ", keep-alive interval %u s", r.keepAliveInterval);
+        std::fprintf(m_out, "\n");
+        if (r.eventResult == 2)
+          std::fprintf(m_out,
+                       "      the server asks for NTLM authentication of the user; this tool "
+                       "does not run it\n");
+      } else {
+        std::fprintf(m_out,
+                     "      the reply was not an event acknowledgement (the agent counts the "
+                     "event as delivered all the same)\n");
+      }
+    }
+    if (r.stage == ExchangeStage::kDone) {
+      ++m_passed;
+      std::fprintf(m_out, "      OK\n");
+    } else {
+      std::fprintf(m_out, "      FAILED at %s: %s\n", ExchangeStageName(r.stage), StageAdvice(r.stage));
+    }
+    std::fflush(m_out);
+  }
+
+  size_t Passed() const { return m_passed; }
+
+ private:
+  std::FILE* m_out;
+  size_t m_total;
+  bool m_eventMode;
+  size_t m_index = 0;
+  size_t m_passed = 0;
+};
+
+// Prints what the built-in client identity is; false when the material
+// cannot be read at all.
+bool DescribeClientIdentity(std::FILE* out, bool fips) {
+  const CertificateMaterial& material = BuiltInCertificateMaterial();
+  CSecureBuffer text;
+  if (decrypt_blob(material, material.clientCertificate, text) != 0) {
+    std::fprintf(out, "The built-in certificate material cannot be decrypted.\n");
+    return false;
+  }
+  BIO* bio = BIO_new_mem_buf(text.data(), -1);
+  X509* cert = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
+  BIO_free(bio);
+  if (!cert) {
+    std::fprintf(out, "The built-in client certificate cannot be read.\n");
+    return false;
+  }
+  char subject[256] = {}, issuer[256] = {};
+  X509_NAME_oneline(X509_get_subject_name(cert), subject, sizeof subject);
+  X509_NAME_oneline(X509_get_issuer_name(cert), issuer, sizeof issuer);
+  std::fprintf(out, "Client certificate %s, issued by %s\n", subject, issuer);
+  if (X509_cmp_current_time(X509_get0_notAfter(cert)) < 0)
+    std::fprintf(out, "  WARNING: it has expired; servers will refuse it\n");
+  if (fips && !VlxX509IsFipsCompliant(cert))
+    std::fprintf(out,
+                 "  WARNING: FIPS mode is on and the certificate is not FIPS compliant: the agent "
+                 "connects without a client certificate\n");
+  X509_free(cert);
+  return true;
+}
+
+}  // namespace
+
+bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std::string& error) {
+  DiagOptions o;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&](std::string& v) {
+      if (i + 1 >= args.size()) {
+        error = a + " needs a value";
+        return false;
+      }
+      v = args[++i];
+      return true;
+    };
+    std::string v;
+    if (a == "--help" || a == "-h") {
+      o.help = true;
+    } else if (a == "check" || a == "send") {
+      if (!o.command.empty()) {
+        error = "give one command, check or send";
+        return false;
+      }
+      o.command = a;
+    } else if (a == "--servers") {
+      if (!value(o.serverList)) return false;
+    } else if (a == "--server") {
+      if (!value(v)) return false;
+      ServerEntry probe;
+      if (!ParseServer(v, probe)) {
+        error = "--server " + v + ": expected HOST[:PORT] (IPv6 as [ADDRESS]:PORT), port 1-65535";
+        return false;
+      }
+      o.servers.push_back(v);
+    } else if (a == "--key") {
+      if (!value(o.key)) return false;
+      o.keyGiven = true;
+    } else if (a == "--key-file") {
+      if (!value(v)) return false;
+      std::ifstream in(v, std::ios::binary);
+      if (!in) {
+        error = "cannot read the key file " + v;
+        return false;
+      }
+      std::getline(in, o.key);
+      if (!o.key.empty() && o.key.back() == '\r') o.key.pop_back();
+      o.keyGiven = true;
+    } else if (a == "--user") {
+      if (!value(o.event.user)) return false;
+    } else if (a == "--domain") {
+      if (!value(o.event.domain)) return false;
+    } else if (a == "--workstation") {
+      if (!value(o.event.workstation)) return false;
+    } else if (a == "--ip") {
+      if (!value(v)) return false;
+      SocketAddress parsed;
+      if (!SocketAddress::FromLiteral(v, 0, parsed)) {
+        error = "--ip " + v + " is not an IPv4 or IPv6 address";
+        return false;
+      }
+      if (parsed.family == kFamilyIPv4) {
+        if (o.event.ipv4.size() == 4) {
+          error = "at most 4 IPv4 addresses";
+          return false;
+        }
+        uint32_t n;
+        std::memcpy(&n, parsed.bytes.data(), 4);
+        o.event.ipv4.push_back(n);
+      } else {
+        if (o.event.ipv6.size() == 4) {
+          error = "at most 4 IPv6 addresses";
+          return false;
+        }
+        o.event.ipv6.push_back(parsed.bytes);
+      }
+    } else if (a == "--logoff") {
+      o.event.logon = 0;
+    } else if (a == "--session") {
+      if (!value(v) || !ParseUnsigned(v, o.session)) {
+        error = "--session needs a number";
+        return false;
+      }
+    } else if (a == "--client-guid") {
+      if (!value(o.clientGuid)) return false;
+    } else if (a == "--fips") {
+      o.fips = true;
+    } else if (a == "--timeout-ms") {
+      if (!value(v) || !ParseUnsigned(v, o.timeoutMs) || o.timeoutMs == 0) {
+        error = "--timeout-ms needs a number above 0";
+        return false;
+      }
+    } else if (a == "--verbose" || a == "-v") {
+      o.verbose = true;
+    } else {
+      error = "unknown argument " + a;
+      return false;
+    }
+  }
+  if (o.help) {
+    out = o;
+    return true;
+  }
+  if (o.command.empty()) {
+    error = "say what to do: check or send";
+    return false;
+  }
+  if (o.command == "send" &&
+      (o.event.user.empty() || o.event.domain.empty() || o.event.workstation.empty())) {
+    error = "send needs --user, --domain and --workstation";
+    return false;
+  }
+  out = o;
+  return true;
+}
+
+int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out) {
+  SocketLibraryScope sockets;
+  if (!sockets.ok()) {
+    std::fprintf(out, "The socket library cannot start.\n");
+    return kExitSetup;
+  }
+  CDiagSupport support(system, options, out);
+  CLog log(support);
+  log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+
+  // The servers and key: the command line first, then the agent's settings.
+  ServerList servers;
+  std::string key = options.key;
+  SettingsRecordView settings;
+  if (system) settings = ReadSettingsRecord(*system);
+  if (!options.servers.empty()) {
+    for (const auto& text : options.servers) {
+      auto entry = std::make_unique<ServerEntry>();
+      ParseServer(text, *entry);
+      servers.push_back(std::move(entry));
+    }
+    std::fprintf(out, "Servers from the command line\n");
+  } else if (!options.serverList.empty()) {
+    ParseServerList(options.serverList, servers);
+    std::fprintf(out, "Servers from --servers\n");
+  } else if (!settings.serverList.empty()) {
+    ParseServerList(WideToAnsi(settings.serverList), servers);
+    std::fprintf(out, "Servers from the agent's settings\n");
+  }
+  if (!options.keyGiven) {
+    key = WideToUtf8(settings.presharedKey);
+    if (system) std::fprintf(out, "Preshared key from the agent's settings\n");
+  }
+  if (servers.empty()) {
+    std::fprintf(out,
+                 "No server is configured: give --server or --servers%s.\n",
+                 system ? ", or set \"Servers\" in the agent's settings" : "");
+    return kExitNotConfigured;
+  }
+  if (key.empty())
+    std::fprintf(out, "WARNING: the preshared key is empty; servers that require a digest will "
+                      "reject the hello\n");
+  else if (key.size() > 16)
+    std::fprintf(out, "NOTE: the preshared key is longer than 16 bytes; only its first 16 bytes "
+                      "count\n");
+
+  if (!DescribeClientIdentity(out, support.cfg_is_fips_mode_enabled())) return kExitSetup;
+
+  Timings timings;
+  timings.socketTimeoutMs = options.timeoutMs;
+  std::atomic<uint32_t> keepAlive{180};
+  CDiagHost host;
+  CDiagNetwork network;
+  CAuthenticatorClient client(log, support, network, timings, servers, key, keepAlive, host);
+  const bool eventMode = options.command == "send";
+  CDiagObserver observer(out, servers.size(), eventMode);
+  client.SetObserver(&observer);
+  g_fatalOut = out;
+  SetFatalRangeHandler(&OnFatalHello);
+
+  CDecoder decoder;
+  if (eventMode) {
+    CEncoder event(kEventEncoderCapacity);
+    BuildEvent(options.event, event);
+    client.send_to_all_servers(options.session, event, decoder, false);
+  } else {
+    for (const auto& server : servers) {
+      client.SetCurrentServer(*server);
+      client.SendAndReceive(options.session, nullptr, decoder, ExchangeMode::kHelloOnly);
+    }
+  }
+  SetFatalRangeHandler(nullptr);
+
+  const size_t passed = observer.Passed();
+  std::fprintf(out, "%zu of %zu server(s) passed", passed, servers.size());
+  if (eventMode)
+    std::fprintf(out, "; the agent's state after such a pass: %u (%s)", host.State(),
+                 StateName(host.State()));
+  std::fprintf(out, "\n");
+  if (passed == servers.size()) return kExitOk;
+  return passed ? kExitSomeFailed : kExitAllFailed;
+}
+
+}  // namespace lindqvar::diag

@@ -1,0 +1,53 @@
+// lindqvar-diag: tells an administrator whether the agent can reach its
+// authentication servers. `check` runs TLS, hello and hello acknowledgement
+// with each configured server without sending an event; `send` delivers one
+// event to each and prints every acknowledgement. Both run the agent's own
+// delivery code, so what they report is what the agent would meet.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "platform/support.h"
+#include "tools/diag/diag_event.h"
+
+namespace lindqvar::diag {
+
+enum ExitCode : int {
+  kExitOk = 0,            // every server passed
+  kExitSomeFailed = 1,    // at least one server passed, at least one failed
+  kExitAllFailed = 2,     // no server passed
+  kExitUsage = 3,         // the command line is wrong
+  kExitNotConfigured = 4, // no server is configured
+  kExitFatalHello = 5,    // a server's hello would end the agent's process
+  kExitSetup = 6,         // the program cannot start (sockets, certificate material)
+};
+
+struct DiagOptions {
+  std::string command;                    // "check" or "send"
+  std::string serverList;                 // --servers: the settings' own format
+  std::vector<std::string> servers;       // --server HOST[:PORT]
+  bool keyGiven = false;
+  std::string key;                        // UTF-8
+  DiagEvent event;
+  uint32_t session = 1;
+  std::string clientGuid;                 // empty: the system's, if any
+  bool fips = false;
+  uint32_t timeoutMs = 5000;
+  bool verbose = false;
+  bool help = false;
+};
+
+extern const char kUsage[];
+
+// Parses the arguments after the program name. False with a message.
+bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std::string& error);
+
+// Runs the command and returns its exit code. `system` is the machine's
+// support library (agent settings, client GUID, FIPS flag), or null where
+// there is none; whatever the command line gives takes precedence.
+int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out);
+
+}  // namespace lindqvar::diag

@@ -1,0 +1,33 @@
+// lindqvar-diag: see docs/diag.md.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tools/diag/diag.h"
+
+#ifdef _WIN32
+#include "platform/win32/support_win32.h"
+#endif
+
+int main(int argc, char** argv) {
+  using namespace lindqvar::diag;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  DiagOptions options;
+  std::string error;
+  if (!ParseArguments(args, options, error)) {
+    std::fprintf(stderr, "lindqvar-diag: %s\n\n%s", error.c_str(), kUsage);
+    return kExitUsage;
+  }
+  if (options.help) {
+    std::fputs(kUsage, stdout);
+    return kExitOk;
+  }
+#ifdef _WIN32
+  // The agent's own settings, client GUID and FIPS switch, read the way the
+  // agent reads them.
+  lindqvar::win32::CSupportLibraryWin32 system({});
+  return RunDiag(options, &system, stdout);
+#else
+  return RunDiag(options, nullptr, stdout);
+#endif
+}

@@ -1,0 +1,478 @@
+#include "tools/lab_authenticator/lab_server.h"
+
+#include <openssl/err.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+#include "protocol/codec.h"
+#include "protocol/delivery.h"
+
+namespace lindqvar::lab {
+
+namespace {
+
+// The version text of the lab's hello, and one of exactly 32 bytes for the
+// fault that the agent cannot take.
+constexpr char kLabVersion[] = "Lindqvar Lab Authenticator";
+constexpr char kLongVersion[] = "Lindqvar Lab Authenticator v32.0";
+static_assert(sizeof kLongVersion - 1 == 32);
+
+std::string OpenSslError() {
+  const unsigned long e = ERR_get_error();
+  if (!e) return "unknown TLS error";
+  char text[256];
+  ERR_error_string_n(e, text, sizeof text);
+  ERR_clear_error();
+  return text;
+}
+
+int WriteMessage(SSL* ssl, const CEncoder& encoder) {
+  uint32_t length = 0;
+  const uint8_t* data = encoder.get_buffer(&length);
+  return SSL_write(ssl, data, static_cast<int>(length));
+}
+
+uint32_t ReadMessage(SSL* ssl, CDecoder& decoder, uint32_t maxLength) {
+  return ReceiveMessage(
+      decoder, [ssl](void* buffer, int count) { return SSL_read(ssl, buffer, count); }, maxLength);
+}
+
+std::string Text(const CDecoder& d) {
+  if (d.type() != TYPE_STRING && d.type() != TYPE_BYTES) return {};
+  return std::string(reinterpret_cast<const char*>(d.value_data()), d.value_size());
+}
+
+std::string IPv4Text(uint32_t hostOrder) {
+  SocketAddress a;
+  a.family = kFamilyIPv4;
+  for (int i = 0; i < 4; ++i) a.bytes[i] = static_cast<uint8_t>(hostOrder >> (24 - 8 * i));
+  return a.AddressText();
+}
+
+std::string IPv6Text(const uint8_t* bytes) {
+  SocketAddress a;
+  a.family = kFamilyIPv6;
+  std::memcpy(a.bytes.data(), bytes, 16);
+  return a.AddressText();
+}
+
+// Reads the session records of an event message (already received).
+std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
+  std::vector<SessionRecord> records;
+  code = 0;
+  if (!d.next()) return records;
+  code = d.code();
+  if (code != MSG_EVENT) return records;
+  SessionRecord* current = nullptr;
+  while (d.next()) {
+    if (d.code() == MSG_SESSION_INFO && d.type() == TYPE_GROUP) {
+      records.emplace_back();
+      current = &records.back();
+      continue;
+    }
+    if (!current) continue;
+    switch (d.code()) {
+      case ATTR_LOGON: current->logon = d.value_u32(); break;
+      case ATTR_FIXED_VALUE: current->fixedValue = d.value_u32(); break;
+      case ATTR_DOMAIN: current->domain = Text(d); break;
+      case ATTR_USER: current->user = Text(d); break;
+      case ATTR_WORKSTATION: current->workstation = Text(d); break;
+      case ATTR_AZURE_ACCOUNT: current->azureAccount = Text(d); break;
+      case ATTR_DEVICE_UUID: current->deviceUuid = Text(d); break;
+      case ATTR_VRX_SERIAL: current->serial = Text(d); break;
+      case ATTR_TENANT_ID: current->tenantId = Text(d); break;
+      case ATTR_TIME: current->time = d.value_u32(); break;
+      case ATTR_IPV4:
+        if (d.type() == TYPE_U32) current->ipv4.push_back(IPv4Text(d.value_u32()));
+        break;
+      case ATTR_IPV6:
+        if (d.type() == TYPE_BYTES && d.value_size() == 16)
+          current->ipv6.push_back(IPv6Text(d.value_data()));
+        break;
+      default: break;
+    }
+  }
+  return records;
+}
+
+}  // namespace
+
+const char* FaultName(Fault fault) {
+  switch (fault) {
+    case Fault::kNone: return "none";
+    case Fault::kRejectHello: return "reject-hello";
+    case Fault::kCloseAfterHelloAck: return "close-after-hello-ack";
+    case Fault::kStall: return "stall";
+    case Fault::kStallTls: return "stall-tls";
+    case Fault::kOversizedFrame: return "oversized-frame";
+    case Fault::kMalformedFrame: return "malformed-frame";
+    case Fault::kShortFrame: return "short-frame";
+    case Fault::kLongVersion: return "long-version";
+  }
+  return "none";
+}
+
+bool ParseFault(const std::string& text, Fault& out) {
+  for (Fault f : {Fault::kNone, Fault::kRejectHello, Fault::kCloseAfterHelloAck, Fault::kStall,
+                  Fault::kStallTls, Fault::kOversizedFrame, Fault::kMalformedFrame,
+                  Fault::kShortFrame, Fault::kLongVersion}) {
+    if (text == FaultName(f)) {
+      out = f;
+      return true;
+    }
+  }
+  return false;
+}
+
+const char* DigestCheckName(DigestCheck check) {
+  switch (check) {
+    case DigestCheck::kNotChecked: return "not-checked";
+    case DigestCheck::kCorrect: return "correct";
+    case DigestCheck::kWrong: return "wrong";
+    case DigestCheck::kZero: return "zero";
+    case DigestCheck::kNotRequired: return "not-required";
+  }
+  return "not-checked";
+}
+
+CLabAuthenticator::CLabAuthenticator(LabOptions options, ILabSink* sink)
+    : m_options(std::move(options)), m_sink(sink) {}
+
+CLabAuthenticator::~CLabAuthenticator() {
+  Stop();
+  if (m_ctx) SSL_CTX_free(m_ctx);
+}
+
+bool CLabAuthenticator::Start(std::string& error) {
+  if (m_options.listen.empty()) {
+    error = "no address to listen on";
+    return false;
+  }
+  m_ctx = SSL_CTX_new(TLS_server_method());
+  if (!m_ctx) {
+    error = "cannot create a TLS context: " + OpenSslError();
+    return false;
+  }
+  if (SSL_CTX_use_certificate_chain_file(m_ctx, m_options.certFile.c_str()) != 1) {
+    error = "cannot load the server certificate " + m_options.certFile + ": " + OpenSslError();
+    return false;
+  }
+  if (SSL_CTX_use_PrivateKey_file(m_ctx, m_options.keyFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_check_private_key(m_ctx) != 1) {
+    error = "cannot load the server key " + m_options.keyFile + ": " + OpenSslError();
+    return false;
+  }
+  if (SSL_CTX_load_verify_locations(m_ctx, m_options.caFile.c_str(), nullptr) != 1) {
+    error = "cannot load the client CA " + m_options.caFile + ": " + OpenSslError();
+    return false;
+  }
+  if (STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(m_options.caFile.c_str()))
+    SSL_CTX_set_client_CA_list(m_ctx, names);
+  // Every agent must present a certificate from the configured CA.
+  SSL_CTX_set_verify(m_ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+
+  for (const SocketAddress& at : m_options.listen) {
+    CSocket s = CSocket::Open(at.family);
+    if (!s.valid()) {
+      error = "cannot create a socket for " + at.Text();
+      return false;
+    }
+    s.SetReuseAddress();
+    if (!s.Bind(at) || !s.Listen(64)) {
+      error = "cannot listen on " + at.Text() + " (error " + std::to_string(LastSocketError()) + ")";
+      return false;
+    }
+    SocketAddress bound;
+    s.LocalAddress(bound);
+    m_bound.push_back(bound);
+    m_listeners.push_back(std::move(s));
+  }
+  for (size_t i = 0; i < m_listeners.size(); ++i) {
+    if (m_sink) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_sink->OnListening(m_bound[i]);
+    }
+    m_acceptThreads.emplace_back([this, i] { AcceptLoop(i); });
+  }
+  return true;
+}
+
+void CLabAuthenticator::Stop() {
+  if (m_stopping.exchange(true)) return;
+  for (auto& t : m_acceptThreads) t.join();
+  m_acceptThreads.clear();
+  {
+    // Wake connections blocked in a read.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (NativeSocket s : m_open) {
+      CSocket borrowed(s);
+      borrowed.ShutdownBoth();
+      borrowed.release();
+    }
+  }
+  std::list<Worker> workers;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    workers.swap(m_workers);
+  }
+  for (auto& w : workers) w.thread.join();
+  m_listeners.clear();
+}
+
+std::vector<SocketAddress> CLabAuthenticator::Listening() const { return m_bound; }
+
+uint64_t CLabAuthenticator::Finished() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_finished;
+}
+
+bool CLabAuthenticator::WaitFinished(uint64_t count, uint32_t timeoutMs) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_finishedChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                    [&] { return m_finished >= count; });
+}
+
+std::vector<ConnectionReport> CLabAuthenticator::Reports() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_reports;
+}
+
+CLogonTable CLabAuthenticator::Table() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_table;
+}
+
+void CLabAuthenticator::ReapWorkers() {
+  // Called with m_mutex held.
+  for (auto it = m_workers.begin(); it != m_workers.end();) {
+    if (it->done->load()) {
+      it->thread.join();
+      it = m_workers.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void CLabAuthenticator::AcceptLoop(size_t listener) {
+  const std::string where = m_bound[listener].Text();
+  while (!m_stopping.load()) {
+    SocketAddress peer;
+    CSocket s = m_listeners[listener].Accept(100, &peer);
+    if (!s.valid()) continue;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ReapWorkers();
+    const uint64_t number = ++m_accepted;
+    m_open.push_back(s.native());
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    Worker w;
+    w.done = done;
+    w.thread = std::thread([this, sock = std::move(s), peer, where, number, done]() mutable {
+      Serve(std::move(sock), peer, where, number);
+      done->store(true);
+    });
+    m_workers.push_back(std::move(w));
+  }
+}
+
+void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string listener,
+                              uint64_t number) {
+  ConnectionReport report;
+  report.number = number;
+  report.peer = peer.Text();
+  report.listener = listener;
+  const bool faulty = m_options.faultConnections == 0 || number <= m_options.faultConnections;
+  const Fault fault = faulty ? m_options.fault : Fault::kNone;
+  report.fault = fault;
+  socket.SetTimeouts(m_options.ioTimeoutMs);
+
+  if (fault == Fault::kStallTls) {
+    Linger(socket, m_options.stallMs);
+    report.end = "stalled before TLS";
+  } else if (SSL* ssl = SSL_new(m_ctx)) {
+    SSL_set_fd(ssl, static_cast<int>(socket.native()));
+    if (SSL_accept(ssl) == 1) {
+      report.tlsUp = true;
+      report.tlsVersion = SSL_get_version(ssl);
+      if (const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) report.serverName = sni;
+      if (X509* client = SSL_get1_peer_certificate(ssl)) {
+        char subject[256] = {};
+        X509_NAME_oneline(X509_get_subject_name(client), subject, sizeof subject);
+        report.clientSubject = subject;
+        X509_free(client);
+      }
+      if (fault == Fault::kStall) {
+        Linger(socket, m_options.stallMs);
+        report.end = "stalled after TLS";
+      } else {
+        Dialogue(ssl, report, fault);
+      }
+      SSL_shutdown(ssl);
+    } else {
+      report.tlsError = OpenSslError();
+      report.end = "TLS handshake failed";
+    }
+    SSL_free(ssl);
+  } else {
+    report.end = "cannot create a TLS session";
+  }
+
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_open.erase(std::remove(m_open.begin(), m_open.end(), socket.native()), m_open.end());
+  }
+  socket.ShutdownBoth();
+  socket.Close();
+  Finish(report);
+}
+
+void CLabAuthenticator::Linger(CSocket& socket, uint32_t limitMs) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  char sink[256];
+  while (!m_stopping.load() && std::chrono::steady_clock::now() < until) {
+    if (socket.WaitReadable(100) && socket.Receive(sink, sizeof sink) <= 0) return;
+  }
+}
+
+void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
+  // The hello.
+  uint8_t challenge[16];
+  RAND_bytes(challenge, sizeof challenge);
+  uint32_t id = 0;
+  if (m_options.helloId >= 0)
+    id = static_cast<uint32_t>(m_options.helloId);
+  else
+    RAND_bytes(reinterpret_cast<uint8_t*>(&id), sizeof id);
+  report.helloId = id;
+  report.helloFlags = m_options.helloFlags;
+
+  if (fault == Fault::kOversizedFrame || fault == Fault::kShortFrame) {
+    // A length word and a few bytes, then the connection ends.
+    const uint32_t announced = fault == Fault::kOversizedFrame ? m_options.oversizedLength : 5;
+    const uint8_t frame[6] = {static_cast<uint8_t>(announced >> 24),
+                              static_cast<uint8_t>(announced >> 16),
+                              static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced),
+                              MSG_HELLO, TYPE_GROUP};
+    SSL_write(ssl, frame, sizeof frame);
+    report.end = fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
+    return;
+  }
+
+  CEncoder hello(kReplyEncoderCapacity);
+  hello.begin_message(MSG_HELLO);
+  hello.add_u32(ATTR_ID, id);
+  hello.add_u32(ATTR_HELLO_FLAGS, m_options.helloFlags);
+  const char* version = fault == Fault::kLongVersion ? kLongVersion : kLabVersion;
+  hello.add_string(ATTR_VERSION_TEXT, version, static_cast<uint32_t>(std::strlen(version)), 0);
+  hello.add_bytes(ATTR_DIGEST, challenge, sizeof challenge);
+  hello.end_group(MSG_HELLO);
+  if (fault == Fault::kMalformedFrame) {
+    // The digest is the last attribute: make its length run past the end.
+    uint32_t length = 0;
+    uint8_t* bytes = const_cast<uint8_t*>(hello.get_buffer(&length));
+    uint8_t* digest = bytes + length - (6 + sizeof challenge);
+    digest[0] = 0x7F;
+    digest[1] = digest[2] = digest[3] = 0xFF;
+  }
+  WriteMessage(ssl, hello);
+  report.helloSent = true;
+
+  // The agent's hello.
+  CDecoder in;
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
+    report.end = "no hello reply";
+    return;
+  }
+  if (!in.next() || in.code() != MSG_HELLO) {
+    report.end = "the reply was not a hello";
+    return;
+  }
+  report.helloReplyReceived = true;
+  uint8_t digest[16] = {};
+  bool digestSeen = false;
+  while (in.next()) {
+    switch (in.code()) {
+      case ATTR_VERSION_TEXT: report.clientVersion = Text(in); break;
+      case ATTR_CLIENT_GUID: report.clientGuid = Text(in); break;
+      case ATTR_DIGEST:
+        if (in.type() == TYPE_BYTES && in.value_size() == 16) {
+          std::memcpy(digest, in.value_data(), 16);
+          digestSeen = true;
+        }
+        break;
+      default: break;
+    }
+  }
+  bool accepted;
+  if (m_options.helloFlags & 1) {
+    uint8_t key[16], expected[16];
+    preshared_key_block(m_options.presharedKey, key);
+    compute_response(challenge, key, expected);
+    accepted = digestSeen && std::memcmp(expected, digest, 16) == 0;
+    report.digest = accepted ? DigestCheck::kCorrect : DigestCheck::kWrong;
+  } else {
+    static const uint8_t kZero[16] = {};
+    accepted = true;
+    report.digest = digestSeen && std::memcmp(digest, kZero, 16) == 0 ? DigestCheck::kZero
+                                                                      : DigestCheck::kNotRequired;
+  }
+  uint32_t helloResult = accepted ? 1 : 0;
+  if (m_options.helloResult >= 0) helloResult = static_cast<uint32_t>(m_options.helloResult);
+  if (fault == Fault::kRejectHello) helloResult = 0;
+
+  CEncoder ack(kReplyEncoderCapacity);
+  ack.begin_message(MSG_HELLO_ACK);
+  ack.add_u32(ATTR_HELLO_RESULT, helloResult);
+  ack.end_group(MSG_HELLO_ACK);
+  WriteMessage(ssl, ack);
+  report.helloAckSent = true;
+  report.helloResult = helloResult;
+  if (helloResult != 1) {
+    report.end = "hello rejected";
+    return;
+  }
+  if (fault == Fault::kCloseAfterHelloAck) {
+    report.end = "closed after the hello acknowledgement";
+    return;
+  }
+
+  // The event.
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
+    report.end = "no event";
+    return;
+  }
+  report.eventReceived = true;
+  report.records = DecodeEvent(in, report.eventCode);
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const std::time_t now = std::time(nullptr);
+    for (const auto& r : report.records) m_table.Apply(r, report.peer, now);
+    if (m_sink && !report.records.empty()) m_sink->OnTable(m_table);
+  }
+
+  CEncoder eventAck(kReplyEncoderCapacity);
+  eventAck.begin_message(MSG_EVENT_ACK);
+  eventAck.add_u32(ATTR_EVENT_RESULT, m_options.eventResult);
+  if (m_options.keepAliveInterval) eventAck.add_u32(ATTR_KEEPALIVE_INTERVAL, m_options.keepAliveInterval);
+  eventAck.end_group(MSG_EVENT_ACK);
+  WriteMessage(ssl, eventAck);
+  report.eventAckSent = true;
+  report.eventResult = m_options.eventResult;
+  report.keepAliveInterval = m_options.keepAliveInterval;
+  report.end = "complete";
+}
+
+void CLabAuthenticator::Finish(const ConnectionReport& report) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_reports.push_back(report);
+  ++m_finished;
+  if (m_sink) m_sink->OnConnection(report);
+  m_finishedChanged.notify_all();
+}
+
+}  // namespace lindqvar::lab

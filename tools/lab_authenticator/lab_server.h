@@ -1,0 +1,156 @@
+// The lab authenticator: the server side of the agent's dialogue, for labs
+// and tests. It accepts TLS connections that present a client certificate
+// issued by the configured CA, sends a hello with a random challenge, checks
+// the agent's digest against its own preshared key, acknowledges the hello
+// and the event with chosen results, decodes every session record and keeps
+// a table of who is logged on at which addresses. On request it misbehaves
+// in one of several ways so that the agent's handling can be watched.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/socket.h"
+#include "tools/lab_authenticator/logon_table.h"
+
+namespace lindqvar::lab {
+
+enum class Fault {
+  kNone,
+  kRejectHello,         // hello acknowledgement with result 0 whatever the digest
+  kCloseAfterHelloAck,  // close the connection right after the hello acknowledgement
+  kStall,               // TLS comes up, then nothing is ever sent
+  kStallTls,            // TCP is accepted, TLS never answered
+  kOversizedFrame,      // a frame announcing far more bytes than follow, then close
+  kMalformedFrame,      // a hello whose last attribute's length runs past the message
+  kShortFrame,          // a frame whose length is smaller than an attribute header
+  kLongVersion,         // a hello whose version text is 32 bytes long
+};
+const char* FaultName(Fault fault);
+bool ParseFault(const std::string& text, Fault& out);
+
+struct LabOptions {
+  std::vector<SocketAddress> listen;  // port 0: any free port
+  std::string caFile;                 // client certificates must chain to it
+  std::string certFile;               // server certificate (chain) PEM
+  std::string keyFile;                // server key PEM (no pass phrase)
+  std::string presharedKey;
+  uint32_t helloFlags = 1;       // bit 0: a digest is required
+  int64_t helloId = -1;          // -1: a random value per connection
+  int64_t helloResult = -1;      // -1: 1 when the digest checks out, else 0
+  uint32_t eventResult = 1;
+  uint32_t keepAliveInterval = 0;  // 0: not sent
+  Fault fault = Fault::kNone;
+  uint32_t faultConnections = 0;   // the fault hits this many connections first; 0: all
+  uint32_t oversizedLength = 64u << 20;
+  uint32_t stallMs = 60000;        // longest stall
+  uint32_t ioTimeoutMs = 10000;    // limit of every read and write
+  uint32_t maxMessage = 1u << 20;  // largest message accepted from an agent
+};
+
+enum class DigestCheck { kNotChecked, kCorrect, kWrong, kZero, kNotRequired };
+const char* DigestCheckName(DigestCheck check);
+
+// Everything about one connection, reported when it ends.
+struct ConnectionReport {
+  uint64_t number = 0;
+  std::string peer;
+  std::string listener;
+  Fault fault = Fault::kNone;
+  bool tlsUp = false;
+  std::string tlsError;
+  std::string clientSubject;
+  std::string serverName;  // SNI, empty when none was sent
+  std::string tlsVersion;
+  bool helloSent = false;
+  uint32_t helloId = 0;
+  uint32_t helloFlags = 0;
+  bool helloReplyReceived = false;
+  std::string clientVersion;
+  std::string clientGuid;
+  DigestCheck digest = DigestCheck::kNotChecked;
+  bool helloAckSent = false;
+  uint32_t helloResult = 0;
+  bool eventReceived = false;
+  uint8_t eventCode = 0;
+  std::vector<SessionRecord> records;
+  bool eventAckSent = false;
+  uint32_t eventResult = 0;
+  uint32_t keepAliveInterval = 0;
+  std::string end;  // "complete", or what ended the dialogue early
+};
+
+// Receives what the server has to tell; called from its threads, one call
+// at a time.
+class ILabSink {
+ public:
+  virtual ~ILabSink() = default;
+  virtual void OnListening(const SocketAddress& address) = 0;
+  virtual void OnConnection(const ConnectionReport& report) = 0;
+  virtual void OnTable(const CLogonTable& table) = 0;
+};
+
+class CLabAuthenticator {
+ public:
+  CLabAuthenticator(LabOptions options, ILabSink* sink);
+  ~CLabAuthenticator();
+  CLabAuthenticator(const CLabAuthenticator&) = delete;
+  CLabAuthenticator& operator=(const CLabAuthenticator&) = delete;
+
+  // Loads the certificates and starts listening. False with a reason.
+  bool Start(std::string& error);
+  // Stops accepting, ends open connections and waits for every thread.
+  void Stop();
+
+  // The bound addresses (ports filled in), in the order of the options.
+  std::vector<SocketAddress> Listening() const;
+  // Connections finished so far.
+  uint64_t Finished() const;
+  // Waits until `count` connections have finished; false on time-out.
+  bool WaitFinished(uint64_t count, uint32_t timeoutMs);
+  // Copies of what was recorded.
+  std::vector<ConnectionReport> Reports() const;
+  CLogonTable Table() const;
+
+ private:
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+
+  void AcceptLoop(size_t listener);
+  void Serve(CSocket socket, SocketAddress peer, std::string listener, uint64_t number);
+  void Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // Waits until the peer closes, the limit passes or the server stops.
+  void Linger(CSocket& socket, uint32_t limitMs);
+  void Finish(const ConnectionReport& report);
+  void ReapWorkers();
+
+  LabOptions m_options;
+  ILabSink* m_sink;
+  SSL_CTX* m_ctx = nullptr;
+  std::vector<CSocket> m_listeners;
+  std::vector<SocketAddress> m_bound;
+  std::vector<std::thread> m_acceptThreads;
+  std::atomic<bool> m_stopping{false};
+
+  mutable std::mutex m_mutex;  // guards everything below and the sink
+  std::condition_variable m_finishedChanged;
+  std::list<Worker> m_workers;
+  std::vector<NativeSocket> m_open;  // sockets of live connections
+  uint64_t m_accepted = 0;
+  uint64_t m_finished = 0;
+  std::vector<ConnectionReport> m_reports;
+  CLogonTable m_table;
+};
+
+}  // namespace lindqvar::lab
