@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
-#include <cctype>
 
 #include "platform/log.h"
 #include "platform/os.h"
@@ -26,15 +25,6 @@ std::u16string ReadWide(const uint8_t* p, size_t maxUnits) {
     out.push_back(unit);
   }
   return out;
-}
-
-bool EqualIgnoringCase(const char* a, const char* b) {
-  for (;; ++a, ++b) {
-    const int ca = std::tolower(static_cast<unsigned char>(*a));
-    const int cb = std::tolower(static_cast<unsigned char>(*b));
-    if (ca != cb) return false;
-    if (ca == 0) return true;
-  }
 }
 
 bool IsSeparator(char c) { return c == ';' || c == ','; }
@@ -107,14 +97,13 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   if (std::strcmp(freshKey.c_str(), m_presharedKey.c_str()) != 0) return 1;
   if (fresh.enabled == 0) return 1;
   if (freshList.size() != m_servers.size()) return 1;
+  // An entry is matched by the port alone: a server whose host changed but
+  // whose port did not counts as unchanged (the list applied right after
+  // carries the new host anyway), while a changed port always restarts the
+  // agent, also when the host stayed the same.
   for (const auto& candidate : freshList) {
-    bool matched = false;
-    for (const auto& inForce : m_servers) {
-      if (candidate->port == inForce->port || EqualIgnoringCase(candidate->host, inForce->host)) {
-        matched = true;
-        break;
-      }
-    }
+    const bool matched = std::any_of(m_servers.begin(), m_servers.end(),
+                                     [&](const auto& inForce) { return candidate->port == inForce->port; });
     if (!matched) return 1;
   }
   return 0;

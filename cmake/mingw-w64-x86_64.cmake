@@ -18,3 +18,8 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
 
 # Windows test programs run under Wine on this machine.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine-run)
+
+# The OpenSSL built for MinGW lives outside the compiler's root.
+if(OPENSSL_ROOT_DIR)
+  list(APPEND CMAKE_FIND_ROOT_PATH ${OPENSSL_ROOT_DIR})
+endif()

@@ -39,6 +39,8 @@ class Event {
   // Wraps a handle owned elsewhere (e.g. the event of an overlapped request);
   // the wrapper does not close it.
   static std::unique_ptr<Event> Borrow(void* handle);
+  // Takes ownership of an event handle (e.g. a named event).
+  static std::unique_ptr<Event> Adopt(void* handle);
   void* native_handle() const;
 #endif
 

@@ -26,6 +26,14 @@ std::unique_ptr<Event> Event::Borrow(void* handle) {
   return e;
 }
 
+std::unique_ptr<Event> Event::Adopt(void* handle) {
+  std::unique_ptr<Event> e(new Event());
+  e->m_impl = std::make_unique<Impl>();
+  e->m_impl->handle = handle;
+  e->m_impl->owned = true;
+  return e;
+}
+
 void* Event::native_handle() const { return m_impl->handle; }
 
 void Event::Set() { ::SetEvent(m_impl->handle); }

@@ -115,24 +115,25 @@ TEST_F(SettingsChange, UnchangedSettingsAndTheDeliberatePortOnlyMatch) {
   // Same count, same ports, other hosts: unchanged.
   support.SetSettings(1, u"10.9.9.9:9001;other.example", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 0u);
-  // Same hosts in another case and order, other ports: the host match holds.
-  support.SetSettings(1, u"AUTH.example:1;10.0.0.5:2", u"secret");
+  // Order does not matter.
+  support.SetSettings(1, u"x.example;10.0.0.5:9001", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 0u);
   // Nothing in force changed through the tests.
   ASSERT_EQ(settings.Servers().size(), 2u);
   EXPECT_STREQ(settings.Servers()[1]->host, "auth.example");
 }
 
-TEST_F(SettingsChange, KeyDisableCountAndUnmatchedEntryAreChanges) {
+TEST_F(SettingsChange, KeyDisableCountAndPortAreChanges) {
   support.SetSettings(1, u"10.0.0.5:9001;auth.example", u"Secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   support.SetSettings(0, u"10.0.0.5:9001;auth.example", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   support.SetSettings(1, u"10.0.0.5:9001", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
+  // The same host on another port is a change.
   support.SetSettings(1, u"10.0.0.5:9002;auth.example", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 0u);  // the second entry matches by host
-  support.SetSettings(1, u"10.0.0.7:9002;auth.example", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 1u);
+  support.SetSettings(1, u"10.0.0.5:9001;auth.example:8002", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   // A record the library left zero reads as disabled with no key.
   support.SetSettings(0, u"", u"");

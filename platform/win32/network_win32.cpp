@@ -1,0 +1,108 @@
+#include "platform/win32/network_win32.h"
+
+#include "platform/win32/windows_include.h"
+
+#include <iphlpapi.h>
+
+#include <cstring>
+
+#include "platform/event.h"
+#include "platform/win32/windows_include.h"
+
+namespace lindqvar::win32 {
+
+void CNetworkWin32::Startup() {
+  WSADATA data;
+  ::WSAStartup(MAKEWORD(2, 2), &data);
+}
+
+void CNetworkWin32::Cleanup() { ::WSACleanup(); }
+
+std::string CNetworkWin32::HostName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name) != 0) return {};
+  name[sizeof name - 1] = '\0';
+  return name;
+}
+
+int CNetworkWin32::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
+  out.clear();
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_protocol = IPPROTO_TCP;
+  addrinfo* list = nullptr;
+  const int rc = ::getaddrinfo(name.c_str(), nullptr, &hints, &list);
+  if (rc != 0) return rc;
+  for (const addrinfo* ai = list; ai; ai = ai->ai_next) {
+    ResolvedAddress a;
+    if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in)) {
+      a.family = kFamilyIPv4;
+      std::memcpy(a.bytes.data(), &reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr, 4);
+    } else if (ai->ai_family == AF_INET6 && ai->ai_addrlen >= sizeof(sockaddr_in6)) {
+      a.family = kFamilyIPv6;
+      std::memcpy(a.bytes.data(), &reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr,
+                  16);
+    } else {
+      continue;
+    }
+    out.push_back(a);
+  }
+  ::freeaddrinfo(list);
+  return 0;
+}
+
+bool CNetworkWin32::PhysicalDnsDomain(std::u16string& domain, uint32_t& error) {
+  wchar_t buffer[512] = {};
+  DWORD size = 512;
+  if (!::GetComputerNameExW(ComputerNamePhysicalDnsDomain, buffer, &size)) {
+    error = ::GetLastError();
+    return false;
+  }
+  domain = U(buffer, size);
+  return true;
+}
+
+namespace {
+// NotifyAddrChange on an overlapped request whose event comes from
+// WSACreateEvent; the request is cancelled and the event closed on
+// destruction.
+class AddressChangeWatch : public IAddressChangeWatch {
+ public:
+  AddressChangeWatch() {
+    m_overlapped.hEvent = ::WSACreateEvent();
+    m_event = Event::Borrow(m_overlapped.hEvent);
+  }
+  ~AddressChangeWatch() override {
+    if (m_armed) ::CancelIPChangeNotify(&m_overlapped);
+    if (m_overlapped.hEvent) ::WSACloseEvent(m_overlapped.hEvent);
+  }
+  uint32_t Arm() override {
+    HANDLE handle = nullptr;
+    const DWORD rc = ::NotifyAddrChange(&handle, &m_overlapped);
+    if (rc != NO_ERROR) {
+      const int error = ::WSAGetLastError();
+      if (error != WSA_IO_PENDING) return static_cast<uint32_t>(error);
+    }
+    m_armed = true;
+    return 0;
+  }
+  Event& Changed() override { return *m_event; }
+  void Rearm() override {
+    ::CancelIPChangeNotify(&m_overlapped);
+    HANDLE handle = nullptr;
+    ::NotifyAddrChange(&handle, &m_overlapped);
+  }
+
+ private:
+  OVERLAPPED m_overlapped = {};
+  std::unique_ptr<Event> m_event;
+  bool m_armed = false;
+};
+}  // namespace
+
+std::unique_ptr<IAddressChangeWatch> CNetworkWin32::CreateAddressChangeWatch() {
+  return std::make_unique<AddressChangeWatch>();
+}
+
+}  // namespace lindqvar::win32

@@ -1,0 +1,85 @@
+#include "platform/win32/session_window_win32.h"
+
+#include <wtsapi32.h>
+
+namespace lindqvar::win32 {
+
+bool CSessionWindowWin32::Create(IWindowMessageSink& sink) {
+  m_instance = ::GetModuleHandleW(nullptr);
+  m_sink = &sink;
+
+  WNDCLASSEXW wc = {};
+  wc.cbSize = sizeof wc;
+  wc.style = CS_HREDRAW | CS_VREDRAW;
+  wc.lpfnWndProc = &CSessionWindowWin32::StaticWindowProc;
+  wc.cbClsExtra = 0;
+  wc.cbWndExtra = 0;
+  wc.hInstance = m_instance;
+  wc.hIcon = ::LoadIconW(nullptr, IDI_APPLICATION);
+  wc.hCursor = ::LoadCursorW(nullptr, IDC_ARROW);
+  wc.hbrBackground = reinterpret_cast<HBRUSH>(static_cast<INT_PTR>(COLOR_WINDOW));
+  wc.lpszMenuName = nullptr;
+  wc.lpszClassName = kDetectorClassName;
+  wc.hIconSm = nullptr;
+  ::RegisterClassExW(&wc);  // a class already registered is not an error here
+
+  m_window = ::CreateWindowExW(0, kDetectorClassName, kDetectorWindowName, WS_OVERLAPPEDWINDOW,
+                               CW_USEDEFAULT, 0, CW_USEDEFAULT, 0, nullptr, nullptr, m_instance,
+                               this);
+  if (!m_window) return false;
+  ::ShowWindow(m_window, SW_HIDE);
+  ::UpdateWindow(m_window);
+  return true;
+}
+
+bool CSessionWindowWin32::RegisterNotifications() {
+  return ::WTSRegisterSessionNotification(m_window, NOTIFY_FOR_ALL_SESSIONS) != FALSE;
+}
+
+void CSessionWindowWin32::Drain() {
+  MSG msg;
+  while (::PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
+    ::TranslateMessage(&msg);
+    ::DispatchMessageW(&msg);
+  }
+}
+
+void CSessionWindowWin32::DestroyAndUnregister() {
+  // Unregistering with the handle of the window just destroyed keeps the
+  // order the session service has always seen from the agent.
+  HWND window = m_window;
+  ::DestroyWindow(window);
+  ::WTSUnRegisterSessionNotification(window);
+  m_window = nullptr;
+}
+
+void CSessionWindowWin32::PostQuit() { ::PostQuitMessage(0); }
+
+int64_t CSessionWindowWin32::DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) {
+  return ::DefWindowProcW(m_window, message, static_cast<WPARAM>(wParam),
+                          static_cast<LPARAM>(lParam));
+}
+
+LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, WPARAM wParam,
+                                                       LPARAM lParam) {
+  auto* self = reinterpret_cast<CSessionWindowWin32*>(::GetWindowLongPtrW(hwnd, GWLP_USERDATA));
+  if (message == WM_NCCREATE) {
+    self = static_cast<CSessionWindowWin32*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
+    self->m_window = hwnd;
+    ::SetWindowLongPtrW(hwnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(self));
+  } else if (message == WM_DESTROY) {
+    // Later messages go to the default procedure; this one is still
+    // delivered to the object.
+    ::SetWindowLongPtrW(hwnd, GWLP_USERDATA, 0);
+  }
+  if (!self || !self->m_sink) return ::DefWindowProcW(hwnd, message, wParam, lParam);
+  try {
+    return static_cast<LRESULT>(
+        self->m_sink->WindowProc(message, static_cast<uint64_t>(wParam), static_cast<int64_t>(lParam)));
+  } catch (...) {
+    // No exception may unwind through the system's dispatch.
+    return 0;
+  }
+}
+
+}  // namespace lindqvar::win32

@@ -1,0 +1,214 @@
+// The Windows platform layer against Wine's registry, event log, file system
+// and window manager.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "agent/catalogue.h"
+#include "agent/settings.h"
+#include "agent/state.h"
+#include "platform/log.h"
+#include "platform/win32/registry_values.h"
+#include "platform/win32/registry_win32.h"
+#include "platform/win32/scoped_handle.h"
+#include "platform/win32/session_window_win32.h"
+#include "platform/win32/sessions_win32.h"
+#include "platform/win32/support_win32.h"
+
+namespace lindqvar::win32 {
+namespace {
+
+void SetValue(const std::u16string& path, const std::u16string& name, DWORD v) {
+  ScopedRegKey k;
+  ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                              k.receive(), nullptr),
+            ERROR_SUCCESS);
+  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, REG_DWORD, reinterpret_cast<BYTE*>(&v), 4),
+            ERROR_SUCCESS);
+}
+
+void SetValue(const std::u16string& path, const std::u16string& name, const std::u16string& v) {
+  ScopedRegKey k;
+  ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                              k.receive(), nullptr),
+            ERROR_SUCCESS);
+  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, REG_SZ, reinterpret_cast<const BYTE*>(v.c_str()),
+                             static_cast<DWORD>((v.size() + 1) * 2)),
+            ERROR_SUCCESS);
+}
+
+std::string ReadFile(const std::u16string& path) {
+  ScopedFileHandle f(::CreateFileW(W(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!f) return {};
+  std::string out(1 << 16, '\0');
+  DWORD n = 0;
+  ::ReadFile(f.get(), out.data(), static_cast<DWORD>(out.size()), &n, nullptr);
+  out.resize(n);
+  return out;
+}
+
+class Win32Platform : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"software\\Orvane");
+    wchar_t dir[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, dir);
+    m_logDir = U(dir) + u"lindqvar-test";
+    ::CreateDirectoryW(W(m_logDir), nullptr);
+    m_logFile = m_logDir + u"\\FA_LINDQ.log";
+    ::DeleteFileW(W(m_logFile));
+    SetValue(kLoggingKey, u"LogDirectory", m_logDir);
+  }
+  void TearDown() override {
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"software\\Orvane");
+    ::DeleteFileW(W(m_logFile));
+  }
+  std::u16string m_logDir, m_logFile;
+  CSupportLibraryWin32 m_support{EventCatalogue()};
+  CRegistryWin32 m_registry;
+};
+
+TEST_F(Win32Platform, SettingsRecordIsFilledFromTheAgentKey) {
+  SetValue(kAgentKey, u"Servers", u"10.0.0.5:9001;auth.example");
+  SetValue(kAgentKey, u"PresharedKey", u"s3cret");
+  SetValue(kAgentKey, u"AddressCategory", 1);
+  SetValue(kAgentKey, u"PreferAzure", 1);
+  SettingsRecordView v = ReadSettingsRecord(m_support);
+  EXPECT_EQ(v.enabled, 1u);  // absent: enabled
+  EXPECT_EQ(v.addressCategory, 1u);
+  EXPECT_EQ(v.preferAzure, 1u);
+  EXPECT_EQ(v.serverList, u"10.0.0.5:9001;auth.example");
+  EXPECT_EQ(v.presharedKey, u"s3cret");
+
+  // Over-long texts are cut so that the record keeps its terminators.
+  SetValue(kAgentKey, u"Servers", std::u16string(300, u'a'));
+  SetValue(kAgentKey, u"PresharedKey", std::u16string(100, u'k'));
+  SetValue(kAgentKey, u"Enabled", 0);
+  v = ReadSettingsRecord(m_support);
+  EXPECT_EQ(v.enabled, 0u);
+  EXPECT_EQ(v.serverList.size(), 255u);
+  EXPECT_EQ(v.presharedKey.size(), 65u);
+
+  ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kAgentKey));
+  v = ReadSettingsRecord(m_support);  // no key: the record stays zero
+  EXPECT_EQ(v.enabled, 0u);
+  EXPECT_TRUE(v.serverList.empty());
+}
+
+TEST_F(Win32Platform, LogLevelsFilterLinesAndCatalogueEventsAlwaysReachTheFile) {
+  SetValue(kLoggingKey, u"LogLevel", 1);
+  LogHandle h = m_support.log_initialize(u"FA_LINDQ");
+  ASSERT_NE(h, nullptr);
+  m_support.log_debug(h, "hidden debug line");
+  m_support.log_error(h, "visible error line\n");
+  m_support.log_setlevel(h, 2);
+  m_support.log_debug(h, "visible debug line");
+  m_support.log_setlevel(h, 0);
+  m_support.log_error(h, "hidden error line");
+  m_support.LogW(kEventStarting, nullptr);
+  m_support.log_deinitialize(h);
+
+  const std::string log = ReadFile(m_logFile);
+  EXPECT_EQ(log.find("hidden"), std::string::npos) << log;
+  EXPECT_NE(log.find("ERROR visible error line\r\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("DEBUG visible debug line"), std::string::npos) << log;
+  EXPECT_NE(log.find("EVENT 96983 Lindqvar is starting..., version:"), std::string::npos) << log;
+}
+
+TEST_F(Win32Platform, DesiredStatusGuidAndRegistryHelpers) {
+  EXPECT_EQ(m_support.get_desired_status(25, u"7"), 0u);
+  SetValue(std::u16string(kDesiredStatusKey) + u"\\25", u"7", 3);
+  EXPECT_EQ(m_support.get_desired_status(25, u"7"), 3u);
+  EXPECT_EQ(m_support.get_desired_status(24, u"7"), 0u);
+
+  std::u16string guid;
+  EXPECT_FALSE(m_support.cfg_get_velmora_guid(guid));
+  SetValue(kClientKey, u"ClientGuid", u"{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0}");
+  EXPECT_TRUE(m_support.cfg_get_velmora_guid(guid));
+  EXPECT_EQ(guid, u"{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0}");
+
+  EXPECT_EQ(m_support.reg_openkeyW(SupportHive::kLocalMachine, u"software\\Orvane\\Velmora\\FA_ESNAC"),
+            nullptr);
+  SetValue(u"software\\Orvane\\Velmora\\FA_ESNAC", u"tenantid", u"tenant-1");
+  ScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine,
+                                                         u"software\\Orvane\\Velmora\\FA_ESNAC"));
+  ASSERT_TRUE(key);
+  std::u16string value;
+  uint32_t length = 0;
+  EXPECT_TRUE(m_support.reg_getstringW(key.get(), u"tenantid", value, &length));
+  EXPECT_EQ(value, u"tenant-1");
+  EXPECT_EQ(length, 8u);
+  EXPECT_TRUE(m_support.reg_valueexistsbykeyW(key.get(), u"tenantid"));
+  EXPECT_FALSE(m_support.reg_valueexistsbykeyW(key.get(), u"secondary_sn"));
+  EXPECT_FALSE(m_support.reg_getstringW(key.get(), u"secondary_sn", value, nullptr));
+}
+
+TEST_F(Win32Platform, StateIsWrittenOnlyIntoAnExistingKey) {
+  m_support.LogW(kEventStopping, nullptr);  // creates the log file
+  CLog log(m_support);
+  log.SetHandle(m_support.log_initialize(u"FA_LINDQ"));
+  m_support.log_setlevel(log.Handle(), 2);
+  WriteState(m_registry, log, kConfiguredReachable);
+  ScopedRegKey k;
+  EXPECT_EQ(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(kAgentKey), 0, KEY_READ, k.receive()),
+            ERROR_FILE_NOT_FOUND);
+
+  SetValue(kAgentKey, u"Servers", u"a.b");
+  WriteState(m_registry, log, kConfiguredReachable);
+  EXPECT_EQ(ReadDword(HKEY_LOCAL_MACHINE, kAgentKey, u"LINDQState", 99), 2u);
+  m_support.log_deinitialize(log.Handle());
+  const std::string text = ReadFile(m_logFile);
+  EXPECT_NE(text.find("Failed to open registry key for LINDQState update. Error: 2"),
+            std::string::npos);
+  EXPECT_NE(text.find("Successfully updated LINDQState in registry. New state: CONFIGURED_REACHABLE"),
+            std::string::npos);
+}
+
+class RecordingSink : public IWindowMessageSink {
+ public:
+  explicit RecordingSink(CSessionWindowWin32& w) : m_window(w) {}
+  int64_t WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) override {
+    if (message == 0x02B1) {
+      lastCode = wParam;
+      lastSession = lParam;
+      return 0;
+    }
+    if (message == WM_DESTROY) ++destroys;
+    return m_window.DefaultProc(message, wParam, lParam);
+  }
+  uint64_t lastCode = 0;
+  int64_t lastSession = -1;
+  int destroys = 0;
+
+ private:
+  CSessionWindowWin32& m_window;
+};
+
+TEST(Win32SessionWindow, HiddenWindowIsFoundByClassAndDeliversPostedMessages) {
+  CSessionWindowWin32 window;
+  RecordingSink sink(window);
+  ASSERT_TRUE(window.Create(sink));
+  ASSERT_NE(window.window(), nullptr);
+  EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), window.window());
+  EXPECT_FALSE(::IsWindowVisible(window.window()));
+  EXPECT_TRUE(window.RegisterNotifications());
+  ASSERT_TRUE(::PostMessageW(window.window(), 0x02B1, 5, 3));
+  window.Drain();
+  EXPECT_EQ(sink.lastCode, 5u);
+  EXPECT_EQ(sink.lastSession, 3);
+  window.DestroyAndUnregister();
+  EXPECT_EQ(sink.destroys, 1);
+  EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), nullptr);
+}
+
+TEST(Win32Sessions, ConsoleSessionIsTheOneWineReports) {
+  CSessionsWin32 sessions;
+  std::vector<SessionInfo> list;
+  EXPECT_TRUE(sessions.Enumerate(list));
+  EXPECT_EQ(sessions.ActiveConsoleSession(), 1u);
+}
+
+}  // namespace
+}  // namespace lindqvar::win32
