@@ -11,7 +11,8 @@ ROOT=$(cd "$HERE/../../.." && pwd)
 WORK=$(dirname "$AGENT")/scenarios
 W=/usr/lib/wine/wine64
 WS=/usr/lib/wine/wineserver
-export WINEPREFIX=${LINDQVAR_WINEPREFIX:-$(dirname "$AGENT")/../wineprefix}
+export LINDQVAR_WINEPREFIX=${LINDQVAR_WINEPREFIX:-$(cd "$(dirname "$AGENT")/.." && pwd)/wineprefix}
+export WINEPREFIX=$LINDQVAR_WINEPREFIX
 export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 # The first run creates the prefix.
 "$ROOT/scripts/wine-run" cmd /c exit 0 >/dev/null 2>&1
