@@ -125,7 +125,7 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
   }
 
   std::u16string name, sidDomain;
-  if (!accounts.LookupAccountSid(sid, name, sidDomain)) return 0;
+  if (!accounts.LookupSidAccount(sid, name, sidDomain)) return 0;
   user = name;
 
   std::u16string dnsDomain;

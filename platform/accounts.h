@@ -38,7 +38,7 @@ class IAccounts {
   virtual bool TokenUserSid(IUserToken& token, SidBytes& sid) = 0;
   // LookupAccountSidW on the local system with name and domain buffers of
   // 260 characters each. False on failure.
-  virtual bool LookupAccountSid(const SidBytes& sid, std::u16string& name,
+  virtual bool LookupSidAccount(const SidBytes& sid, std::u16string& name,
                                 std::u16string& domain) = 0;
   // GetComputerNameW into 16 characters; empty on failure.
   virtual std::u16string ComputerName() = 0;

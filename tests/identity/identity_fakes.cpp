@@ -42,7 +42,7 @@ bool FakeAccounts::TokenUserSid(IUserToken& token, SidBytes& sid) {
   return true;
 }
 
-bool FakeAccounts::LookupAccountSid(const SidBytes& sid, std::u16string& name,
+bool FakeAccounts::LookupSidAccount(const SidBytes& sid, std::u16string& name,
                                     std::u16string& domain) {
   for (const auto& [session, user] : m_users) {
     if (user.sid == sid && !user.lookupFails) {

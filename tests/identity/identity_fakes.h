@@ -53,7 +53,7 @@ class FakeAccounts : public IAccounts {
   bool QueryUserToken(uint32_t session, std::unique_ptr<IUserToken>& token) override;
   std::unique_ptr<IUserToken> LinkedToken(IUserToken& token) override;
   bool TokenUserSid(IUserToken& token, SidBytes& sid) override;
-  bool LookupAccountSid(const SidBytes& sid, std::u16string& name, std::u16string& domain) override;
+  bool LookupSidAccount(const SidBytes& sid, std::u16string& name, std::u16string& domain) override;
   std::u16string ComputerName() override { return computerName; }
   uint32_t LastError() override { return m_lastError; }
   void AbandonToken(std::unique_ptr<IUserToken> token) override;

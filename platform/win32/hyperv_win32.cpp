@@ -1,0 +1,96 @@
+#include "platform/win32/hyperv_win32.h"
+
+#include "platform/win32/scoped_handle.h"
+#include "platform/win32/windows_include.h"
+
+#include <objbase.h>
+#include <oleauto.h>
+#include <wbemidl.h>
+
+namespace lindqvar::win32 {
+
+namespace {
+
+template <typename T>
+struct ComTraits {
+  using Handle = T*;
+  static Handle Invalid() { return nullptr; }
+  static void Close(Handle h) { h->Release(); }
+};
+template <typename T>
+using ScopedCom = ScopedGeneric<ComTraits<T>>;
+
+struct BstrTraits {
+  using Handle = BSTR;
+  static Handle Invalid() { return nullptr; }
+  static void Close(Handle h) { ::SysFreeString(h); }
+};
+using ScopedBstr = ScopedGeneric<BstrTraits>;
+
+// Uninitialises COM when the initialisation succeeded.
+class ComScope {
+ public:
+  ComScope() : m_hr(::CoInitialize(nullptr)) {}
+  ~ComScope() {
+    if (SUCCEEDED(m_hr)) ::CoUninitialize();
+  }
+  ComScope(const ComScope&) = delete;
+  ComScope& operator=(const ComScope&) = delete;
+  bool ok() const { return SUCCEEDED(m_hr); }
+
+ private:
+  HRESULT m_hr;
+};
+
+std::optional<std::u16string> StringProperty(IWbemClassObject* object, const wchar_t* name) {
+  VARIANT value;
+  ::VariantInit(&value);
+  std::optional<std::u16string> out;
+  if (SUCCEEDED(object->Get(name, 0, &value, nullptr, nullptr)) && value.vt == VT_BSTR &&
+      value.bstrVal) {
+    out = U(value.bstrVal, ::SysStringLen(value.bstrVal));
+  }
+  ::VariantClear(&value);
+  return out;
+}
+
+}  // namespace
+
+void CHyperVWin32::QueryExternalPorts(std::vector<HyperVPortRow>& rows) {
+  ComScope com;
+  if (!com.ok()) return;
+
+  ScopedCom<IWbemLocator> locator;
+  if (FAILED(::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
+                                reinterpret_cast<void**>(locator.receive())))) {
+    return;
+  }
+  // Machines without Hyper-V have no such namespace: nothing is found.
+  ScopedBstr space(::SysAllocString(L"root\\virtualization\\v2"));
+  ScopedCom<IWbemServices> services;
+  if (FAILED(locator.get()->ConnectServer(space.get(), nullptr, nullptr, nullptr, 0, nullptr,
+                                          nullptr, services.receive()))) {
+    return;
+  }
+  ScopedBstr language(::SysAllocString(L"WQL"));
+  ScopedBstr query(::SysAllocString(L"SELECT * FROM Msvm_ExternalEthernetPort"));
+  ScopedCom<IEnumWbemClassObject> enumerator;
+  if (FAILED(services.get()->ExecQuery(language.get(), query.get(),
+                                       WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
+                                       nullptr, enumerator.receive()))) {
+    return;
+  }
+  for (;;) {
+    ScopedCom<IWbemClassObject> object;
+    ULONG returned = 0;
+    enumerator.get()->Next(WBEM_INFINITE, 1, object.receive(), &returned);
+    if (returned == 0 || !object) break;
+    HyperVPortRow row;
+    row.permanentAddress = StringProperty(object.get(), L"PermanentAddress");
+    row.elementName = StringProperty(object.get(), L"ElementName");
+    row.description = StringProperty(object.get(), L"Description");
+    rows.push_back(std::move(row));
+  }
+}
+
+}  // namespace lindqvar::win32

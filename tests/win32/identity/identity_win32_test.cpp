@@ -1,0 +1,402 @@
+// The identity code on Wine's own token, accounts, registry, pipes, IP
+// helper and WMI, with a stand-in dsregcmd.exe beside this program.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "identity/address_discovery.h"
+#include "identity/address_text.h"
+#include "identity/azure.h"
+#include "identity/identifiers.h"
+#include "identity/terminal_session.h"
+#include "platform/os.h"
+#include "platform/win32/accounts_win32.h"
+#include "platform/win32/adapters_win32.h"
+#include "platform/win32/console_runner_win32.h"
+#include "platform/win32/hyperv_win32.h"
+#include "platform/win32/network_win32.h"
+#include "platform/win32/registry_win32.h"
+#include "platform/win32/scoped_handle.h"
+#include "platform/win32/support_win32.h"
+#include "platform/win32/windows_include.h"
+#include "tests/fakes/fake_platform.h"
+
+#include <sddl.h>
+
+namespace lindqvar::win32 {
+namespace {
+
+using testing::FakeSupport;
+
+const char kJoined[] =
+    "+----------------------------------------------------------------------+\r\n"
+    "| Device State                                                         |\r\n"
+    "+----------------------------------------------------------------------+\r\n"
+    "             AzureAdJoined : YES\r\n"
+    "                  TenantId : 0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07\r\n"
+    "    Executing Account Name : AzureAD\\EliasNord, elias.nord@tailspin.example\r\n";
+const char kNotJoined[] = "             AzureAdJoined : NO\r\n";
+
+std::string TempPath(const char* name) {
+  char dir[MAX_PATH];
+  ::GetTempPathA(MAX_PATH, dir);
+  return std::string(dir) + name;
+}
+
+void WriteFileBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string ReadFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Chooses what the stand-in prints; the child inherits this environment.
+class StandIn {
+ public:
+  explicit StandIn(const std::string& output) {
+    WriteFileBytes(m_file, output);
+    ::SetEnvironmentVariableA("LINDQVAR_DSREG_OUTPUT", m_file.c_str());
+    ::SetEnvironmentVariableA("LINDQVAR_DSREG_ARGS", m_args.c_str());
+  }
+  ~StandIn() {
+    for (const char* v : {"LINDQVAR_DSREG_OUTPUT", "LINDQVAR_DSREG_ARGS", "LINDQVAR_DSREG_STDERR",
+                          "LINDQVAR_DSREG_PAUSE_AT", "LINDQVAR_DSREG_PAUSE_MS"}) {
+      ::SetEnvironmentVariableA(v, nullptr);
+    }
+    ::DeleteFileA(m_file.c_str());
+    ::DeleteFileA(m_args.c_str());
+  }
+  void Pause(size_t at, unsigned ms) {
+    ::SetEnvironmentVariableA("LINDQVAR_DSREG_PAUSE_AT", std::to_string(at).c_str());
+    ::SetEnvironmentVariableA("LINDQVAR_DSREG_PAUSE_MS", std::to_string(ms).c_str());
+  }
+  void Stderr(const char* text) { ::SetEnvironmentVariableA("LINDQVAR_DSREG_STDERR", text); }
+  std::string CommandLine() const { return ReadFileBytes(m_args); }
+
+ private:
+  std::string m_file = TempPath("lindqvar-dsreg-output.txt");
+  std::string m_args = TempPath("lindqvar-dsreg-args.txt");
+};
+
+Timings ShortTimings() {
+  Timings t;
+  t.consoleIdlePolls = 50;
+  t.consoleIdlePollMs = 20;  // one second of silence ends the reading
+  return t;
+}
+
+std::unique_ptr<IUserToken> SessionToken(CAccountsWin32& accounts, CLog& log) {
+  std::unique_ptr<IUserToken> token;
+  EXPECT_EQ(0, QuerySessionUserToken(accounts, log, ::WTSGetActiveConsoleSessionId(), &token, false));
+  return token;
+}
+
+TEST(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReads) {
+  std::string expected;
+  for (int i = 0; expected.size() < 5000; ++i) {
+    expected += "        Line " + std::to_string(i) + " : " + std::string(40, static_cast<char>('a' + i % 26)) + "\r\n";
+  }
+  StandIn standIn(expected);
+  standIn.Stderr("stderr text\r\n");
+  CConsoleRunnerWin32 runner;
+  std::string output;
+  ASSERT_EQ(0, RunExternalProgram(runner, ShortTimings(), nullptr, "dsregcmd.exe", "/status", output));
+  EXPECT_EQ(expected + "stderr text\r\n", output);
+  EXPECT_NE(std::string::npos, standIn.CommandLine().find("dsregcmd.exe /status"));
+}
+
+TEST(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
+  // The product's idle rule: a 3-second gap does not end the reading, and
+  // the end comes at least 5 seconds after the last byte even though the
+  // program has long exited (the write end stays open, no broken pipe).
+  StandIn standIn(std::string(kJoined) + kNotJoined);
+  standIn.Pause(sizeof kJoined - 1, 3000);
+  CConsoleRunnerWin32 runner;
+  std::string output;
+  const ULONGLONG start = ::GetTickCount64();
+  ASSERT_EQ(0, RunExternalProgram(runner, Timings{}, nullptr, "dsregcmd.exe", "/status", output));
+  const ULONGLONG elapsed = ::GetTickCount64() - start;
+  EXPECT_EQ(std::string(kJoined) + kNotJoined, output);
+  EXPECT_GE(elapsed, 3000u + 5000u);
+}
+
+TEST(ConsoleRunnerUnderWine, ProgramThatCannotStart) {
+  CConsoleRunnerWin32 runner;
+  std::string output;
+  EXPECT_EQ(-2, RunExternalProgram(runner, ShortTimings(), nullptr, "lindqvar-no-such-tool.exe",
+                                   "/status", output));
+  EXPECT_EQ("", output);
+}
+
+class UserLookupUnderWine : public ::testing::Test {
+ protected:
+  UserLookupUnderWine()
+      : log(support), timings(ShortTimings()), system{accounts, registry, runner, timings} {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+  }
+  void SetUp() override {
+    ASSERT_TRUE(accounts.HasQueryUserToken());
+    // The user's SID as the system writes it.
+    ScopedHandle process;
+    ASSERT_TRUE(::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, process.receive()));
+    alignas(8) BYTE buffer[1000];
+    DWORD n = 0;
+    ASSERT_TRUE(::GetTokenInformation(process.get(), TokenUser, buffer, sizeof buffer, &n));
+    wchar_t* text = nullptr;
+    ASSERT_TRUE(::ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, &text));
+    sidText = U(text);
+    ::LocalFree(text);
+    wchar_t name[260];
+    DWORD length = 260;
+    ASSERT_TRUE(::GetUserNameW(name, &length));
+    userName = WideToUtf8(U(name));
+    SetDnsDomain(nullptr, REG_SZ);
+  }
+  void TearDown() override { SetDnsDomain(nullptr, REG_SZ); }
+
+  // Writes (or, for null, removes) the user's USERDNSDOMAIN.
+  void SetDnsDomain(const wchar_t* value, DWORD type) {
+    ScopedRegKey env;
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_USERS, W(sidText + u"\\Volatile Environment"), 0,
+                                             KEY_ALL_ACCESS, env.receive()));
+    if (!value) {
+      ::RegDeleteValueW(env.get(), L"USERDNSDOMAIN");
+      return;
+    }
+    ASSERT_EQ(ERROR_SUCCESS,
+              ::RegSetValueExW(env.get(), L"USERDNSDOMAIN", 0, type, reinterpret_cast<const BYTE*>(value),
+                               static_cast<DWORD>((std::wcslen(value) + 1) * sizeof(wchar_t))));
+  }
+
+  FakeSupport support;
+  CLog log;
+  CAccountsWin32 accounts;
+  CRegistryWin32 registry;
+  CConsoleRunnerWin32 runner;
+  Timings timings;
+  UserLookup system;
+  CTerminalSession record;
+  std::u16string sidText;
+  std::string userName;
+  const uint32_t session = ::WTSGetActiveConsoleSessionId();
+};
+
+TEST_F(UserLookupUnderWine, SidTextMatchesTheSystemsAndFindsTheVolatileEnvironment) {
+  std::unique_ptr<IUserToken> token = SessionToken(accounts, log);
+  ASSERT_TRUE(token);
+  SidBytes sid;
+  ASSERT_TRUE(accounts.TokenUserSid(*token, sid));
+  std::u16string text;
+  uint32_t length = 260;
+  ASSERT_EQ(1u, SidToText(sid, text, length));
+  EXPECT_EQ(sidText, text);
+
+  std::u16string domain;
+  EXPECT_EQ(0u, GetUserDnsDomain(registry, sid, domain));
+  SetDnsDomain(L"%USERDOMAIN%.TEST", REG_EXPAND_SZ);
+  ASSERT_EQ(1u, GetUserDnsDomain(registry, sid, domain));
+  EXPECT_EQ(u"%USERDOMAIN%.TEST", domain);  // not expanded
+}
+
+TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
+  SetDnsDomain(L"CORP.EXAMPLE.TEST", REG_SZ);
+  StandIn standIn(kJoined);
+  ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));
+  EXPECT_EQ(userName, record.UserName());
+  EXPECT_EQ("CORP.EXAMPLE.TEST", record.Domain());
+  EXPECT_EQ("", record.TenantId());
+  EXPECT_TRUE(support.HasLine("iResult:1"));
+  EXPECT_TRUE(support.HasLine("GetTSSessionUserName() result, strUsername:" + userName +
+                              ", strDomain:CORP.EXAMPLE.TEST"));
+  // The Azure lookup ran too, as the session's user.
+  EXPECT_TRUE(support.HasLine(
+      "GetAZureSessionUserInfo(), username:elias.nord, domain:tailspin.example, "
+      "tenantID:0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07"));
+
+  ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 1));
+  EXPECT_EQ("elias.nord", record.UserName());
+  EXPECT_EQ("0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07", record.TenantId());
+  EXPECT_TRUE(support.HasLine("Got both AD and Azure user logon info, prefer user Azure"));
+}
+
+TEST_F(UserLookupUnderWine, LocalAccountNeedsAzure) {
+  // Wine's account domain is the computer name: a local account.
+  std::u16string user, domain;
+  ASSERT_EQ(kTsLocalAccount, GetTSSessionUserName(system, log, session, user, domain, 1));
+  EXPECT_EQ(userName, WideToUtf8(user));
+
+  {
+    StandIn standIn(kNotJoined);
+    EXPECT_EQ(0u, LoadSessionUser(system, record, session, log, 0));
+    EXPECT_TRUE(support.HasLine("iResult:2"));
+    EXPECT_TRUE(support.HasLine("Failed to get username for session ID:" + std::to_string(session)));
+  }
+  StandIn standIn(kJoined);
+  ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));
+  EXPECT_TRUE(support.HasLine("Got only Azure user logon info"));
+  EXPECT_EQ("elias.nord", record.UserName());
+  EXPECT_EQ("tailspin.example", record.Domain());
+}
+
+// The endpoint client's identifiers from Wine's registry, through our own
+// support library and the registry.
+class IdentifiersUnderWine : public ::testing::Test {
+ protected:
+  IdentifiersUnderWine() : support({}), log(logSink), ids(log, support, registry) {
+    log.SetHandle(logSink.log_initialize(u"FA_LINDQ"));
+  }
+  void SetUp() override { Clean(); }
+  void TearDown() override { Clean(); }
+  void Clean() {
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kEsnacKeyPath));
+    ScopedRegKey parent;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(kVelmoraKeyPath), 0, KEY_ALL_ACCESS,
+                        parent.receive()) == ERROR_SUCCESS) {
+      ::RegDeleteValueW(parent.get(), L"ClientGuid");
+    }
+  }
+  void Set(const char16_t* path, const wchar_t* name, const std::wstring& value) {
+    ScopedRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0,
+                                               KEY_ALL_ACCESS, nullptr, key.receive(), nullptr));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(key.get(), name, 0, REG_SZ,
+                                              reinterpret_cast<const BYTE*>(value.c_str()),
+                                              static_cast<DWORD>((value.size() + 1) * 2)));
+  }
+
+  CSupportLibraryWin32 support;
+  CRegistryWin32 registry;
+  FakeSupport logSink;
+  CLog log;
+  CIdentifiers ids;
+};
+
+TEST_F(IdentifiersUnderWine, SerialAndTenantRules) {
+  const std::wstring guid = L"{3A7C55E1-0D4B-4C1E-9E2F-6B8D1C0A4F93}";
+  Set(kVelmoraKeyPath, L"ClientGuid", guid);
+  Set(kEsnacKeyPath, L"hvq_sn", guid + L";VRX-3318-PRIMARY");
+  Set(kEsnacKeyPath, L"tenantid", L"tenant-eu-7");
+  ids.LoadClientUuid();
+  ids.LoadVrxSerial();
+  ids.LoadVrxTenantId();
+  EXPECT_EQ("{3A7C55E1-0D4B-4C1E-9E2F-6B8D1C0A4F93}", ids.ClientUuid());
+  EXPECT_EQ("VRX-3318-PRIMARY", ids.VrxSerial());
+  EXPECT_EQ("tenant-eu-7", ids.VrxTenantId());
+
+  // Another letter case in the GUID: the secondary, with its ping server.
+  Set(kEsnacKeyPath, L"hvq_sn", L"{3a7c55e1-0d4b-4c1e-9e2f-6b8d1c0a4f93};VRX-3318-PRIMARY");
+  Set(kEsnacKeyPath, L"secondary_sn", L"VRX-9001-SECONDARY");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("", ids.VrxSerial());
+  Set(kEsnacKeyPath, L"SecondaryPingServer", L"mgmt-b.example.test");
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-9001-SECONDARY", ids.VrxSerial());
+
+  // The key gone: serial cleared, tenant id kept.
+  ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kEsnacKeyPath));
+  ids.LoadVrxSerial();
+  ids.LoadVrxTenantId();
+  EXPECT_EQ("", ids.VrxSerial());
+  EXPECT_EQ("tenant-eu-7", ids.VrxTenantId());
+  EXPECT_TRUE(logSink.HasLine("Failed to get VRX SN"));
+  EXPECT_FALSE(logSink.HasLine("Failed to get VRX tenant ID"));
+}
+
+bool HasUnicast(const AdapterAddresses& adapter, const ResolvedAddress& address) {
+  for (const ResolvedAddress& u : adapter.unicast) {
+    if (u.family == address.family && std::memcmp(u.bytes.data(), address.bytes.data(), 16) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+class AdaptersUnderWine : public ::testing::Test {
+ protected:
+  AdaptersUnderWine() : log(support) { log.SetHandle(support.log_initialize(u"FA_LINDQ")); }
+  FakeSupport support;
+  CLog log;
+  CAdaptersWin32 adapters;
+  CNetworkWin32 network;
+  CHyperVWin32 hyperv;
+};
+
+TEST_F(AdaptersUnderWine, BothListsDescribeTheSameAdapters) {
+  std::vector<AdapterAddresses> chain;
+  ASSERT_EQ(0u, adapters.AllocateAdaptersAddresses(chain));
+  bool loopback = false;
+  for (const AdapterAddresses& a : chain) loopback = loopback || HasUnicast(a, ParseIPv4Text("127.0.0.1"));
+  EXPECT_TRUE(loopback);
+
+  std::vector<AdapterInfo> infos;
+  const uint32_t rc = adapters.GetAdaptersInfo(infos);
+  if (rc == 232) return;  // only a loopback adapter: the list is empty (ERROR_NO_DATA)
+  ASSERT_EQ(0u, rc);
+  for (const AdapterInfo& info : infos) {
+    if (info.ipAddresses.empty() || info.ipAddresses[0] == "0.0.0.0") continue;
+    const ResolvedAddress address = ParseIPv4Text(info.ipAddresses[0]);
+    bool found = false;
+    for (const AdapterAddresses& a : chain) {
+      found = found || (a.description == AnsiToWide(info.description) && HasUnicast(a, address));
+    }
+    EXPECT_TRUE(found) << info.description << " " << info.ipAddresses[0];
+  }
+}
+
+TEST_F(AdaptersUnderWine, HyperVQueryIsQuietWithoutTheNamespace) {
+  std::vector<HyperVPortRow> rows;
+  hyperv.QueryExternalPorts(rows);
+  EXPECT_TRUE(rows.empty());
+  CAddressDiscovery discovery(log, network, adapters, hyperv, "localhost", 0);
+  discovery.LoadHyperVExternalPorts();
+  EXPECT_TRUE(discovery.HyperVExternalPorts().empty());
+  EXPECT_TRUE(support.Lines().empty());
+}
+
+// Run inside a network namespace set up by identity_netns.sh: host name
+// "idtest" resolving to addresses of three adapters, one of them virtual
+// (hardware address 44:45:53:...).
+TEST_F(AdaptersUnderWine, NamespaceAddressesSkipTheVirtualAdapter) {
+  if (!std::getenv("LINDQVAR_IDENTITY_NETNS")) GTEST_SKIP() << "needs identity_netns.sh";
+  network.Startup();
+  EXPECT_EQ("idtest", network.HostName());
+  CAddressDiscovery discovery(log, network, adapters, hyperv, network.HostName(), 1);
+  discovery.LoadHyperVExternalPorts();
+  discovery.BuildVirtualAdapterList();
+  const std::vector<ResolvedAddress> excluded = discovery.ExcludedAddresses();
+  ASSERT_EQ(1u, excluded.size());
+  EXPECT_EQ("10.77.0.5", AddressText(excluded[0]));
+
+  IPv4List ipv4{};
+  IPv6List ipv6{};
+  uint32_t count4 = 0, count6 = 0;
+  discovery.GetIPAddress(&ipv4, count4, &ipv6, count6);
+  EXPECT_TRUE(support.HasLine("VPN is down\n"));  // no VPN adapter here
+  std::vector<std::string> v4;
+  for (uint32_t i = 0; i < count4; ++i) {
+    ResolvedAddress a;
+    a.family = kFamilyIPv4;
+    std::memcpy(a.bytes.data(), &ipv4[i], 4);
+    v4.push_back(AddressText(a));
+  }
+  std::sort(v4.begin(), v4.end());  // in whatever order the resolver gives them
+  EXPECT_EQ((std::vector<std::string>{"10.77.0.6", "10.78.0.9"}), v4);
+  ASSERT_EQ(1u, count6);
+  ResolvedAddress a6;
+  a6.family = kFamilyIPv6;
+  std::memcpy(a6.bytes.data(), ipv6[0].data(), 16);
+  EXPECT_EQ("fd00:77::9", AddressText(a6));
+  EXPECT_TRUE(support.HasLine("CSessionManager::GetIPAddress:1227 count:2, count6:1\n"));
+  network.Cleanup();
+}
+
+}  // namespace
+}  // namespace lindqvar::win32
