@@ -464,7 +464,11 @@ uint32_t ReceiveMessage(CDecoder& decoder, const StreamRead& read, uint32_t maxL
   uint8_t* buffer = decoder.allocate(total);
   if (!buffer) return 0;
   std::memcpy(buffer, prefix, sizeof prefix);
-  return ReadExactly(read, buffer + sizeof prefix, total - sizeof prefix) ? 1 : 0;
+  if (!ReadExactly(read, buffer + sizeof prefix, total - sizeof prefix)) {
+    decoder.attach(nullptr, 0);  // no half message to walk
+    return 0;
+  }
+  return 1;
 }
 
 // --- base64 --------------------------------------------------------------------

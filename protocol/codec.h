@@ -197,8 +197,11 @@ class CDecoder {
   uint32_t value_raw_u32() const;
   // Pointer to the value (offset 6) of a bytes, string or group attribute.
   const uint8_t* value_data() const { return m_pValue; }
-  // Byte count of a bytes or string value: length - 6.
-  uint32_t value_size() const { return m_dwLength - kAttributeHeaderSize; }
+  // Byte count of a bytes or string value: length - 6 (0 for a group
+  // header whose length is below 6).
+  uint32_t value_size() const {
+    return m_dwLength > kAttributeHeaderSize ? m_dwLength - kAttributeHeaderSize : 0;
+  }
 
   const uint8_t* buffer() const { return m_pBuffer; }
   uint32_t total_length() const { return m_dwTotal; }
@@ -229,8 +232,9 @@ using StreamRead = std::function<int(void* buffer, int count)>;
 // Reads one message into the decoder's own buffer: the 4-byte big-endian
 // total length L, then the L - 4 bytes that follow. 1 on success, 0 when a
 // read fails, L is smaller than an attribute header, L exceeds maxLength
-// (0: no limit) or the buffer cannot be allocated. On success the first
-// next() returns the message's own group header.
+// (0: no limit) or the buffer cannot be allocated; the decoder is then left
+// empty. On success the first next() returns the message's own group
+// header.
 uint32_t ReceiveMessage(CDecoder& decoder, const StreamRead& read, uint32_t maxLength = 0);
 
 // --- base64 ------------------------------------------------------------------
