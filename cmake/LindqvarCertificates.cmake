@@ -18,6 +18,7 @@
 #   LINDQVAR_CERT_REGION_SOURCE  generated source with the scrambled region
 #   LINDQVAR_DEV_PKI_DIR         the development PKI directory
 #   LINDQVAR_LAB_CLIENT_CA       CA file the lab authenticator checks client certificates against
+#   LINDQVAR_EMBEDS_DEV_PKI      ON when the development PKI is what the agent carries
 #   target lindqvar_dev_pki      makes the development PKI
 
 find_program(LINDQVAR_OPENSSL_EXECUTABLE openssl REQUIRED)
@@ -70,6 +71,7 @@ if(_given EQUAL 4)
   else()
     set(LINDQVAR_LAB_CLIENT_CA ${LINDQVAR_CA_BUNDLE_PEM})
   endif()
+  set(LINDQVAR_EMBEDS_DEV_PKI OFF)
   message(STATUS "Certificate material: release files (${_cert})")
 else()
   set(_ca ${_pki}/ca.pem)
@@ -78,6 +80,7 @@ else()
   set(_pass ${_pki}/client.pass)
   set(_pass2 ${_pki}/client.pass2)
   set(LINDQVAR_LAB_CLIENT_CA ${_pki}/ca.pem)
+  set(LINDQVAR_EMBEDS_DEV_PKI ON)
   message(STATUS "Certificate material: development PKI in ${_pki}")
 endif()
 

@@ -1,0 +1,333 @@
+// Delivery passes against the lab authenticator on 127.0.0.1 and ::1, with
+// the agent's real TLS and the compiled-in client identity.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "protocol/delivery.h"
+#include "tests/protocol/tls_test_support.h"
+
+namespace lindqvar::testing {
+namespace {
+
+using lab::ConnectionReport;
+using lab::DigestCheck;
+using lab::Fault;
+
+constexpr char kKey[] = "lab-preshared-16";
+
+class DeliveryTest : public ::testing::Test {
+ protected:
+  CDeliveryHarness agent{kKey};
+};
+
+TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
+  CLabFixture lab(CLabFixture::Options(kKey));
+  agent.AddServer("127.0.0.1", lab.Port());
+  agent.support.guid = u"{GUID-OF-THIS-CLIENT}";
+  agent.localAddress.SetIPv4(0x0302010A);  // 10.1.2.3 in network order
+
+  ASSERT_TRUE(agent.Deliver());
+  EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
+  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
+
+  const auto reports = lab.WaitReports(1);
+  const ConnectionReport& r = reports[0];
+  EXPECT_EQ("complete", r.end);
+  EXPECT_EQ("/O=Lindqvar Lab/CN=Lindqvar Agent", r.clientSubject);
+  EXPECT_EQ(DigestCheck::kCorrect, r.digest);
+  EXPECT_EQ("Velmora Extension 1.1", r.clientVersion);
+  EXPECT_EQ("{GUID-OF-THIS-CLIENT}", r.clientGuid);
+  ASSERT_EQ(1u, r.records.size());
+  EXPECT_EQ("ALICE", r.records[0].user);
+  EXPECT_EQ("CORP", r.records[0].domain);
+  EXPECT_EQ("WS1.CORP.EXAMPLE", r.records[0].workstation);
+  EXPECT_EQ(std::vector<std::string>{"192.0.2.10"}, r.records[0].ipv4);
+  ASSERT_NE(nullptr, lab.Server().Table().FindByAddress("192.0.2.10"));
+
+  // An address literal is not sent as the server name.
+  EXPECT_EQ("", r.serverName);
+  EXPECT_TRUE(agent.Logged("To send SNI server name to BRK, we need FQDN of BRK"));
+  const auto connectLine = agent.LinesStartingWith("SendAndReceive(), Local IP:");
+  ASSERT_EQ(1u, connectLine.size());
+  EXPECT_TRUE(std::regex_match(
+      connectLine[0],
+      std::regex("SendAndReceive\\(\\), Local IP:10\\.1\\.2\\.3, BRK IP:127\\.0\\.0\\.1, BRK Port:" +
+                 std::to_string(lab.Port()) + ", TICC:\\d+, TID:\\d+")))
+      << connectLine[0];
+  EXPECT_TRUE(agent.Logged("CSessionManager::SslClientInit is called"));
+  EXPECT_TRUE(agent.Logged("CSessionManager::SslClientInit exit"));
+  EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), succeeded to send event to authenticator, TID:").size());
+}
+
+TEST_F(DeliveryTest, IPv6LoopbackServer) {
+  CLabFixture lab(CLabFixture::Options(kKey), "::1");
+  agent.AddServer("[::1]", lab.Port());
+  ASSERT_TRUE(agent.Deliver());
+  const auto reports = lab.WaitReports(1);
+  EXPECT_EQ("complete", reports[0].end);
+  EXPECT_EQ(0u, reports[0].peer.find("[::1]:"));
+  EXPECT_TRUE(agent.Logged("To send SNI server name to BRK, we need FQDN of BRK"));
+}
+
+TEST_F(DeliveryTest, ANameIsSentAsTheServerName) {
+  CLabFixture lab(CLabFixture::Options(kKey));
+  agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
+  agent.AddServer("authenticator.lab.test", lab.Port());
+  ASSERT_TRUE(agent.Deliver());
+  EXPECT_EQ("authenticator.lab.test", lab.WaitReports(1)[0].serverName);
+  EXPECT_FALSE(agent.Logged("To send SNI server name to BRK"));
+}
+
+TEST_F(DeliveryTest, EveryServerIsOfferedTheEventAndOneFailureDoesNotStopThePass) {
+  CLabFixture first(CLabFixture::Options(kKey));
+  CLabFixture third(CLabFixture::Options(kKey), "::1");
+  agent.AddServer("127.0.0.1", first.Port());
+  agent.AddServer("127.0.0.1", ClosedPort());
+  agent.AddServer("::1", third.Port());
+
+  ASSERT_TRUE(agent.Deliver());
+  EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);  // set once, after the last server
+  EXPECT_EQ("complete", first.WaitReports(1)[0].end);
+  EXPECT_EQ("complete", third.WaitReports(1)[0].end);
+  EXPECT_EQ(2u, agent.LinesStartingWith("SendAndReceive(), succeeded").size());
+  EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size());
+  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
+}
+
+TEST_F(DeliveryTest, OnlyTheSecondOfTwoServersAcceptingStillCountsAsReachable) {
+  CLabFixture second(CLabFixture::Options(kKey));
+  agent.AddServer("127.0.0.1", ClosedPort());
+  agent.AddServer("127.0.0.1", second.Port());
+  EXPECT_TRUE(agent.Deliver());
+  EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
+}
+
+TEST_F(DeliveryTest, FailedPassesSetTheFailedFlagAndRetriesCountUntilASuccess) {
+  const uint16_t closed = ClosedPort();
+  agent.AddServer("127.0.0.1", closed);
+  agent.AddServer("127.0.0.1", closed);
+  EXPECT_FALSE(agent.Deliver());
+  EXPECT_EQ(1u, agent.client->LastDeliveryFailed());
+  EXPECT_EQ(0u, agent.client->RetryCount());
+  EXPECT_FALSE(agent.Deliver(7, true));
+  EXPECT_FALSE(agent.Deliver(7, true));
+  EXPECT_EQ(2u, agent.client->RetryCount());
+  EXPECT_EQ((std::vector<uint32_t>{1, 1, 1}), agent.states);
+  // A closed port fails at the connect.
+  EXPECT_EQ(6u, agent.LinesStartingWith("SslClientInit(), failed to  connect to authenticator, error:-1").size());
+  EXPECT_EQ(6u, agent.LinesStartingWith("SslClientInit(), failed to initialize ssl context").size());
+
+  CLabFixture lab(CLabFixture::Options(kKey));
+  agent.servers[1] = MakeServer("127.0.0.1", lab.Port());
+  EXPECT_TRUE(agent.Deliver(7, true));
+  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
+  EXPECT_EQ(0u, agent.client->RetryCount());
+  EXPECT_EQ(2u, agent.states.back());
+}
+
+TEST_F(DeliveryTest, AWrongKeyIsRejectedAtTheHelloAcknowledgement) {
+  CLabFixture lab(CLabFixture::Options("the-server-key"));
+  agent.AddServer("127.0.0.1", lab.Port());
+  EXPECT_FALSE(agent.Deliver());
+  EXPECT_EQ(std::vector<uint32_t>{1}, agent.states);
+  EXPECT_EQ(1u, agent.LinesStartingWith(
+                        "process_hello_ack(), failed to process hello ack message from "
+                        "authenticator, please check your preshared key, TID:")
+                    .size());
+  const ConnectionReport r = lab.WaitReports(1)[0];
+  EXPECT_EQ(DigestCheck::kWrong, r.digest);
+  EXPECT_FALSE(r.eventReceived);
+}
+
+TEST_F(DeliveryTest, FlagBitZeroClearSendsZeroBytesThatTheServerMayAccept) {
+  auto options = CLabFixture::Options("not-the-agent-key");
+  options.helloFlags = 0x10;
+  CLabFixture lab(options);
+  agent.AddServer("127.0.0.1", lab.Port());
+  EXPECT_TRUE(agent.Deliver());
+  const ConnectionReport r = lab.WaitReports(1)[0];
+  EXPECT_EQ(DigestCheck::kZero, r.digest);
+  EXPECT_EQ("complete", r.end);
+}
+
+TEST_F(DeliveryTest, OnlyTheFirstSixteenBytesOfAKeyCount) {
+  CLabFixture lab(CLabFixture::Options("0123456789abcdef"));
+  agent.AddServer("127.0.0.1", lab.Port());
+  agent.presharedKey = "0123456789abcdefWXYZ";
+  EXPECT_TRUE(agent.Deliver());
+  agent.presharedKey = "0123456789abcdeX";  // the 16th byte differs
+  EXPECT_FALSE(agent.Deliver());
+  const auto reports = lab.WaitReports(2);
+  EXPECT_EQ(DigestCheck::kCorrect, reports[0].digest);
+  EXPECT_EQ(DigestCheck::kWrong, reports[1].digest);
+}
+
+TEST_F(DeliveryTest, AServerClosingAfterTheHelloAckFailsAtTheEventAck) {
+  auto options = CLabFixture::Options(kKey);
+  options.fault = Fault::kCloseAfterHelloAck;
+  CLabFixture lab(options);
+  agent.AddServer("127.0.0.1", lab.Port());
+  EXPECT_FALSE(agent.Deliver());
+  EXPECT_TRUE(agent.Logged(
+      "ReceiveServerReply(), failed to receive logon event ack message from authenticator, TID:"));
+  EXPECT_EQ(std::vector<uint32_t>{1}, agent.states);
+}
+
+TEST_F(DeliveryTest, SilentServersFailAtTheHelloWithinTheReadLimit) {
+  for (Fault fault : {Fault::kStall, Fault::kStallTls}) {
+    auto options = CLabFixture::Options(kKey);
+    options.fault = fault;
+    CLabFixture lab(options);
+    CDeliveryHarness agent(kKey);
+    agent.timings.socketTimeoutMs = 300;
+    agent.Rebuild();
+    agent.AddServer("127.0.0.1", lab.Port());
+    EXPECT_FALSE(agent.Deliver()) << lab::FaultName(fault);
+    EXPECT_TRUE(agent.Logged(
+        "ReceiveServerReply(), failed to receive hello message from authenticator, TID:"))
+        << lab::FaultName(fault);
+  }
+}
+
+TEST_F(DeliveryTest, BrokenFramesFailTheExchangeWithoutHarm) {
+  struct Case {
+    Fault fault;
+    const char* logged;
+  } cases[] = {
+      {Fault::kOversizedFrame, "ReceiveServerReply(), failed to receive hello message"},
+      {Fault::kShortFrame, "ReceiveServerReply(), failed to receive hello message"},
+      // The walk stops at the broken attribute: the challenge is missed, the
+      // digest is wrong, and the server rejects the hello.
+      {Fault::kMalformedFrame, "process_hello_ack(), failed to process hello ack message"},
+  };
+  for (const Case& c : cases) {
+    auto options = CLabFixture::Options(kKey);
+    options.fault = c.fault;
+    options.oversizedLength = 1u << 20;
+    CLabFixture lab(options);
+    CDeliveryHarness agent(kKey);
+    agent.AddServer("127.0.0.1", lab.Port());
+    EXPECT_FALSE(agent.Deliver()) << lab::FaultName(c.fault);
+    EXPECT_TRUE(agent.Logged(c.logged)) << lab::FaultName(c.fault);
+  }
+}
+
+TEST_F(DeliveryTest, ANameThatStopsResolvingKeepsThePreviousAddress) {
+  CLabFixture lab(CLabFixture::Options(kKey));
+  agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
+  agent.AddServer("authenticator.lab.test", lab.Port());
+  ASSERT_TRUE(agent.Deliver());
+  agent.network.names.clear();
+  EXPECT_TRUE(agent.Deliver());
+  EXPECT_TRUE(agent.Logged("Failed to resolve address for Brannock:authenticator.lab.test"));
+  EXPECT_TRUE(agent.Logged("Still use previous resolved IP address:127.0.0.1"));
+  EXPECT_EQ(2u, lab.WaitReports(2).size());
+}
+
+TEST_F(DeliveryTest, ANameThatNeverResolvedFailsWithoutAConnection) {
+  agent.AddServer("nowhere.lab.test", 8001);
+  EXPECT_FALSE(agent.Deliver());
+  EXPECT_FALSE(agent.Logged("SendAndReceive(), Local IP:"));
+  EXPECT_TRUE(agent.Logged("SendAndReceive(), failed to send event to authenticator"));
+}
+
+TEST_F(DeliveryTest, TheKeepAliveIntervalComesFromTheEventAck) {
+  auto options = CLabFixture::Options(kKey);
+  options.keepAliveInterval = 60;
+  CLabFixture lab(options);
+  agent.AddServer("127.0.0.1", lab.Port());
+  ASSERT_TRUE(agent.Deliver());
+  EXPECT_EQ(60u, agent.keepAlive.load());
+}
+
+class CountingRelay : public INtlmRelay {
+ public:
+  void NtlmAuthenticate(CTlsConnection& connection, uint32_t session) override {
+    ++calls;
+    lastSession = session;
+    hadTls = connection.ssl != nullptr;
+  }
+  int calls = 0;
+  uint32_t lastSession = 0;
+  bool hadTls = false;
+};
+
+TEST_F(DeliveryTest, AnyEventAckCountsAndResultTwoStartsTheNtlmRelay) {
+  CountingRelay relay;
+  agent.client->SetNtlmRelay(&relay);
+  for (uint32_t result : {0u, 5u}) {
+    auto options = CLabFixture::Options(kKey);
+    options.eventResult = result;
+    CLabFixture lab(options);
+    agent.servers.clear();
+    agent.AddServer("127.0.0.1", lab.Port());
+    EXPECT_TRUE(agent.Deliver()) << result;
+  }
+  EXPECT_EQ(0, relay.calls);
+
+  auto options = CLabFixture::Options(kKey);
+  options.eventResult = 2;
+  CLabFixture lab(options);
+  agent.servers.clear();
+  agent.AddServer("127.0.0.1", lab.Port());
+  EXPECT_TRUE(agent.Deliver(42));
+  EXPECT_EQ(1, relay.calls);
+  EXPECT_EQ(42u, relay.lastSession);
+  EXPECT_TRUE(relay.hadTls);
+  EXPECT_TRUE(agent.Logged("Start NTLM authentication on session 42, TID:"));
+}
+
+TEST_F(DeliveryTest, WithoutTickLoggingTheConnectLineHasNoTickCount) {
+  CLabFixture lab(CLabFixture::Options(kKey));
+  agent.AddServer("127.0.0.1", lab.Port());
+  agent.client->SetTickLogging(false);
+  ASSERT_TRUE(agent.Deliver());
+  const auto lines = agent.LinesStartingWith("SendAndReceive(), Local IP:");
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_TRUE(std::regex_match(lines[0], std::regex("SendAndReceive\\(\\), Local IP:0\\.0\\.0\\.0, BRK IP:127\\.0\\.0\\.1, BRK Port:\\d+, TID:\\d+")))
+      << lines[0];
+  EXPECT_TRUE(agent.Logged("Start to resolve address for Brannock:127.0.0.1, TID:"));
+}
+
+TEST_F(DeliveryTest, ALabThatTrustsAnotherCaRefusesTheAgent) {
+  auto options = CLabFixture::Options(kKey);
+  options.caFile = PkiFile("other-ca.pem");
+  CLabFixture lab(options);
+  agent.AddServer("127.0.0.1", lab.Port());
+  EXPECT_FALSE(agent.Deliver());
+  // The handshake itself counts as done on the agent's side; the refusal
+  // shows as the first read failing.
+  EXPECT_FALSE(agent.Logged("SslClientInit(), failed"));
+  EXPECT_TRUE(agent.Logged("ReceiveServerReply(), failed to receive hello message"));
+  const ConnectionReport r = lab.WaitReports(1)[0];
+  EXPECT_FALSE(r.tlsUp);
+  EXPECT_NE(std::string::npos, r.tlsError.find("certificate")) << r.tlsError;
+}
+
+class FipsSupport : public FakeSupport {
+ public:
+  bool cfg_is_fips_mode_enabled() override { return true; }
+};
+
+TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
+  const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
+  CTestMaterial material(ReadFile(PkiFile("ca.pem")), weak.certificatePem, weak.keyPem, "pass",
+                         "unused-alternative-pass");
+  CLabFixture lab(CLabFixture::Options(kKey));
+  FipsSupport fips;
+  CDeliveryHarness host(kKey);
+  host.AddServer("127.0.0.1", lab.Port());
+  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.servers,
+                              host.presharedKey, host.keepAlive, host, material.Get());
+  CEncoder event(kEventEncoderCapacity);
+  CDeliveryHarness::BuildEvent(event);
+  CDecoder decoder;
+  EXPECT_FALSE(client.send_to_all_servers(1, event, decoder, false));
+  const ConnectionReport r = lab.WaitReports(1)[0];
+  EXPECT_FALSE(r.tlsUp);
+  EXPECT_NE(std::string::npos, r.tlsError.find("did not return a certificate")) << r.tlsError;
+}
+
+}  // namespace
+}  // namespace lindqvar::testing

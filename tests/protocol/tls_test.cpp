@@ -1,0 +1,264 @@
+// The compiled-in certificate material, the AES routine and decrypt_blob,
+// loading the identity and CA bundle into a context, the pass-phrase
+// callback and the FIPS compliance test.
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <cstring>
+#include <memory>
+
+#include "protocol/certificate_region.h"
+#include "protocol/tls.h"
+#include "protocol/vlx_crypt.h"
+#include "tests/protocol/tls_test_support.h"
+
+namespace lindqvar::testing {
+namespace {
+
+struct CtxFree {
+  void operator()(SSL_CTX* c) const { SSL_CTX_free(c); }
+};
+using UniqueCtx = std::unique_ptr<SSL_CTX, CtxFree>;
+struct CertFree {
+  void operator()(X509* c) const { X509_free(c); }
+};
+using UniqueCert = std::unique_ptr<X509, CertFree>;
+
+UniqueCtx NewClientContext() { return UniqueCtx(VlxTlsCtxNew(TLS_client_method())); }
+
+std::string Decrypted(const CertificateMaterial& m, const CertificateItem& item) {
+  CSecureBuffer out;
+  if (decrypt_blob(m, item, out) != 0) return "<failed>";
+  return std::string(out.text(), out.size());
+}
+
+std::string Hex(const uint8_t* p, size_t n) {
+  static const char* digits = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) {
+    s += digits[p[i] >> 4];
+    s += digits[p[i] & 15];
+  }
+  return s;
+}
+
+// --- AES routine and decrypt_blob ---------------------------------------------
+
+TEST(AesRoutine, MatchesTheAesKnownAnswerWithAZeroIvAndPadsAWholeBlock) {
+  // AES-128 known answer: with a zero IV the first CBC block is the plain
+  // block cipher; a 16-byte input gains a full block of padding.
+  std::array<uint8_t, 16> key;
+  for (int i = 0; i < 16; ++i) key[i] = static_cast<uint8_t>(i);
+  const uint8_t plain[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                             0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
+  CSecureBuffer cipher;
+  ASSERT_EQ(0, aes_128_cbc(key, plain, sizeof plain, 1, cipher));
+  EXPECT_EQ("69c4e0d86a7b0430d8cdb78070b4c55a9e978e6d16b086570ef794ef97984232",
+            Hex(cipher.data(), cipher.size()));
+
+  CSecureBuffer back;
+  ASSERT_EQ(0, aes_128_cbc(key, cipher.data(), static_cast<uint32_t>(cipher.size()), 0, back));
+  EXPECT_EQ(0, std::memcmp(plain, back.data(), sizeof plain));
+  EXPECT_EQ(16u, back.size());
+}
+
+TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
+  CTestMaterial m("-----BEGIN CA-----", "certificate text", "key", "pass", "alternative");
+  CSecureBuffer out;
+  ASSERT_EQ(0, decrypt_blob(m.Get(), m.Get().clientCertificate, out));
+  EXPECT_EQ(16u, out.size());
+  EXPECT_STREQ("certificate text", out.text());
+
+  // A ciphertext that is not whole blocks, a missing one, and one under a
+  // different key all fail and leave nothing behind.
+  CertificateItem cut = m.Get().clientCertificate;
+  cut.length -= 1;
+  EXPECT_EQ(-1, decrypt_blob(m.Get(), cut, out));
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(-1, decrypt_blob(m.Get(), CertificateItem{}, out));
+  CertificateMaterial otherKey = m.Get();
+  otherKey.key[0] ^= 0x55;
+  EXPECT_EQ(-1, decrypt_blob(otherKey, m.Get().caBundle, out));
+  EXPECT_TRUE(out.empty());
+}
+
+TEST(DecryptBlob, AnEmptyPlainTextIsAFailure) {
+  CTestMaterial m("", "c", "k", "p", "q");
+  CSecureBuffer out;
+  EXPECT_EQ(-1, decrypt_blob(m.Get(), m.Get().caBundle, out));
+}
+
+// --- the scrambled region -----------------------------------------------------
+
+TEST(CertificateRegion, ScramblingIsItsOwnInverseAndHidesTheLayout) {
+  std::vector<uint8_t> data(64);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
+  const std::vector<uint8_t> original = data;
+  ScrambleRegion(data.data(), data.size(), 12345);
+  EXPECT_NE(original, data);
+  ScrambleRegion(data.data(), data.size(), 12345);
+  EXPECT_EQ(original, data);
+}
+
+TEST(CertificateRegion, ParseRejectsEveryTruncation) {
+  // key, then five items of 3, 0, 1, 2 and 16 bytes.
+  std::vector<uint8_t> region(16, 0xAB);
+  for (uint32_t len : {3u, 0u, 1u, 2u, 16u}) {
+    for (int i = 0; i < 4; ++i) region.push_back(static_cast<uint8_t>(len >> (8 * i)));
+    region.insert(region.end(), len, 0x5A);
+  }
+  CertificateMaterial m;
+  ASSERT_TRUE(ParseCertificateRegion(region.data(), region.size(), m));
+  EXPECT_EQ(3u, m.caBundle.length);
+  EXPECT_EQ(0u, m.clientCertificate.length);
+  EXPECT_EQ(16u, m.alternativePassPhrase.length);
+  EXPECT_EQ(region.data() + region.size() - 16, m.alternativePassPhrase.data);
+  for (size_t size = 0; size < region.size(); ++size)
+    EXPECT_FALSE(ParseCertificateRegion(region.data(), size, m)) << "size " << size;
+}
+
+TEST(CertificateRegion, BuiltInMaterialIsScrambledEncryptedAndComplete) {
+  // Neither the stored region nor its unscrambled form shows PEM text.
+  const std::string stored(reinterpret_cast<const char*>(certificate_region::kScrambled),
+                           certificate_region::kSize);
+  EXPECT_EQ(std::string::npos, stored.find("-----BEGIN"));
+  const CertificateMaterial& m = BuiltInCertificateMaterial();
+  ASSERT_NE(nullptr, m.caBundle.data);
+  EXPECT_EQ(std::string::npos,
+            std::string(reinterpret_cast<const char*>(m.clientKey.data), m.clientKey.length)
+                .find("PRIVATE KEY"));
+  EXPECT_EQ(16u, m.passPhrase.length);
+  EXPECT_EQ(32u, m.alternativePassPhrase.length);
+  EXPECT_NE(std::string::npos, Decrypted(m, m.caBundle).find("-----BEGIN CERTIFICATE-----"));
+  EXPECT_NE(std::string::npos, Decrypted(m, m.clientKey).find("ENCRYPTED PRIVATE KEY"));
+}
+
+#if LINDQVAR_TEST_EMBEDS_DEV_PKI
+TEST(CertificateRegion, BuiltInMaterialIsTheDevelopmentPki) {
+  const CertificateMaterial& m = BuiltInCertificateMaterial();
+  EXPECT_EQ(ReadFile(PkiFile("ca.pem")), Decrypted(m, m.caBundle));
+  EXPECT_EQ(ReadFile(PkiFile("client.pem")), Decrypted(m, m.clientCertificate));
+  EXPECT_EQ(ReadFile(PkiFile("client.key")), Decrypted(m, m.clientKey));
+  EXPECT_EQ(ReadFile(PkiFile("client.pass")), Decrypted(m, m.passPhrase));
+  EXPECT_EQ(ReadFile(PkiFile("client.pass2")), Decrypted(m, m.alternativePassPhrase));
+}
+#endif
+
+// --- loading into a context -----------------------------------------------------
+
+TEST(LoadClientIdentity, BuiltInIdentityInstallsCertificateAndMatchingKey) {
+  FakeSupport support;
+  UniqueCtx ctx = NewClientContext();
+  ASSERT_EQ(0, load_client_identity(ctx.get(), BuiltInCertificateMaterial(), 0, support));
+  ASSERT_NE(nullptr, SSL_CTX_get0_certificate(ctx.get()));
+  EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
+}
+
+TEST(LoadClientIdentity, PassPhraseSelectorPicksTheBlob) {
+  FakeSupport support;
+  const TestIdentity id = MakeIdentity("RSA", 2048, nullptr, "SHA256", "second-pass-phrase-24ch");
+  CTestMaterial m("ca", id.certificatePem, id.keyPem, "first-pass", "second-pass-phrase-24ch");
+  UniqueCtx ctx = NewClientContext();
+  // Mode 0 offers the first pass phrase, which does not open this key.
+  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, support));
+  UniqueCtx ctx1 = NewClientContext();
+  EXPECT_EQ(0, load_client_identity(ctx1.get(), m.Get(), 1, support));
+
+  char buffer[64];
+  EXPECT_EQ(23, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
+  EXPECT_STREQ("second-pass-phrase-24ch", buffer);
+  // Back to the agent's mode: the 16-byte blob.
+  UniqueCtx ctx2 = NewClientContext();
+  load_client_identity(ctx2.get(), m.Get(), 0, support);
+  EXPECT_EQ(10, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
+  EXPECT_STREQ("first-pass", buffer);
+}
+
+TEST(PassPhraseCallback, CopiesAtMostSizeMinusOneAndAlwaysTerminates) {
+  CTestMaterial m("ca", "c", "k", "0123456789", "alternative-0123456789");
+  FakeSupport support;
+  load_client_identity(nullptr, m.Get(), 0, support);  // selects the 16-byte blob
+  char buffer[5];
+  std::memset(buffer, 'x', sizeof buffer);
+  EXPECT_EQ(4, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
+  EXPECT_STREQ("0123", buffer);
+  EXPECT_EQ(0, pass_phrase_callback(buffer, 0, 0, const_cast<CertificateMaterial*>(&m.Get())));
+  EXPECT_EQ(0, pass_phrase_callback(buffer, sizeof buffer, 0, nullptr));
+}
+
+class FipsSupport : public FakeSupport {
+ public:
+  bool cfg_is_fips_mode_enabled() override { return true; }
+};
+
+TEST(LoadClientIdentity, FipsModeKeepsANonCompliantCertificateOut) {
+  const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
+  CTestMaterial m("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
+  // Security level 0, so that only the FIPS test can refuse the short key.
+  FipsSupport fips;
+  UniqueCtx ctx = NewClientContext();
+  SSL_CTX_set_security_level(ctx.get(), 0);
+  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, fips));
+  EXPECT_EQ(nullptr, SSL_CTX_get0_certificate(ctx.get()));
+
+  FakeSupport plain;
+  UniqueCtx ctx2 = NewClientContext();
+  SSL_CTX_set_security_level(ctx2.get(), 0);
+  EXPECT_EQ(0, load_client_identity(ctx2.get(), m.Get(), 0, plain));
+  EXPECT_NE(nullptr, SSL_CTX_get0_certificate(ctx2.get()));
+}
+
+TEST(LoadClientIdentity, FipsModeAcceptsTheBuiltInCertificate) {
+  FipsSupport fips;
+  UniqueCtx ctx = NewClientContext();
+  EXPECT_EQ(0, load_client_identity(ctx.get(), BuiltInCertificateMaterial(), 0, fips));
+}
+
+TEST(LoadClientIdentity, ANonRsaKeyIsRefused) {
+  const TestIdentity ec = MakeIdentity("EC", 0, "P-256", "SHA256", "pass");
+  CTestMaterial m("ca", ec.certificatePem, ec.keyPem, "pass", "unused-alternative-pass");
+  FakeSupport support;
+  UniqueCtx ctx = NewClientContext();
+  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, support));
+}
+
+TEST(LoadCaBundle, AddsEveryCertificateOfTheBundle) {
+  const TestIdentity a = MakeIdentity("EC", 0, "P-256", "SHA256");
+  const TestIdentity b = MakeIdentity("EC", 0, "P-384", "SHA384");
+  CTestMaterial m(a.certificatePem + "junk between entries\n" + b.certificatePem, "c", "k", "p", "q");
+  UniqueCtx ctx = NewClientContext();
+  ASSERT_EQ(0, load_ca_bundle(ctx.get(), m.Get()));
+  EXPECT_EQ(2, sk_X509_OBJECT_num(X509_STORE_get0_objects(SSL_CTX_get_cert_store(ctx.get()))));
+
+  CTestMaterial broken("", "c", "k", "p", "q");
+  EXPECT_EQ(-1, load_ca_bundle(ctx.get(), broken.Get()));
+}
+
+// --- FIPS compliance ----------------------------------------------------------------
+
+TEST(VlxX509IsFipsCompliant, JudgesKeyAndSignatureDigest) {
+  struct Case {
+    const char* type;
+    int bits;
+    const char* curve;
+    const char* digest;
+    int expected;
+  } cases[] = {
+      {"RSA", 2048, nullptr, "SHA256", 1}, {"RSA", 3072, nullptr, "SHA384", 1},
+      {"RSA", 1024, nullptr, "SHA256", 0}, {"RSA", 2048, nullptr, "SHA1", 0},
+      {"RSA", 2048, nullptr, "MD5", 0},    {"EC", 0, "P-256", "SHA256", 1},
+      {"EC", 0, "P-521", "SHA512", 1},     {"EC", 0, "secp256k1", "SHA256", 0},
+      {"EC", 0, "P-384", "SHA1", 0},
+  };
+  for (const Case& c : cases) {
+    UniqueCert cert(ParseCertificate(MakeIdentity(c.type, c.bits, c.curve, c.digest).certificatePem));
+    ASSERT_NE(nullptr, cert) << c.type << " " << c.digest;
+    EXPECT_EQ(c.expected, VlxX509IsFipsCompliant(cert.get()))
+        << c.type << " " << (c.curve ? c.curve : std::to_string(c.bits)) << " " << c.digest;
+  }
+  EXPECT_EQ(0, VlxX509IsFipsCompliant(nullptr));
+}
+
+}  // namespace
+}  // namespace lindqvar::testing

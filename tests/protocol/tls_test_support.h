@@ -1,0 +1,119 @@
+// Helpers for the TLS and delivery tests: certificates made on the spot,
+// certificate material encrypted with a test key, an in-process lab
+// authenticator on a loopback address, and an agent-side delivery harness
+// built on the platform fakes.
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/log.h"
+#include "protocol/certificate_material.h"
+#include "protocol/delivery.h"
+#include "tests/fakes/fake_platform.h"
+#include "tools/lab_authenticator/lab_server.h"
+
+namespace lindqvar::testing {
+
+std::string ReadFile(const std::string& path);
+// The development PKI of this build.
+std::string PkiFile(const std::string& name);
+
+// A key and a self-signed certificate, as PEM texts.
+struct TestIdentity {
+  std::string certificatePem;
+  std::string keyPem;  // encrypted with the pass phrase when one was given
+};
+// keyType "RSA" (bits) or "EC" (curve name in `curve`); `digest` e.g. "SHA256".
+TestIdentity MakeIdentity(const char* keyType, int bits, const char* curve, const char* digest,
+                          const std::string& passPhrase = "");
+// The certificate of a PEM text (owned by the caller: X509_free).
+X509* ParseCertificate(const std::string& pem);
+
+// Certificate material encrypted under a test key, the way the build step
+// encrypts it; the encrypted items live in this object.
+class CTestMaterial {
+ public:
+  CTestMaterial(const std::string& ca, const std::string& certificate, const std::string& key,
+                const std::string& passPhrase, const std::string& alternativePassPhrase);
+  const CertificateMaterial& Get() const { return m_material; }
+
+ private:
+  CertificateItem Encrypt(const std::string& plain, std::vector<uint8_t>& into);
+  CertificateMaterial m_material;
+  std::vector<uint8_t> m_items[5];
+};
+
+// A lab authenticator on one loopback address, stopped by the destructor.
+class CLabFixture {
+ public:
+  // `address` "127.0.0.1" or "::1"; the port is chosen by the system.
+  explicit CLabFixture(lab::LabOptions options, const std::string& address = "127.0.0.1");
+  ~CLabFixture();
+  uint16_t Port() const { return m_port; }
+  lab::CLabAuthenticator& Server() { return *m_server; }
+  // Waits for `count` finished connections and returns the reports.
+  std::vector<lab::ConnectionReport> WaitReports(size_t count);
+
+  // Options with the development PKI and the given key.
+  static lab::LabOptions Options(const std::string& presharedKey);
+
+ private:
+  std::unique_ptr<lab::CLabAuthenticator> m_server;
+  uint16_t m_port = 0;
+};
+
+// A port on 127.0.0.1 where nothing listens (bound, then closed).
+uint16_t ClosedPort();
+
+std::unique_ptr<ServerEntry> MakeServer(const std::string& host, uint32_t port);
+
+// The agent side: fakes, a log, the delivery object.
+class CDeliveryHarness : public IDeliveryHost {
+ public:
+  explicit CDeliveryHarness(const std::string& presharedKey,
+                            const CertificateMaterial& material = BuiltInCertificateMaterial());
+  CDeliveryHarness(const CDeliveryHarness&) = delete;
+  CDeliveryHarness& operator=(const CDeliveryHarness&) = delete;
+
+  // Makes the delivery object again, e.g. after changing the timings.
+  void Rebuild();
+
+  void AddServer(const std::string& host, uint32_t port) {
+    servers.push_back(MakeServer(host, port));
+  }
+  // A one-record logon event for user ALICE of CORP at WS1.CORP.EXAMPLE.
+  static void BuildEvent(CEncoder& event);
+  // One pass with that event.
+  bool Deliver(uint32_t session = 7, bool isRetry = false);
+
+  // Log lines that start with `prefix`.
+  std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
+  bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
+
+  // IDeliveryHost
+  void SetDeliveryState(uint32_t state) override;
+  IpAddress LocalAddress() override { return localAddress; }
+
+  FakeSupport support;
+  FakeNetwork network;
+  Timings timings = FakePlatform::ShortTimings();
+  ServerList servers;
+  std::string presharedKey;
+  std::atomic<uint32_t> keepAlive{180};
+  IpAddress localAddress;
+  std::vector<uint32_t> states;  // every state set, in order
+  CLog log{support};
+  std::unique_ptr<CAuthenticatorClient> client;
+
+ private:
+  const CertificateMaterial& m_material;
+};
+
+}  // namespace lindqvar::testing

@@ -1,0 +1,241 @@
+// The lab authenticator's logon table and output, and the two programs run
+// as a person runs them: lindqvar-lab-authenticator with JSON output, and
+// lindqvar-diag against a lab on 127.0.0.1.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <string>
+
+#include "tests/protocol/tls_test_support.h"
+#include "tools/diag/diag.h"
+#include "tools/lab_authenticator/lab_output.h"
+#include "tools/lab_authenticator/logon_table.h"
+
+namespace lindqvar::testing {
+namespace {
+
+using lab::CLogonTable;
+using lab::SessionRecord;
+
+SessionRecord Record(uint32_t logon, const std::string& user, std::vector<std::string> v4,
+                     std::vector<std::string> v6 = {}) {
+  SessionRecord r;
+  r.logon = logon;
+  r.domain = "CORP";
+  r.user = user;
+  r.workstation = "WS1.CORP.EXAMPLE";
+  r.ipv4 = std::move(v4);
+  r.ipv6 = std::move(v6);
+  return r;
+}
+
+std::vector<std::string> Addresses(const CLogonTable& t, const std::string& user) {
+  for (const auto& e : t.Entries())
+    if (e.user == user) return e.addresses;
+  return {"<absent>"};
+}
+
+TEST(LogonTable, ALogonReportsTheUserAtExactlyItsAddresses) {
+  CLogonTable t;
+  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}, {"fe80::1"}), "agent", 100);
+  EXPECT_EQ((std::vector<std::string>{"192.0.2.10", "192.0.2.11", "fe80::1"}), Addresses(t, "ALICE"));
+  // A keep-alive with new addresses replaces them.
+  t.Apply(Record(1, "ALICE", {"192.0.2.12"}), "agent", 200);
+  EXPECT_EQ(std::vector<std::string>{"192.0.2.12"}, Addresses(t, "ALICE"));
+  ASSERT_EQ(1u, t.Entries().size());
+  EXPECT_EQ(100, t.Entries()[0].since);
+  EXPECT_EQ(200, t.Entries()[0].lastSeen);
+}
+
+TEST(LogonTable, AnAddressBelongsToOneUser) {
+  CLogonTable t;
+  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}), "a", 1);
+  t.Apply(Record(1, "BOB", {"192.0.2.10"}), "a", 2);
+  EXPECT_EQ(std::vector<std::string>{"192.0.2.11"}, Addresses(t, "ALICE"));
+  EXPECT_EQ("BOB", t.FindByAddress("192.0.2.10")->user);
+  // Losing the last address to another user drops the entry.
+  t.Apply(Record(1, "BOB", {"192.0.2.10", "192.0.2.11"}), "a", 3);
+  EXPECT_EQ(std::vector<std::string>{"<absent>"}, Addresses(t, "ALICE"));
+  EXPECT_EQ(1u, t.Entries().size());
+}
+
+TEST(LogonTable, AWithdrawingRecordRemovesItsAddressesAndThenTheUser) {
+  CLogonTable t;
+  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}), "a", 1);
+  // An address change: the old addresses withdrawn, then the new ones.
+  t.Apply(Record(0, "ALICE", {"192.0.2.10"}), "a", 2);
+  EXPECT_EQ(std::vector<std::string>{"192.0.2.11"}, Addresses(t, "ALICE"));
+  t.Apply(Record(0, "ALICE", {"192.0.2.11"}), "a", 3);
+  EXPECT_TRUE(t.Entries().empty());
+  // A logoff without addresses removes the user, and one for a user who is
+  // not there changes nothing.
+  t.Apply(Record(1, "ALICE", {"192.0.2.10"}), "a", 4);
+  t.Apply(Record(0, "CAROL", {}), "a", 5);
+  EXPECT_EQ(1u, t.Entries().size());
+  t.Apply(Record(0, "ALICE", {}), "a", 6);
+  EXPECT_TRUE(t.Entries().empty());
+  EXPECT_NE(std::string::npos, t.FormatText().find("nobody"));
+}
+
+TEST(LabOutput, JsonLinesQuoteEverythingAProgramMustParse) {
+  EXPECT_EQ("\"a\\\"b\\\\c\\n\\u0001\"", lab::JsonQuote("a\"b\\c\n\x01"));
+  CLogonTable t;
+  t.Apply(Record(1, "AL\"ICE", {"192.0.2.10"}), "127.0.0.1:5000", 0);
+  const std::string json = lab::JsonTable(t);
+  EXPECT_NE(std::string::npos, json.find("\"user\":\"AL\\\"ICE\""));
+  EXPECT_NE(std::string::npos, json.find("\"addresses\":[\"192.0.2.10\"]"));
+  EXPECT_EQ(std::string::npos, json.find('\n'));
+
+  lab::ConnectionReport r;
+  r.records.push_back(Record(1, "ALICE", {"192.0.2.10"}, {"fe80::1"}));
+  r.end = "complete";
+  const std::string line = lab::JsonConnection(r);
+  EXPECT_NE(std::string::npos, line.find("\"ipv6\":[\"fe80::1\"]"));
+  EXPECT_NE(std::string::npos, line.find("\"end\":\"complete\""));
+}
+
+// --- the programs -------------------------------------------------------------------
+
+struct RunResult {
+  int exitCode = -1;
+  std::string output;
+};
+
+RunResult RunProgram(const std::string& command) {
+  RunResult r;
+  FILE* p = popen((command + " 2>&1").c_str(), "r");
+  if (!p) return r;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, p)) > 0) r.output.append(buffer, n);
+  const int status = pclose(p);
+  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+std::string KeyFile(const std::string& key) {
+  const std::string path = ::testing::TempDir() + "lindqvar-test-key.txt";
+  std::ofstream(path) << key << "\n";
+  return path;
+}
+
+TEST(LabProgram, PrintsItsPortThenOneJsonLinePerConnectionAndTableChange) {
+  const std::string command = std::string(LINDQVAR_LAB_BINARY) +
+                              " --json --listen 127.0.0.1:0 --exit-after 1 --keepalive 90 --ca " +
+                              LINDQVAR_TEST_CLIENT_CA + " --psk-file " + KeyFile("lab-key") +
+                              " 2>&1";
+  FILE* lab = popen(command.c_str(), "r");
+  ASSERT_NE(nullptr, lab);
+  char line[8192];
+  ASSERT_NE(nullptr, fgets(line, sizeof line, lab));
+  std::smatch m;
+  const std::string listening = line;
+  ASSERT_TRUE(std::regex_search(listening, m,
+                                std::regex("\\{\"event\":\"listening\",\"address\":\"127\\.0\\.0\\.1\",\"port\":(\\d+)\\}")))
+      << listening;
+  const auto port = static_cast<uint32_t>(std::stoul(m[1]));
+
+  CDeliveryHarness agent("lab-key");
+  agent.AddServer("127.0.0.1", port);
+  EXPECT_TRUE(agent.Deliver());
+  EXPECT_EQ(90u, agent.keepAlive.load());
+
+  std::string rest;
+  while (fgets(line, sizeof line, lab)) rest += line;
+  EXPECT_EQ(0, WEXITSTATUS(pclose(lab)));
+  EXPECT_NE(std::string::npos, rest.find("{\"event\":\"table\",\"entries\":[{\"domain\":\"CORP\",\"user\":\"ALICE\""))
+      << rest;
+  EXPECT_NE(std::string::npos, rest.find("\"digest\":\"correct\"")) << rest;
+  EXPECT_NE(std::string::npos, rest.find("\"end\":\"complete\"")) << rest;
+}
+
+TEST(LabProgram, RefusesToStartWithoutBeingToldWhereToListen) {
+  const RunResult r = RunProgram(std::string(LINDQVAR_LAB_BINARY) + " --psk x");
+  EXPECT_EQ(2, r.exitCode);
+  EXPECT_NE(std::string::npos, r.output.find("--listen")) << r.output;
+}
+
+std::string Diag(const std::string& args) { return std::string(LINDQVAR_DIAG_BINARY) + " " + args; }
+
+TEST(DiagProgram, CheckPassesAServerThatAcceptsTheKeyAndSendsNoEvent) {
+  CLabFixture lab(CLabFixture::Options("diag-key"));
+  const RunResult r = RunProgram(Diag("check --server 127.0.0.1:" + std::to_string(lab.Port()) +
+                               " --key-file " + KeyFile("diag-key")));
+  EXPECT_EQ(diag::kExitOk, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("verified against the built-in CA bundle")) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("hello accepted")) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("1 of 1 server(s) passed")) << r.output;
+  const auto reports = lab.WaitReports(1);
+  EXPECT_FALSE(reports[0].eventReceived);
+  EXPECT_EQ(1u, reports[0].helloResult);
+}
+
+TEST(DiagProgram, SendDeliversTheGivenUserAndPrintsTheAcknowledgement) {
+  auto options = CLabFixture::Options("diag-key");
+  options.keepAliveInterval = 45;
+  CLabFixture lab(options, "::1");
+  const RunResult r = RunProgram(Diag("send --server [::1]:" + std::to_string(lab.Port()) +
+                               " --key diag-key --user bob --domain corp --workstation "
+                               "pc7.corp.example --ip 198.51.100.7 --ip 2001:db8::7"));
+  EXPECT_EQ(diag::kExitOk, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("event acknowledged: result 1, keep-alive interval 45 s"))
+      << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("state after such a pass: 2 (CONFIGURED_REACHABLE)"))
+      << r.output;
+  const auto records = lab.WaitReports(1)[0].records;
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ("BOB", records[0].user);
+  EXPECT_EQ("PC7.CORP.EXAMPLE", records[0].workstation);
+  EXPECT_EQ(std::vector<std::string>{"198.51.100.7"}, records[0].ipv4);
+  EXPECT_EQ(std::vector<std::string>{"2001:db8::7"}, records[0].ipv6);
+}
+
+TEST(DiagProgram, ExitCodesTellWhatWentWrong) {
+  CLabFixture good(CLabFixture::Options("diag-key"));
+  const std::string goodServer = "--server 127.0.0.1:" + std::to_string(good.Port());
+  const std::string closedServer = "--server 127.0.0.1:" + std::to_string(ClosedPort());
+
+  RunResult r = RunProgram(Diag("check " + goodServer + " --key wrong-key"));
+  EXPECT_EQ(diag::kExitAllFailed, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("FAILED at hello-reject: the server rejected the hello: check the preshared key"))
+      << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("please check your preshared key")) << r.output;
+
+  r = RunProgram(Diag("check " + goodServer + " " + closedServer + " --key diag-key"));
+  EXPECT_EQ(diag::kExitSomeFailed, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("FAILED at connect")) << r.output;
+
+  r = RunProgram(Diag("check --key diag-key"));
+  EXPECT_EQ(diag::kExitNotConfigured, r.exitCode) << r.output;
+
+  r = RunProgram(Diag("send " + goodServer + " --key diag-key --user bob"));
+  EXPECT_EQ(diag::kExitUsage, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("send needs --user, --domain and --workstation"));
+  r = RunProgram(Diag("check --server 127.0.0.1:99999"));
+  EXPECT_EQ(diag::kExitUsage, r.exitCode) << r.output;
+
+  auto options = CLabFixture::Options("diag-key");
+  options.fault = lab::Fault::kLongVersion;
+  CLabFixture longVersion(options);
+  r = RunProgram(Diag("check --server 127.0.0.1:" + std::to_string(longVersion.Port()) + " --key diag-key"));
+  EXPECT_EQ(diag::kExitFatalHello, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("version text does not fit in 32 bytes")) << r.output;
+}
+
+TEST(DiagArguments, ServersKeepIPv6BracketsAndDefaultThePort) {
+  diag::DiagOptions o;
+  std::string error;
+  ASSERT_TRUE(diag::ParseArguments({"check", "--server", "[::1]", "--server", "h.example:9", "--ip", "fe80::2"}, o, error)) << error;
+  EXPECT_EQ((std::vector<std::string>{"[::1]", "h.example:9"}), o.servers);
+  EXPECT_EQ(1u, o.event.ipv6.size());
+  EXPECT_FALSE(diag::ParseArguments({"check", "--server", "[::1"}, o, error));
+  EXPECT_FALSE(diag::ParseArguments({"check", "send"}, o, error));
+  EXPECT_FALSE(diag::ParseArguments({"check", "--ip", "not-an-address"}, o, error));
+  EXPECT_FALSE(diag::ParseArguments({}, o, error));
+}
+
+}  // namespace
+}  // namespace lindqvar::testing
