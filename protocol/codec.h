@@ -116,8 +116,8 @@ class CEncoder {
   int add_u16(uint8_t code, uint16_t value);
   // 6 + byteCount bytes of type TYPE_STRING. With upperCase non-zero the
   // bytes are upper-cased without changing their number; `text` must then
-  // be NUL-terminated (at text[byteCount] or earlier), as the upper-casing
-  // reads it as a C string. A null text fails with -1.
+  // be a NUL-terminated string, as the upper-casing reads it up to its NUL
+  // (past byteCount when the NUL lies further). A null text fails with -1.
   int add_string(uint8_t code, const char* text, uint32_t byteCount, uint32_t upperCase);
   int add_string(uint8_t code, const std::string& text, uint32_t upperCase) {
     return add_string(code, text.c_str(), static_cast<uint32_t>(text.size()), upperCase);
