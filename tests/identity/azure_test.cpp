@@ -136,12 +136,9 @@ TEST_F(RunExternalProgramTest, StartFailures) {
   EXPECT_EQ(static_cast<int32_t>(0x8007000Eu), HResultFromWin32(0x8007000Eu));  // negative unchanged
 }
 
-class AzureLookupTest : public ::testing::Test {
+class AzureLookupTest : public ::testing::Test, protected FakeUserLookup {
  protected:
-  AzureLookupTest() : log(support), system{accounts, registry, runner, timings} {
-    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
-    timings.consoleIdlePolls = 1;
-    timings.consoleIdlePollMs = 0;
+  AzureLookupTest() {
     FakeAccounts::User user;
     user.sid = DomainSid(1300);
     user.linkedTokenId = 9;
@@ -150,13 +147,7 @@ class AzureLookupTest : public ::testing::Test {
   int32_t Lookup(uint32_t session = 1) {
     return GetAZureSessionUserInfo(system, log, session, user, domain, tenant);
   }
-  FakeSupport support;
-  CLog log;
-  FakeAccounts accounts;
-  FakeRegistry registry;
-  FakeConsoleRunner runner;
-  Timings timings;
-  UserLookup system;
+  FakeConsoleRunner& runner = console;
   std::u16string user, domain, tenant;
 };
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "identity/terminal_session.h"
 #include "platform/accounts.h"
 #include "platform/adapters.h"
 #include "platform/console_runner.h"
@@ -137,6 +138,23 @@ class RegistrySupport : public FakeSupport {
   FakeRegistry& m_registry;
   std::map<SupportKeyHandle, std::unique_ptr<IRegistryKey>> m_open;
   uintptr_t m_next = 0x5000;
+};
+
+// The user lookup's sources made of fakes, with a log that keeps its lines
+// and a console reader that ends after two empty polls without sleeping.
+struct FakeUserLookup {
+  FakeUserLookup() : log(support), system{accounts, registry, console, timings} {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    timings.consoleIdlePolls = 2;
+    timings.consoleIdlePollMs = 0;
+  }
+  FakeSupport support;
+  CLog log;
+  FakeAccounts accounts;
+  FakeRegistry registry;
+  FakeConsoleRunner console;
+  Timings timings;
+  UserLookup system;
 };
 
 // A SID from its identifier authority (6 bytes) and sub-authorities.

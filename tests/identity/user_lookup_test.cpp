@@ -20,13 +20,8 @@ const char kJoinedOutput[] =
 
 const char kNotJoinedOutput[] = "             AzureAdJoined : NO\r\n";
 
-class UserLookupTest : public ::testing::Test {
+class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
  protected:
-  UserLookupTest() : log(support), system{accounts, registry, console, timings} {
-    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
-    timings.consoleIdlePolls = 2;
-    timings.consoleIdlePollMs = 0;
-  }
 
   // An account in session 2, with USERDNSDOMAIN in its volatile
   // environment when `dnsDomain` is set.
@@ -48,13 +43,6 @@ class UserLookupTest : public ::testing::Test {
   }
   void AzureAnswers(const char* output) { console.script = {PipeStep{output}}; }
 
-  FakeSupport support;
-  CLog log;
-  FakeAccounts accounts;
-  FakeRegistry registry;
-  FakeConsoleRunner console;
-  Timings timings;
-  UserLookup system;
   CTerminalSession record;
 };
 
