@@ -48,6 +48,8 @@ ConsoleStart CConsoleRunnerWin32::Start(IUserToken* token, const std::string& co
   attributes.lpSecurityDescriptor = nullptr;
   attributes.bInheritHandle = TRUE;
 
+  // Raw handles, not owners: the pipe's ends stay open on every path,
+  // failures included (see CConsolePipeWin32).
   HANDLE readEnd = nullptr;
   HANDLE writeEnd = nullptr;
   if (!::CreatePipe(&readEnd, &writeEnd, &attributes, 0)) {
