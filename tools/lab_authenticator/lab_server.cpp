@@ -173,6 +173,9 @@ bool CLabAuthenticator::Start(std::string& error) {
   }
   if (STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(m_options.caFile.c_str()))
     SSL_CTX_set_client_CA_list(m_ctx, names);
+  // No session tickets: agents never resume, and a ticket written ahead of
+  // the hello would hold the hello back behind Nagle's algorithm.
+  SSL_CTX_set_num_tickets(m_ctx, 0);
   // Every agent must present a certificate from the configured CA.
   SSL_CTX_set_verify(m_ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 

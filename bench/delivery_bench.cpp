@@ -1,0 +1,244 @@
+// One delivery pass of the agent to a lab authenticator on 127.0.0.1,
+// against a minimal OpenSSL client that does the same: a fresh TCP
+// connection, a full TLS handshake with the same client certificate, the
+// hello, the digest reply, the hello acknowledgement, the event and the event
+// acknowledgement, then the close. Both run against the same server in the
+// same process, alternately, so the ratio compares like with like.
+//
+//   agent_ms     mean time of one agent pass (one server)
+//   openssl_ms   mean time of the minimal client's exchange
+//   ratio        agent_ms / openssl_ms
+#include <benchmark/benchmark.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "platform/log.h"
+#include "platform/socket.h"
+#include "protocol/codec.h"
+#include "protocol/delivery.h"
+#include "tools/lab_authenticator/lab_server.h"
+
+namespace lindqvar {
+namespace {
+
+constexpr char kKey[] = "bench-preshared";
+
+std::string Pki(const char* name) { return std::string(LINDQVAR_BENCH_PKI_DIR) + "/" + name; }
+
+// A support library that does nothing: the agent logs nothing in either
+// run (no log handle), so only the protocol work is compared.
+class QuietSupport : public ISupportLibrary {
+ public:
+  LogHandle log_initialize(std::u16string_view) override { return nullptr; }
+  void log_deinitialize(LogHandle) override {}
+  void log_setlevel(LogHandle, uint32_t) override {}
+  void log_debug(LogHandle, std::string_view) override {}
+  void log_error(LogHandle, std::string_view) override {}
+  void LogW(uint32_t, const char16_t*) override {}
+  uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
+  void cfg_get_lindqvar_settings(uint8_t*) override {}
+  void cfg_get_logging_info(uint8_t*) override {}
+  bool cfg_is_fips_mode_enabled() override { return false; }
+  bool cfg_get_velmora_guid(std::u16string&) override { return false; }
+  SupportKeyHandle reg_openkeyW(SupportHive, std::u16string_view) override { return nullptr; }
+  void reg_closekeyW(SupportKeyHandle) override {}
+  bool reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16string&, uint32_t*) override {
+    return false;
+  }
+  bool reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) override { return false; }
+  bool GetTokenOfSession(uint32_t, std::unique_ptr<IUserToken>&) override { return false; }
+};
+
+class NoNetwork : public INetwork {
+ public:
+  void Startup() override {}
+  void Cleanup() override {}
+  std::string HostName() override { return {}; }
+  int Resolve(const std::string&, std::vector<ResolvedAddress>&) override { return 11001; }
+  bool PhysicalDnsDomain(std::u16string&, uint32_t&) override { return false; }
+  std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
+};
+
+class Host : public IDeliveryHost {
+ public:
+  void SetDeliveryState(uint32_t) override {}
+  IpAddress LocalAddress() override { return IpAddress(); }
+};
+
+void BuildEvent(CEncoder& e) {
+  e.begin_message(MSG_EVENT);
+  e.begin_group(MSG_SESSION_INFO);
+  e.add_u32(ATTR_LOGON, 1);
+  e.add_u32(ATTR_FIXED_VALUE, 4096);
+  e.add_string(ATTR_DOMAIN, std::string("corp"), 1);
+  e.add_string(ATTR_USER, std::string("alice"), 1);
+  e.add_string(ATTR_WORKSTATION, std::string("ws1.corp.example"), 1);
+  e.add_u32(ATTR_IPV4, 0xC000020A);
+  e.add_u32(ATTR_TIME, 1700000000);
+  e.end_group(MSG_SESSION_INFO);
+  e.end_group(MSG_EVENT);
+}
+
+// Reads one length-prefixed message into `out`.
+bool ReadMessage(SSL* ssl, std::vector<uint8_t>& out) {
+  uint8_t prefix[4];
+  for (int got = 0; got < 4;) {
+    const int n = SSL_read(ssl, prefix + got, 4 - got);
+    if (n <= 0) return false;
+    got += n;
+  }
+  const uint32_t total = (uint32_t{prefix[0]} << 24) | (uint32_t{prefix[1]} << 16) |
+                         (uint32_t{prefix[2]} << 8) | prefix[3];
+  if (total < 6 || total > (1u << 20)) return false;
+  out.assign(prefix, prefix + 4);
+  out.resize(total);
+  for (uint32_t got = 4; got < total;) {
+    const int n = SSL_read(ssl, out.data() + got, static_cast<int>(total - got));
+    if (n <= 0) return false;
+    got += static_cast<uint32_t>(n);
+  }
+  return true;
+}
+
+// The minimal client: the same exchange written directly on OpenSSL, with
+// a small hand-made reply and the same event bytes.
+class MinimalClient {
+ public:
+  MinimalClient() {
+    m_ctx = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_use_certificate_file(m_ctx, Pki("client.pem").c_str(), SSL_FILETYPE_PEM);
+    const std::string pass = [] {
+      FILE* f = std::fopen(Pki("client.pass").c_str(), "rb");
+      char buffer[64] = {};
+      if (f) {
+        std::fread(buffer, 1, sizeof buffer - 1, f);
+        std::fclose(f);
+      }
+      return std::string(buffer);
+    }();
+    SSL_CTX_set_default_passwd_cb_userdata(m_ctx, const_cast<char*>(pass.c_str()));
+    SSL_CTX_use_PrivateKey_file(m_ctx, Pki("client.key").c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_set_default_passwd_cb_userdata(m_ctx, nullptr);
+    BuildEvent(m_event);
+  }
+  ~MinimalClient() { SSL_CTX_free(m_ctx); }
+
+  bool Exchange(const SocketAddress& server) {
+    CSocket s = CSocket::Open(server.family);
+    if (s.Connect(server) != 0) return false;
+    SSL* ssl = SSL_new(m_ctx);
+    SSL_set_fd(ssl, static_cast<int>(s.native()));
+    bool ok = SSL_connect(ssl) == 1;
+    std::vector<uint8_t> in;
+    ok = ok && ReadMessage(ssl, in);
+    if (ok) {
+      // The hello: id, flags and challenge from fixed places of the lab's
+      // hello (id, flags, version text, digest).
+      CDecoder d(in.data(), static_cast<uint32_t>(in.size()));
+      uint32_t id = 0, flags = 0;
+      uint8_t challenge[16] = {};
+      while (d.next()) {
+        if (d.code() == ATTR_ID) id = d.value_u32();
+        if (d.code() == ATTR_HELLO_FLAGS) flags = d.value_u32();
+        if (d.code() == ATTR_DIGEST && d.value_size() == 16) std::memcpy(challenge, d.value_data(), 16);
+      }
+      uint8_t key[16], digest[16];
+      preshared_key_block(kKey, key);
+      compute_response(challenge, key, digest);
+      CEncoder reply(kReplyEncoderCapacity);
+      reply.begin_message(MSG_HELLO);
+      reply.add_u32(ATTR_ID, id);
+      reply.add_u32(ATTR_HELLO_FLAGS, flags);
+      reply.add_string(ATTR_VERSION_TEXT, std::string("Velmora Extension 1.1"), 0);
+      reply.add_bytes(ATTR_DIGEST, digest, 16);
+      reply.end_group(MSG_HELLO);
+      uint32_t n = 0;
+      const uint8_t* p = reply.get_buffer(&n);
+      SSL_write(ssl, p, static_cast<int>(n));
+      ok = ReadMessage(ssl, in);
+    }
+    if (ok) {
+      uint32_t n = 0;
+      const uint8_t* p = m_event.get_buffer(&n);
+      SSL_write(ssl, p, static_cast<int>(n));
+      ok = ReadMessage(ssl, in);
+    }
+    SSL_set_quiet_shutdown(ssl, 1);
+    SSL_shutdown(ssl);
+    SSL_free(ssl);
+    s.ShutdownBoth();
+    return ok;
+  }
+
+ private:
+  SSL_CTX* m_ctx;
+  CEncoder m_event{kEventEncoderCapacity};
+};
+
+void BM_DeliveryPassVersusMinimalOpenSslClient(benchmark::State& state) {
+  lab::LabOptions options;
+  SocketAddress at;
+  SocketAddress::FromLiteral("127.0.0.1", 0, at);
+  options.listen = {at};
+  options.caFile = LINDQVAR_BENCH_CLIENT_CA;
+  options.certFile = Pki("server.pem");
+  options.keyFile = Pki("server.key");
+  options.presharedKey = kKey;
+  lab::CLabAuthenticator server(options, nullptr);
+  std::string error;
+  if (!server.Start(error)) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  const SocketAddress bound = server.Listening()[0];
+
+  QuietSupport support;
+  CLog log(support);
+  NoNetwork network;
+  Host host;
+  ServerList servers;
+  auto entry = std::make_unique<ServerEntry>();
+  std::strcpy(entry->host, "127.0.0.1");
+  entry->port = bound.port;
+  servers.push_back(std::move(entry));
+  std::string key = kKey;
+  std::atomic<uint32_t> keepAlive{180};
+  Timings timings;
+  CAuthenticatorClient agent(log, support, network, timings, servers, key, keepAlive, host);
+  CEncoder event(kEventEncoderCapacity);
+  BuildEvent(event);
+  CDecoder decoder;
+  MinimalClient minimal;
+
+  using Clock = std::chrono::steady_clock;
+  Clock::duration agentTime{}, minimalTime{};
+  int64_t failures = 0;
+  for (auto _ : state) {
+    const auto t0 = Clock::now();
+    if (!agent.send_to_all_servers(1, event, decoder, false)) ++failures;
+    const auto t1 = Clock::now();
+    if (!minimal.Exchange(bound)) ++failures;
+    const auto t2 = Clock::now();
+    agentTime += t1 - t0;
+    minimalTime += t2 - t1;
+  }
+  server.Stop();
+  if (failures) state.SkipWithError("an exchange failed");
+  const double n = static_cast<double>(state.iterations());
+  const double agentMs = std::chrono::duration<double, std::milli>(agentTime).count() / n;
+  const double minimalMs = std::chrono::duration<double, std::milli>(minimalTime).count() / n;
+  state.counters["agent_ms"] = agentMs;
+  state.counters["openssl_ms"] = minimalMs;
+  state.counters["ratio"] = agentMs / minimalMs;
+}
+BENCHMARK(BM_DeliveryPassVersusMinimalOpenSslClient)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+}  // namespace
+}  // namespace lindqvar
+
+BENCHMARK_MAIN();
