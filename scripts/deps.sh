@@ -8,7 +8,7 @@ CACHE_DIR=${LINDQVAR_CACHE:-$HOME/.cache/lindqvar}
 OPENSSL_PREFIX="$CACHE_DIR/openssl-mingw64"
 
 need_pkgs=(
-  build-essential cmake ninja-build pkg-config git ca-certificates
+  build-essential cmake ninja-build pkg-config git ca-certificates python3
   libssl-dev openssl libgtest-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix wine64 winbind iproute2 dpkg-dev
@@ -65,9 +65,10 @@ SRC
   (cd "$build" &&
     ./Configure mingw64 no-shared no-tests no-module \
       --cross-compile-prefix=x86_64-w64-mingw32- \
-      --prefix="$OPENSSL_PREFIX" --libdir=lib >/dev/null &&
-    make -s -j"$(nproc)" build_libs >/dev/null &&
-    make -s install_dev >/dev/null)
+      --prefix="$OPENSSL_PREFIX" --libdir=lib >"$CACHE_DIR/openssl-build.log" 2>&1 &&
+    make -s -j"$(nproc)" build_libs >>"$CACHE_DIR/openssl-build.log" 2>&1 &&
+    make -s install_dev >>"$CACHE_DIR/openssl-build.log" 2>&1) ||
+    { tail -n 40 "$CACHE_DIR/openssl-build.log"; exit 1; }
   rm -rf "$build"
   echo "deps: OpenSSL for MinGW-w64 ready"
 fi

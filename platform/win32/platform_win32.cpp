@@ -1,5 +1,9 @@
 #include "platform/win32/platform_win32.h"
 
+#include "platform/win32/accounts_win32.h"
+#include "platform/win32/adapters_win32.h"
+#include "platform/win32/console_runner_win32.h"
+#include "platform/win32/hyperv_win32.h"
 #include "platform/win32/network_win32.h"
 #include "platform/win32/registry_win32.h"
 #include "platform/win32/session_window_win32.h"
@@ -15,6 +19,10 @@ struct CWindowsPlatform::Parts {
   CNetworkWin32 network;
   CSessionsWin32 sessions;
   CSessionWindowWin32 window;
+  CAccountsWin32 accounts;
+  CAdaptersWin32 adapters;
+  CConsoleRunnerWin32 console;
+  CHyperVWin32 hyperv;
 };
 
 CWindowsPlatform::CWindowsPlatform(std::span<const CatalogueEvent> catalogue)
@@ -29,6 +37,10 @@ Platform CWindowsPlatform::Get() const {
   p.network = &m_parts->network;
   p.sessions = &m_parts->sessions;
   p.window = &m_parts->window;
+  p.accounts = &m_parts->accounts;
+  p.adapters = &m_parts->adapters;
+  p.console = &m_parts->console;
+  p.hyperv = &m_parts->hyperv;
   return p;
 }
 
