@@ -65,7 +65,26 @@ run_diag "$work/closed.txt" check --server "127.0.0.1:$port4" --server "127.0.0.
 expect "a closed port fails only its server (exit $rc)" test "$rc" -eq 1
 expect "a closed port fails at the connect" grep -q 'failed to  connect to authenticator, error:-1' "$work/closed.txt"
 
+# The agent's own settings in the registry, read the way the agent reads
+# them (the test holds the registry lock of the Wine tests).
+build=$(cd "$(dirname "$DIAG")" && pwd)
+while [ "$build" != / ] && [ ! -f "$build/CMakeCache.txt" ]; do build=$(dirname "$build"); done
+export LINDQVAR_WINEPREFIX=${LINDQVAR_WINEPREFIX:-$build/wineprefix}
+reg() { "$WINE_RUN" reg "$@" > /dev/null 2>&1; }
+AGENT_KEY='HKLM\software\Orvane\Velmora\FA_LINDQ'
+reg delete 'HKLM\software\Orvane' /f
+reg add "$AGENT_KEY" /v Servers /d "127.0.0.1:$port4;[::1]:$port6" /f
+reg add "$AGENT_KEY" /v PresharedKey /d wine-key /f
+reg add 'HKLM\software\Orvane\Velmora' /v ClientGuid /d '{5EED0000-1111-2222-3333-444455556666}' /f
+run_diag "$work/registry.txt" check
+reg delete 'HKLM\software\Orvane' /f
+expect "check with the registry settings reaches both servers (exit $rc)" test "$rc" -eq 0
+expect "the servers came from the registry" grep -q "Servers from the agent's settings" "$work/registry.txt"
+expect "the key came from the registry" grep -q "Preshared key from the agent's settings" "$work/registry.txt"
+
 sleep 0.3
+expect "the hello carried the endpoint client's GUID" \
+  grep -q '"client_guid":"{5EED0000-1111-2222-3333-444455556666}"' "$work/lab.jsonl"
 expect "the lab saw the user at both addresses" \
   grep -q '"user":"CAROL","workstation":"PC9.CORP.EXAMPLE","azure":"","addresses":\["203.0.113.9","2001:db8::9"\]' "$work/lab.jsonl"
 expect "the lab checked the digest" grep -q '"digest":"correct"' "$work/lab.jsonl"
