@@ -21,6 +21,7 @@
 #include "platform/socket.h"
 #include "protocol/codec.h"
 #include "protocol/delivery.h"
+#include "tools/diag/diag_event.h"
 #include "tools/lab_authenticator/lab_server.h"
 
 namespace lindqvar {
@@ -70,18 +71,10 @@ class Host : public IDeliveryHost {
   IpAddress LocalAddress() override { return IpAddress(); }
 };
 
+// The same one-record logon event as the delivery tests send.
 void BuildEvent(CEncoder& e) {
-  e.begin_message(MSG_EVENT);
-  e.begin_group(MSG_SESSION_INFO);
-  e.add_u32(ATTR_LOGON, 1);
-  e.add_u32(ATTR_FIXED_VALUE, 4096);
-  e.add_string(ATTR_DOMAIN, std::string("corp"), 1);
-  e.add_string(ATTR_USER, std::string("alice"), 1);
-  e.add_string(ATTR_WORKSTATION, std::string("ws1.corp.example"), 1);
-  e.add_u32(ATTR_IPV4, 0xC000020A);
-  e.add_u32(ATTR_TIME, 1700000000);
-  e.end_group(MSG_SESSION_INFO);
-  e.end_group(MSG_EVENT);
+  const diag::DiagEvent event{1, "corp", "alice", "ws1.corp.example", {0x0A0200C0}, {}, 1700000000};
+  diag::BuildEvent(event, e);
 }
 
 // Reads one length-prefixed message into `out`.

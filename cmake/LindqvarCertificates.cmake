@@ -39,7 +39,7 @@ add_custom_command(
   OUTPUT ${_pki_files}
   COMMAND ${CMAKE_COMMAND} -DOPENSSL=${LINDQVAR_OPENSSL_EXECUTABLE} -DOUT=${_pki}
           -P ${LINDQVAR_ROOT}/cmake/make_dev_pki.cmake
-  DEPENDS ${LINDQVAR_ROOT}/cmake/make_dev_pki.cmake
+  DEPENDS ${LINDQVAR_ROOT}/cmake/make_dev_pki.cmake ${LINDQVAR_ROOT}/cmake/lindqvar_openssl.cmake
   COMMENT "Making the development PKI in ${_pki}"
   VERBATIM)
 add_custom_target(lindqvar_dev_pki DEPENDS ${_pki_files})
@@ -92,5 +92,6 @@ add_custom_command(
           -DOUT=${LINDQVAR_CERT_REGION_SOURCE}
           -P ${LINDQVAR_ROOT}/cmake/embed_certificates.cmake
   DEPENDS ${_ca} ${_cert} ${_key} ${_pass} ${_pass2} ${LINDQVAR_ROOT}/cmake/embed_certificates.cmake
+          ${LINDQVAR_ROOT}/cmake/lindqvar_openssl.cmake
   COMMENT "Embedding the certificate material"
   VERBATIM)

@@ -25,14 +25,7 @@ file(MAKE_DIRECTORY "${outdir}")
 set(work "${OUT}.work")
 file(MAKE_DIRECTORY "${work}")
 
-function(random_hex bytes var)
-  execute_process(COMMAND "${OPENSSL}" rand -hex ${bytes}
-                  OUTPUT_VARIABLE hex RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "openssl rand failed")
-  endif()
-  set(${var} "${hex}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/lindqvar_openssl.cmake)
 
 random_hex(16 aeskey)
 random_hex(4 seedhex)

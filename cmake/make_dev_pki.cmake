@@ -28,14 +28,7 @@ function(run)
   endif()
 endfunction()
 
-function(random_hex bytes var)
-  execute_process(COMMAND "${OPENSSL}" rand -hex ${bytes}
-                  OUTPUT_VARIABLE hex RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "openssl rand failed")
-  endif()
-  set(${var} "${hex}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/lindqvar_openssl.cmake)
 
 # Every file is made under a temporary name first, so an interrupted run
 # never leaves a half-made PKI that looks complete.

@@ -12,16 +12,6 @@
 namespace lindqvar::testing {
 namespace {
 
-std::string Hex(const uint8_t* p, size_t n) {
-  static const char* digits = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
-
 TEST(ComputeResponse, KnownVectors) {
   struct Vector {
     uint8_t challenge[16];

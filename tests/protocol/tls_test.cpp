@@ -33,16 +33,6 @@ std::string Decrypted(const CertificateMaterial& m, const CertificateItem& item)
   return std::string(out.text(), out.size());
 }
 
-std::string Hex(const uint8_t* p, size_t n) {
-  static const char* digits = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
-
 // --- AES routine and decrypt_blob ---------------------------------------------
 
 TEST(AesRoutine, MatchesTheAesKnownAnswerWithAZeroIvAndPadsAWholeBlock) {

@@ -11,6 +11,7 @@
 
 #include "platform/socket.h"
 #include "protocol/tls.h"
+#include "tools/diag/diag_event.h"
 
 namespace lindqvar::testing {
 
@@ -19,6 +20,16 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
+}
+
+std::string Hex(const uint8_t* p, size_t n) {
+  static const char* digits = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) {
+    s += digits[p[i] >> 4];
+    s += digits[p[i] & 15];
+  }
+  return s;
 }
 
 std::string PkiFile(const std::string& name) { return std::string(LINDQVAR_TEST_PKI_DIR) + "/" + name; }
@@ -154,17 +165,13 @@ void CDeliveryHarness::Rebuild() {
 }
 
 void CDeliveryHarness::BuildEvent(CEncoder& e) {
-  e.begin_message(MSG_EVENT);
-  e.begin_group(MSG_SESSION_INFO);
-  e.add_u32(ATTR_LOGON, 1);
-  e.add_u32(ATTR_FIXED_VALUE, 4096);
-  e.add_string(ATTR_DOMAIN, std::string("corp"), 1);
-  e.add_string(ATTR_USER, std::string("alice"), 1);
-  e.add_string(ATTR_WORKSTATION, std::string("ws1.corp.example"), 1);
-  e.add_u32(ATTR_IPV4, 0xC000020A);  // 192.0.2.10
-  e.add_u32(ATTR_TIME, 1700000000);
-  e.end_group(MSG_SESSION_INFO);
-  e.end_group(MSG_EVENT);
+  diag::DiagEvent event;
+  event.domain = "corp";
+  event.user = "alice";
+  event.workstation = "ws1.corp.example";
+  event.ipv4 = {0x0A0200C0};  // 192.0.2.10 in network order
+  event.time = 1700000000;
+  diag::BuildEvent(event, e);
 }
 
 bool CDeliveryHarness::Deliver(uint32_t session, bool isRetry) {

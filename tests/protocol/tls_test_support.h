@@ -22,6 +22,8 @@
 namespace lindqvar::testing {
 
 std::string ReadFile(const std::string& path);
+// Lower-case hex of `n` bytes.
+std::string Hex(const uint8_t* p, size_t n);
 // The development PKI of this build.
 std::string PkiFile(const std::string& name);
 
@@ -88,7 +90,8 @@ class CDeliveryHarness : public IDeliveryHost {
   void AddServer(const std::string& host, uint32_t port) {
     servers.push_back(MakeServer(host, port));
   }
-  // A one-record logon event for user ALICE of CORP at WS1.CORP.EXAMPLE.
+  // A one-record logon event for user ALICE of CORP at WS1.CORP.EXAMPLE
+  // from 192.0.2.10.
   static void BuildEvent(CEncoder& event);
   // One pass with that event.
   bool Deliver(uint32_t session = 7, bool isRetry = false);
