@@ -1,5 +1,6 @@
 #include "protocol/delivery.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -292,7 +293,9 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
     uint8_t key[16];
     preshared_key_block(m_presharedKey, key);
     compute_response(challenge, key, response);
-    std::memset(key, 0, sizeof key);
+    // Both hold key material now (the challenge was XORed with the key).
+    OPENSSL_cleanse(key, sizeof key);
+    OPENSSL_cleanse(challenge, sizeof challenge);
   }
 
   reply.begin_group(MSG_HELLO);
