@@ -117,6 +117,9 @@ class MinimalClient {
     SSL_CTX_set_default_passwd_cb_userdata(m_ctx, const_cast<char*>(pass.c_str()));
     SSL_CTX_use_PrivateKey_file(m_ctx, Pki("client.key").c_str(), SSL_FILETYPE_PEM);
     SSL_CTX_set_default_passwd_cb_userdata(m_ctx, nullptr);
+    // The agent's context holds its CA bundle too, so both check the
+    // server's chain during the handshake.
+    SSL_CTX_load_verify_locations(m_ctx, Pki("ca.pem").c_str(), nullptr);
     BuildEvent(m_event);
   }
   ~MinimalClient() { SSL_CTX_free(m_ctx); }
