@@ -94,16 +94,17 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   ParseServerList(WideToAnsi(fresh.serverList), freshList);
   const std::string freshKey = WideToUtf8(fresh.presharedKey);
 
-  if (std::strcmp(freshKey.c_str(), m_presharedKey.c_str()) != 0) return 1;
+  const ServerList& inForce = Servers();
+  if (std::strcmp(freshKey.c_str(), PresharedKey().c_str()) != 0) return 1;
   if (fresh.enabled == 0) return 1;
-  if (freshList.size() != m_servers.size()) return 1;
+  if (freshList.size() != inForce.size()) return 1;
   // An entry is matched by the port alone: a server whose host changed but
   // whose port did not counts as unchanged (the list applied right after
   // carries the new host anyway), while a changed port always restarts the
   // agent, also when the host stayed the same.
   for (const auto& candidate : freshList) {
-    const bool matched = std::any_of(m_servers.begin(), m_servers.end(),
-                                     [&](const auto& inForce) { return candidate->port == inForce->port; });
+    const bool matched = std::any_of(inForce.begin(), inForce.end(),
+                                     [&](const auto& entry) { return candidate->port == entry->port; });
     if (!matched) return 1;
   }
   return 0;
@@ -117,8 +118,23 @@ void CAgentSettings::Load(ISupportLibrary& support, CLog& log) {
   log.Debug("prefer azure:%d", static_cast<int>(record.preferAzure));
   m_addressCategory.store(record.addressCategory);
   m_preferAzure.store(record.preferAzure);
-  ParseServerList(servers, m_servers);
-  m_presharedKey = WideToUtf8(record.presharedKey);
+  auto config = std::make_shared<DeliveryConfig>();
+  ParseServerList(servers, config->servers);
+  config->presharedKey = WideToUtf8(record.presharedKey);
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_config = std::move(config);
+}
+
+DeliveryConfigPtr CAgentSettings::Delivery() const {
+  std::lock_guard<std::mutex> lock(m_configLock);
+  return m_config;
+}
+
+void CAgentSettings::ClearServers() {
+  auto config = std::make_shared<DeliveryConfig>();
+  config->presharedKey = PresharedKey();
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_config = std::move(config);
 }
 
 void CAgentSettings::Apply(ISupportLibrary& support, CLog& log) {

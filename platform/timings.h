@@ -11,6 +11,7 @@ struct Timings {
   uint32_t startupDelayMs = 10000;      // before the start-up sequence
   uint32_t pumpIntervalMs = 10;         // notification thread: stop-event wait between drains
   uint32_t threadExitPollMs = 20;       // Stop: between looks at a thread's exit code
+  uint32_t processEndGraceMs = 2000;    // settings change: longest wait for the workers to end
   uint32_t resendPeriodMs = 10000;      // re-send timer
   uint32_t pendingRetryPeriodMs = 10000;// pending-session retry
   uint32_t addressRoundWaitMs = 5000;   // address-change handling: between rounds

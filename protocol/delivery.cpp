@@ -72,15 +72,11 @@ const char* ExchangeStageName(ExchangeStage stage) {
 
 CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support,
                                            INetwork& network, const Timings& timings,
-                                           const ServerList& servers,
-                                           const std::string& presharedKey,
                                            std::atomic<uint32_t>& keepAliveInterval,
                                            IDeliveryHost& host,
                                            const CertificateMaterial& material)
     : m_log(log),
       m_support(support),
-      m_servers(servers),
-      m_presharedKey(presharedKey),
       m_keepAliveInterval(keepAliveInterval),
       m_host(host),
       m_resolver(network, log),
@@ -100,12 +96,16 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
     ++m_dwRetryCount;
   }
 
+  m_pass = m_host.DeliveryConfiguration();
   bool anySucceeded = false;
-  for (const auto& server : m_servers) {
-    if (!server) continue;
-    SetCurrentServer(*server);
-    if (SendAndReceive(session, &event, decoder)) anySucceeded = true;
+  if (m_pass) {
+    for (const auto& server : m_pass->servers) {
+      if (!server) continue;
+      SetCurrentServer(*server);
+      if (SendAndReceive(session, &event, decoder)) anySucceeded = true;
+    }
   }
+  m_pass.reset();
 
   m_host.SetDeliveryState(anySucceeded ? 2 : 1);
   if (anySucceeded) {
@@ -290,8 +290,10 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
 
   uint8_t response[16] = {};
   if (flags & 1) {
+    // Outside a pass (a single exchange) the key in force now is used.
+    const DeliveryConfigPtr config = m_pass ? m_pass : m_host.DeliveryConfiguration();
     uint8_t key[16];
-    preshared_key_block(m_presharedKey, key);
+    preshared_key_block(config ? config->presharedKey : std::string(), key);
     compute_response(challenge, key, response);
     // Both hold key material now (the challenge was XORed with the key).
     OPENSSL_cleanse(key, sizeof key);

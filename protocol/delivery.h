@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "platform/timings.h"
@@ -45,6 +46,8 @@ void SetFatalRangeHandler(FatalRangeHandler handler);
 class IDeliveryHost {
  public:
   virtual ~IDeliveryHost() = default;
+  // The servers and key in force now.
+  virtual DeliveryConfigPtr DeliveryConfiguration() = 0;
   // Sets the agent state (1 unreachable, 2 reachable) and writes it through.
   // Called once at the end of every pass.
   virtual void SetDeliveryState(uint32_t state) = 0;
@@ -112,13 +115,11 @@ enum class ExchangeMode {
 
 class CAuthenticatorClient {
  public:
-  // `servers` and `presharedKey` are read at every pass and may be replaced
-  // between passes; `keepAliveInterval` (seconds) is updated from event
-  // acknowledgements.
+  // The servers and key come from the host at the start of every pass;
+  // `keepAliveInterval` (seconds) is updated from event acknowledgements.
   CAuthenticatorClient(CLog& log, ISupportLibrary& support, INetwork& network,
-                       const Timings& timings, const ServerList& servers,
-                       const std::string& presharedKey,
-                       std::atomic<uint32_t>& keepAliveInterval, IDeliveryHost& host,
+                       const Timings& timings, std::atomic<uint32_t>& keepAliveInterval,
+                       IDeliveryHost& host,
                        const CertificateMaterial& material = BuiltInCertificateMaterial());
   virtual ~CAuthenticatorClient() = default;
   CAuthenticatorClient(const CAuthenticatorClient&) = delete;
@@ -165,8 +166,6 @@ class CAuthenticatorClient {
 
   CLog& m_log;
   ISupportLibrary& m_support;
-  const ServerList& m_servers;
-  const std::string& m_presharedKey;
   std::atomic<uint32_t>& m_keepAliveInterval;
   IDeliveryHost& m_host;
   CServerResolver m_resolver;
@@ -176,6 +175,8 @@ class CAuthenticatorClient {
 
   uint32_t m_bLogTickCount = 1;
   ServerEntry m_currentServer;
+  // The snapshot of the pass that is running; null between passes.
+  DeliveryConfigPtr m_pass;
   std::atomic<uint32_t> m_bSendFailed{0};
   std::atomic<uint32_t> m_dwRetryCount{0};
   // Filled while an exchange runs, for the observer.

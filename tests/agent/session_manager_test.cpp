@@ -8,6 +8,7 @@
 #include "agent/catalogue.h"
 #include "agent/state.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/identity/identity_fakes.h"
 
 namespace lindqvar {
 namespace {
@@ -21,18 +22,31 @@ class ManagerTest : public ::testing::Test {
     fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
     fake.support.SetSettings(1, servers, key);
   }
+  // The fakes' platform with the identity parts added.
+  Platform P() {
+    Platform p = fake.Get();
+    p.accounts = &accounts;
+    p.adapters = &adapters;
+    p.console = &console;
+    p.hyperv = &hyperv;
+    return p;
+  }
   uint32_t RegistryState() {
     uint32_t v = 0xDEAD;
     fake.registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", v);
     return v;
   }
   FakePlatform fake;
+  testing::FakeAccounts accounts;
+  testing::FakeAdapters adapters;
+  testing::FakeConsoleRunner console;
+  testing::FakeHyperV hyperv;
 };
 
 TEST_F(ManagerTest, ConstructionAndDestructionWriteNotConfigured) {
   Configure(u"a.b");
   {
-    CSessionManager m(fake.Get());
+    CSessionManager m(P());
     EXPECT_EQ(RegistryState(), kNotConfigured);
     EXPECT_EQ(m.KeepAliveInterval(), 180u);
     m.SetState(kConfiguredReachable);
@@ -44,7 +58,7 @@ TEST_F(ManagerTest, ConstructionAndDestructionWriteNotConfigured) {
 TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
   Configure(u"10.0.0.5:9001;10.0.0.6");
   fake.network.domain = u"corp.example.test";
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   EXPECT_EQ(m.Init(), 1u);
   EXPECT_EQ(m.State(), kConfiguredUnreachable);
   EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
@@ -56,7 +70,7 @@ TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
 
 TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   fake.support.SetSettings(1, u"a.b", u"k");  // the record exists, the key does not
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
   EXPECT_TRUE(fake.support.HasLine("Failed to open registry software\\Orvane\\Velmora\\FA_LINDQ"));
   EXPECT_EQ(m.State(), kNotConfigured);
@@ -74,7 +88,7 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
 TEST_F(ManagerTest, EmptyServerTextStillGivesOneEntryAndRaisesTheState) {
   fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
   fake.support.SetSettings(1, u"", u"k");
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Init();
   // An empty text still parses to one entry with an empty host.
   EXPECT_EQ(m.Settings().Servers().size(), 1u);
@@ -90,7 +104,7 @@ TEST_F(ManagerTest, FirstAddressCollectionSkipsLoopbackLinkLocalAndExtras) {
       FakeNetwork::V6({0xfebf, 0, 0, 0, 0, 0, 0, 1}),  // still link-local (fe80::/10)
       FakeNetwork::V6({0xfec0, 0, 0, 0, 0, 0, 0, 1}), FakeNetwork::V4(10, 0, 0, 2),
       FakeNetwork::V4(10, 0, 0, 3), FakeNetwork::V4(10, 0, 0, 4), FakeNetwork::V4(10, 0, 0, 5)};
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
   EXPECT_EQ(m.IPv4Count(), 4u);  // the fifth is never kept
   EXPECT_EQ(m.IPv6Count(), 1u);
@@ -102,7 +116,7 @@ TEST_F(ManagerTest, DomainFailuresAreErrorsAndLeaveItEmpty) {
   Configure(u"a.b");
   fake.network.domainFails = true;
   {
-    CSessionManager m(fake.Get());
+    CSessionManager m(P());
     m.Start();
     EXPECT_EQ(m.DomainName(), "");
     m.Stop();
@@ -111,7 +125,7 @@ TEST_F(ManagerTest, DomainFailuresAreErrorsAndLeaveItEmpty) {
   fake.network.domainFails = false;
   fake.network.domain.clear();
   {
-    CSessionManager m(fake.Get());
+    CSessionManager m(P());
     m.Start();
     m.Stop();
   }
@@ -120,13 +134,9 @@ TEST_F(ManagerTest, DomainFailuresAreErrorsAndLeaveItEmpty) {
 
 TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   Configure(u"a.b");
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
-  m.AddPendingSession(4);
-  m.AddPendingSession(4);
-  m.AddPendingSession(5);
-  m.RemovePendingSession(4);  // only the first record of a session goes
-  EXPECT_EQ(m.PendingSessionCount(), 2u);
+  m.Sessions().AddPendingSession(4);
   EXPECT_EQ(fake.support.OpenLogs(), 1);
   m.Stop();
   for (size_t i = 0; i < CSessionManager::kThreadCount; ++i) {
@@ -135,7 +145,7 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   EXPECT_EQ(fake.support.CatalogueEvents(),
             (std::vector<uint32_t>{kEventStarting, kEventStopping}));
   EXPECT_EQ(fake.support.OpenLogs(), 0);
-  EXPECT_EQ(m.PendingSessionCount(), 0u);
+  EXPECT_EQ(m.Sessions().PendingSessionCount(), 0u);
   EXPECT_TRUE(m.Settings().Servers().empty());
   EXPECT_EQ(fake.network.cleanups, 1);
   EXPECT_EQ(fake.window.destroyed, 1);
@@ -144,7 +154,7 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
 TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   Configure(u"a.b");
   fake.window.registrationFailuresLeft = 3;
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
   fake.window.Post(kWmDestroy, 0, 0);
   fake.window.Post(0x0400, 1, 2);
@@ -163,7 +173,7 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
   Configure(u"a.b");
   fake.window.createSucceeds = false;
   fake.network.armError = 50;  // address-change requests not supported
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
   while (m.ThreadExitCode(CSessionManager::kNotificationThread) == WorkerThread::kStillActive ||
          m.ThreadExitCode(CSessionManager::kAddressWatchThread) == WorkerThread::kStillActive) {
@@ -179,7 +189,7 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
 
 TEST_F(ManagerTest, KeepAliveTimerWakesAtItsIntervalAndOnlyLogsWithoutALogon) {
   Configure(u"a.b");
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Start();
   const std::string line = "CSessionManager::SendKeepAliveEvent:934, m_bLogon:0, m_dwCurrentSession:0";
   // 180 "seconds" of 1 ms each in these timings.
@@ -190,7 +200,7 @@ TEST_F(ManagerTest, KeepAliveTimerWakesAtItsIntervalAndOnlyLogsWithoutALogon) {
 
 TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
   Configure(u"a.b;c.d");
-  CSessionManager m(fake.Get());
+  CSessionManager m(P());
   m.Init();
   ASSERT_EQ(RegistryState(), kConfiguredUnreachable);
   fake.support.SetSettings(1, u"x.y;z.w", u"psk");  // other hosts, same ports
@@ -210,7 +220,7 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
 class AgentMainTest : public ManagerTest {
  protected:
   int Run(std::vector<const char*> argv) {
-    return AgentMain(static_cast<int>(argv.size()), argv.data(), fake.Get(),
+    return AgentMain(static_cast<int>(argv.size()), argv.data(), P(),
                      [this](const std::string& name) {
                        createdNames.push_back(name);
                        auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,

@@ -1,5 +1,6 @@
 #include "tests/fakes/fake_platform.h"
 
+#include "platform/os.h"
 #include <algorithm>
 
 namespace lindqvar::testing {
@@ -93,6 +94,19 @@ void FakeSupport::log_error(LogHandle, std::string_view line) {
 void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_events.push_back(eventId);
+}
+
+void FakeSupport::LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) {
+  std::string text = std::to_string(eventId) + " " + std::to_string(level);
+  for (const LogField& f : fields) text += " " + WideToUtf8(f.key) + "=" + WideToUtf8(f.value);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_events.push_back(eventId);
+  m_fieldEvents.push_back(std::move(text));
+}
+
+std::vector<std::string> FakeSupport::FieldEvents() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_fieldEvents;
 }
 
 uint32_t FakeSupport::get_desired_status(uint32_t component, std::u16string_view key) {
@@ -319,6 +333,7 @@ Timings FakePlatform::ShortTimings() {
   t.startupDelayMs = 0;
   t.pumpIntervalMs = 1;
   t.threadExitPollMs = 1;
+  t.processEndGraceMs = 200;
   t.resendPeriodMs = 20;
   t.pendingRetryPeriodMs = 20;
   t.addressRoundWaitMs = 20;

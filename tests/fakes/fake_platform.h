@@ -33,6 +33,8 @@ class FakeSupport : public ISupportLibrary {
   bool HasLine(const std::string& text) const;
   size_t CountLines(const std::string& text) const;
   std::vector<uint32_t> CatalogueEvents() const;
+  // Events written with a level and pairs: "<id> <level> key=value key=value".
+  std::vector<std::string> FieldEvents() const;
   std::vector<uint32_t> LevelsSet() const;
   int OpenLogs() const { return m_openLogs; }
   std::u16string LastStatusKey() const;
@@ -43,6 +45,7 @@ class FakeSupport : public ISupportLibrary {
   void log_debug(LogHandle handle, std::string_view line) override;
   void log_error(LogHandle handle, std::string_view line) override;
   void LogW(uint32_t eventId, const char16_t* data) override;
+  void LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) override;
   uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
   void cfg_get_lindqvar_settings(uint8_t* record) override;
   void cfg_get_logging_info(uint8_t* record) override;
@@ -63,6 +66,7 @@ class FakeSupport : public ISupportLibrary {
   uint8_t m_logging[logging_record::kSize] = {};
   std::vector<Line> m_lines;
   std::vector<uint32_t> m_events;
+  std::vector<std::string> m_fieldEvents;
   std::vector<uint32_t> m_levels;
   std::atomic<uint32_t> m_desired{0};
   std::u16string m_lastKey;

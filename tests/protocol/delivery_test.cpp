@@ -318,8 +318,8 @@ TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
   FipsSupport fips;
   CDeliveryHarness host(kKey);
   host.AddServer("127.0.0.1", lab.Port());
-  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.servers,
-                              host.presharedKey, host.keepAlive, host, material.Get());
+  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.keepAlive, host,
+                              material.Get());
   CEncoder event(kEventEncoderCapacity);
   CDeliveryHarness::BuildEvent(event);
   CDecoder decoder;

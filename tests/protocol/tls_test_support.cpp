@@ -160,8 +160,8 @@ CDeliveryHarness::CDeliveryHarness(const std::string& key, const CertificateMate
 }
 
 void CDeliveryHarness::Rebuild() {
-  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, servers,
-                                                  presharedKey, keepAlive, *this, m_material);
+  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, keepAlive,
+                                                  *this, m_material);
 }
 
 void CDeliveryHarness::BuildEvent(CEncoder& e) {

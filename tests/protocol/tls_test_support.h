@@ -100,7 +100,10 @@ class CDeliveryHarness : public IDeliveryHost {
   std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
   bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
 
-  // IDeliveryHost
+  // IDeliveryHost: the servers and key as the test last set them.
+  DeliveryConfigPtr DeliveryConfiguration() override {
+    return MakeDeliveryConfig(servers, presharedKey);
+  }
   void SetDeliveryState(uint32_t state) override;
   IpAddress LocalAddress() override { return localAddress; }
 

@@ -129,6 +129,7 @@ class CDiagSupport : public ISupportLibrary {
   }
   void log_error(LogHandle, std::string_view line) override { Print("log error", line); }
   void LogW(uint32_t, const char16_t*) override {}
+  void LogW(uint32_t, uint32_t, std::span<const LogField>) override {}
   uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
   void cfg_get_lindqvar_settings(uint8_t* record) override {
     if (m_system) m_system->cfg_get_lindqvar_settings(record);
@@ -190,11 +191,14 @@ class CDiagNetwork : public INetwork {
 
 class CDiagHost : public IDeliveryHost {
  public:
+  explicit CDiagHost(DeliveryConfigPtr config) : m_config(std::move(config)) {}
+  DeliveryConfigPtr DeliveryConfiguration() override { return m_config; }
   void SetDeliveryState(uint32_t state) override { m_state = state; }
   IpAddress LocalAddress() override { return IpAddress(); }
   uint32_t State() const { return m_state; }
 
  private:
+  DeliveryConfigPtr m_config;
   uint32_t m_state = 0;
 };
 
@@ -484,9 +488,9 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out)
   Timings timings;
   timings.socketTimeoutMs = options.timeoutMs;
   std::atomic<uint32_t> keepAlive{180};
-  CDiagHost host;
+  CDiagHost host(MakeDeliveryConfig(servers, key));
   CDiagNetwork network;
-  CAuthenticatorClient client(log, support, network, timings, servers, key, keepAlive, host);
+  CAuthenticatorClient client(log, support, network, timings, keepAlive, host);
   const bool eventMode = options.command == "send";
   CDiagObserver observer(out, servers.size(), eventMode);
   client.SetObserver(&observer);

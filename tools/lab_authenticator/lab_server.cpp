@@ -61,6 +61,9 @@ std::string IPv6Text(const uint8_t* bytes) {
   return a.AddressText();
 }
 
+
+}  // namespace
+
 // Reads the session records of an event message (already received).
 std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
   std::vector<SessionRecord> records;
@@ -100,7 +103,6 @@ std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
   return records;
 }
 
-}  // namespace
 
 const char* FaultName(Fault fault) {
   switch (fault) {

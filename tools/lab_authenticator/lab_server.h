@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/socket.h"
+#include "protocol/codec.h"
 #include "tools/lab_authenticator/logon_table.h"
 
 namespace lindqvar::lab {
@@ -56,6 +57,10 @@ struct LabOptions {
   uint32_t ioTimeoutMs = 10000;    // limit of every read and write
   uint32_t maxMessage = 1u << 20;  // largest message accepted from an agent
 };
+
+// Reads the session records of a received message; `code` gets the
+// message's code (records only when it is MSG_EVENT).
+std::vector<SessionRecord> DecodeEvent(CDecoder& decoder, uint8_t& code);
 
 enum class DigestCheck { kNotChecked, kCorrect, kWrong, kZero, kNotRequired };
 const char* DigestCheckName(DigestCheck check);
