@@ -9,6 +9,7 @@
 #include "agent/state.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/identity/identity_fakes.h"
+#include "tests/protocol/tls_test_support.h"
 
 namespace lindqvar {
 namespace {
@@ -213,6 +214,181 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
   // empty and the state is left for the next sending pass to set.
   EXPECT_EQ(m.Settings().Servers().size(), 1u);
   EXPECT_EQ(fake.registry.DwordWrites(), writes);
+}
+
+// --- reporting to a lab authenticator ------------------------------------------
+
+class ReportingTest : public ManagerTest {
+ protected:
+  explicit ReportingTest(lab::LabOptions options = testing::CLabFixture::Options("psk"))
+      : lab(options) {
+    Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
+    fake.network.hostName = "ws1";
+    fake.network.names["ws1"] = {FakeNetwork::V4(10, 0, 0, 5)};
+    fake.network.domain = u"corp.example";
+    fake.timings.consoleIdlePolls = 1;
+  }
+  void User(uint32_t session, const std::u16string& name) {
+    testing::FakeAccounts::User u;
+    u.sid = testing::DomainSid(1000 + session);
+    u.name = name;
+    u.domain = u"CORP";
+    accounts.SetUser(session, u);
+  }
+  bool HasLineStarting(const std::string& prefix) {
+    for (const auto& l : fake.support.Lines())
+      if (l.text.rfind(prefix, 0) == 0) return true;
+    return false;
+  }
+  void WaitForLine(const std::string& prefix) {
+    while (!HasLineStarting(prefix)) SleepMs(1);
+  }
+  std::vector<std::string> Users(const lab::ConnectionReport& r) {
+    std::vector<std::string> out;
+    for (const auto& rec : r.records) out.push_back(rec.user + ":" + std::to_string(rec.logon));
+    return out;
+  }
+  testing::CLabFixture lab;
+};
+
+TEST_F(ReportingTest, StartReportsTheLastActiveSessionOfTheEnumeration) {
+  User(1, u"anna");
+  User(3, u"mlind");
+  fake.sessions.sessions = {{1, SessionState::kActive}, {2, SessionState::kActive},
+                            {3, SessionState::kActive}, {4, SessionState::kDisconnected}};
+  CSessionManager m(P());
+  m.Start();
+  const auto reports = lab.WaitReports(1);
+  m.Stop();
+  ASSERT_EQ(reports.size(), 1u);
+  ASSERT_EQ(reports[0].records.size(), 1u);
+  const lab::SessionRecord& r = reports[0].records[0];
+  EXPECT_EQ(r.user, "MLIND");
+  EXPECT_EQ(r.domain, "CORP");
+  EXPECT_EQ(r.workstation, "WS1.CORP.EXAMPLE");
+  EXPECT_EQ(r.logon, 1u);
+  EXPECT_EQ(r.ipv4, (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(RegistryState(), kConfiguredReachable);
+  for (const char* line :
+       {"Succeeded to call WTSEnumerateSessions, dwSICount:4", "Succeede to add session 1",
+        "failed to add session 2", "Found current user, session ID: 3", "current active session 3",
+        "Found current logon session 3 in session list"}) {
+    EXPECT_TRUE(fake.support.HasLine(line)) << line;
+  }
+  const auto events = fake.support.FieldEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].rfind("96980 6 action=1 domain=CORP,Workstation Name:ws1,IP:10.0.0.5,"
+                            "BRK:127.0.0.1,succeeded to send session info, TICC:",
+                            0),
+            0u)
+      << events[0];
+}
+
+TEST_F(ReportingTest, StartWithoutAReportableSessionSendsNothing) {
+  struct Row {
+    bool enumerates;
+    uint32_t console;
+    const char* line;
+  } rows[] = {{false, kNoSession, "call WTSGetActiveConsoleSessionId, session ID: -1"},
+              {true, 6, "Did not find current logon session 6 in session list"}};
+  for (const Row& row : rows) {
+    fake.sessions.enumerateSucceeds = row.enumerates;
+    fake.sessions.consoleSession = row.console;
+    CSessionManager m(P());
+    m.Start();
+    EXPECT_TRUE(fake.support.HasLine(row.line)) << row.line;
+    EXPECT_EQ(m.State(), kConfiguredUnreachable);
+    m.Stop();
+  }
+  EXPECT_TRUE(fake.support.HasLine("failed to call WTSEnumerateSessions"));
+  EXPECT_EQ(lab.Server().Finished(), 0u);
+}
+
+TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
+  User(5, u"anna");
+  User(7, u"mlind");
+  CSessionManager m(P());
+  m.Start();
+  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  lab.WaitReports(1);
+  fake.window.Post(kWmWtsSessionChange, kWtsSessionLock, 5);
+  fake.window.Post(kWmWtsSessionChange, kWtsSessionUnlock, 5);
+  // A session parked for the retry thread, sent from there while the
+  // notification thread and this thread send too.
+  m.Sessions().AddPendingSession(7);
+  m.SendSessionEvent(5, 1, 0);
+  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogoff, 5);
+  const auto reports = lab.WaitReports(5);
+  m.Stop();
+  std::vector<std::string> anna;
+  for (const auto& r : reports) {
+    for (const std::string& u : Users(r))
+      if (u.rfind("ANNA", 0) == 0) anna.push_back(u);
+  }
+  EXPECT_EQ(anna, (std::vector<std::string>{"ANNA:1", "ANNA:1", "ANNA:1", "ANNA:0"}));
+  EXPECT_EQ(m.Sessions().PendingSessionCount(), 0u);
+  const lab::CLogonTable table = lab.Server().Table();
+  ASSERT_EQ(table.Entries().size(), 1u);
+  EXPECT_EQ(table.Entries()[0].user, "MLIND");
+  EXPECT_EQ(RegistryState(), kConfiguredReachable);
+  EXPECT_EQ(m.Events().Logon(), 0u);
+}
+
+class SilentServerTest : public ReportingTest {
+ protected:
+  static lab::LabOptions Stalling() {
+    lab::LabOptions o = testing::CLabFixture::Options("psk");
+    o.fault = lab::Fault::kStall;
+    o.stallMs = 1500;
+    return o;
+  }
+  SilentServerTest() : ReportingTest(Stalling()) {
+    User(5, u"anna");
+    fake.timings.socketTimeoutMs = 1000;
+  }
+};
+
+TEST_F(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
+  CSessionManager m(P());
+  m.Start();
+  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  WaitForLine("SendAndReceive(), Local IP:");
+  m.Stop();
+  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 1u);
+  EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
+  EXPECT_EQ(m.State(), kConfiguredUnreachable);
+}
+
+TEST_F(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) {
+  std::unique_ptr<CSessionManager> left;
+  Event* control = nullptr;
+  Event ready{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  std::thread parent([&] {
+    ready.Wait(kInfinite);
+    fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    WaitForLine("SendAndReceive(), Local IP:");
+    fake.support.SetSettings(1, u"127.0.0.1:1", u"psk");  // another port: a change
+    control->Set();
+  });
+  const char* argv[] = {"agent", "-s", "ctl"};
+  AgentMain(
+      3, argv, P(),
+      [&](const std::string&) {
+        auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,
+                                         Event::InitialState::kNotSignaled);
+        control = e.get();
+        ready.Set();
+        return e;
+      },
+      [&](std::unique_ptr<CSessionManager> manager) { left = std::move(manager); });
+  parent.join();
+  // The notification thread was still inside the send: the manager was
+  // handed over instead of waiting for it.
+  ASSERT_TRUE(left);
+  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kNotificationThread), WorkerThread::kStillActive);
+  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+  left.reset();  // joins the sender once its read has timed out
+  EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
 }
 
 // --- the process entry ------------------------------------------------------
