@@ -12,6 +12,9 @@ namespace lindqvar {
 
 namespace {
 constexpr char16_t kLogName[] = u"FA_LINDQ";
+// Re-send passes after a failure before the timer gives up until an
+// ordinary pass resets the count.
+constexpr uint32_t kMaxResendTries = 20;
 
 bool IsLoopbackOrLinkLocalV4(const uint8_t* a) {
   return a[0] == 127 || (a[0] == 169 && a[1] == 254);
@@ -306,10 +309,15 @@ uint32_t CSessionManager::AddressWatchThread() {
 
 uint32_t CSessionManager::AddressHandlerThread() {
   for (;;) {
-    const int which = Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite);
-    if (which == 0) return 1;
-    // An address change is reported once address discovery and event
-    // delivery are part of the agent.
+    if (Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite) == 0) return 1;
+    // Checks at about 0, 5 and 10 seconds after the change; signals that
+    // arrive meanwhile fold into one further check.
+    for (int round = 0; round < 3; ++round) {
+      m_events.CheckAddressChange();
+      if (round < 2 &&
+          m_stopEvent.Wait(m_platform.timings.addressRoundWaitMs) == WaitResult::kSignaled)
+        return 1;
+    }
   }
 }
 
@@ -318,7 +326,7 @@ uint32_t CSessionManager::KeepAliveThread() {
     const uint32_t waitMs = m_dwKeepAliveInterval.load() * m_platform.timings.keepAliveUnitMs;
     const WaitResult r = m_stopEvent.Wait(waitMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout) SendKeepAliveEvent();
+    if (r == WaitResult::kTimeout) m_events.SendKeepAliveEvent();
   }
 }
 
@@ -326,9 +334,9 @@ uint32_t CSessionManager::ResendThread() {
   for (;;) {
     const WaitResult r = m_stopEvent.Wait(m_platform.timings.resendPeriodMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout && m_events.ResendPending().load() == 1 &&
-        m_events.ResendTries().load() < 20) {
-      ResendLogonEvent();
+    if (r == WaitResult::kTimeout && m_delivery.LastDeliveryFailed() == 1 &&
+        m_delivery.RetryCount() < kMaxResendTries) {
+      m_events.ResendLogonEvent();
     }
   }
 }
@@ -341,19 +349,6 @@ uint32_t CSessionManager::PendingSessionThread() {
       m_sessions.RetryPendingSessions(
           [this](uint32_t session) { m_events.SendSessionEvent(session, 1, 0); });
   }
-}
-
-void CSessionManager::SendKeepAliveEvent() {
-  std::lock_guard<std::recursive_mutex> lock(m_sessions.Lock());
-  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::SendKeepAliveEvent",
-              934, static_cast<int>(m_events.Logon()), static_cast<int>(m_events.CurrentSession()));
-  // The keep-alive event itself is not sent yet.
-}
-
-void CSessionManager::ResendLogonEvent() {
-  std::lock_guard<std::recursive_mutex> lock(m_sessions.Lock());
-  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::ResendLogonEvent",
-              1002, static_cast<int>(m_events.Logon()), static_cast<int>(m_events.CurrentSession()));
 }
 
 }  // namespace lindqvar

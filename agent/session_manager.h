@@ -76,6 +76,7 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   }
 
   uint32_t KeepAliveInterval() const { return m_dwKeepAliveInterval.load(); }
+  const CAuthenticatorClient& Delivery() const { return m_delivery; }
   const CAgentSettings& Settings() const { return m_settings; }
   const std::string& HostName() const { return m_hostName; }
   const std::string& DomainName() const { return m_domainName; }
@@ -92,8 +93,6 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   uint32_t KeepAliveThread();
   uint32_t ResendThread();
   uint32_t PendingSessionThread();
-  void SendKeepAliveEvent();
-  void ResendLogonEvent();
   void CollectHostAddresses();
   void ReadComputerDomain();
   void EnumerateSessions();
@@ -108,6 +107,7 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   WorkstationFacts Workstation() override;
   uint32_t LocalIPv4() override;
   uint32_t ServerIPv4() override;
+  void RequestResend() override { m_delivery.RequestResend(); }
 
   Platform m_platform;
   ISupportLibrary& m_support;

@@ -89,6 +89,7 @@ void CAuthenticatorClient::SetTickLogging(bool on) {
 
 bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder& event,
                                                CDecoder& decoder, bool isRetry) {
+  std::lock_guard<std::mutex> pass(m_passLock);
   if (!isRetry) {
     m_bSendFailed = 0;
     m_dwRetryCount = 0;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/timings.h"
@@ -134,7 +135,7 @@ class CAuthenticatorClient {
   // Offers the event to every server in list order (no early stop), sets
   // the agent state once, and keeps the failed flag and retry counter for
   // the re-send logic. True when at least one server accepted it. Passes
-  // must not overlap: the owner serialises them.
+  // never overlap: a pass waits for the one in progress.
   bool send_to_all_servers(uint32_t session, const CEncoder& event, CDecoder& decoder,
                            bool isRetry);
 
@@ -154,8 +155,17 @@ class CAuthenticatorClient {
   void SetCurrentServer(const ServerEntry& server) { m_currentServer = server; }
   const ServerEntry& CurrentServer() const { return m_currentServer; }
 
+  // The re-send state: the failed flag is up after a failed pass (or when an
+  // event found no address to report) until a pass succeeds; the counter
+  // counts re-send passes since the last ordinary one.
   uint32_t LastDeliveryFailed() const { return m_bSendFailed.load(); }
   uint32_t RetryCount() const { return m_dwRetryCount.load(); }
+  // An event could not be sent for lack of a local address: raise the flag
+  // and start counting re-sends afresh.
+  void RequestResend() {
+    m_bSendFailed = 1;
+    m_dwRetryCount = 0;
+  }
   CServerResolver& Resolver() { return m_resolver; }
   CTlsClient& Tls() { return m_tls; }
 
@@ -175,6 +185,9 @@ class CAuthenticatorClient {
 
   uint32_t m_bLogTickCount = 1;
   ServerEntry m_currentServer;
+  // Held for a whole pass: the current server and the pass's snapshot
+  // belong to one pass at a time.
+  std::mutex m_passLock;
   // The snapshot of the pass that is running; null between passes.
   DeliveryConfigPtr m_pass;
   std::atomic<uint32_t> m_bSendFailed{0};

@@ -150,10 +150,23 @@ AddressSet CSessionEvents::LastSent() {
   return m_last;
 }
 
-uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
-  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+AddressSet CSessionEvents::GatherAddresses() {
   AddressSet now;
   m.addresses.GetIPAddress(&now.ipv4, now.count4, &now.ipv6, now.count6);
+  return now;
+}
+
+WorkstationFacts CSessionEvents::Machine() {
+  WorkstationFacts machine = m.host.Workstation();
+  machine.deviceUuid = m.identifiers.ClientUuid();
+  machine.vrxSerial = m.identifiers.VrxSerial();
+  machine.tenantId = m.identifiers.VrxTenantId();
+  return machine;
+}
+
+uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
+  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+  const AddressSet now = GatherAddresses();
   m.identifiers.LoadVrxSerial();
   m.identifiers.LoadVrxTenantId();
 
@@ -168,21 +181,15 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
   }
 
   if (!m.table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
-    if (m.table.Allocated()) {
-      // No address to report: the re-send timer tries again.
-      m_bResendPending = 1;
-      m_dwResendTries = 0;
-    }
+    // No address to report: the re-send timer tries again.
+    if (m.table.Allocated()) m.host.RequestResend();
     return 0;
   }
   const CTerminalSession* entry = m.table.FindSession(session);
   if (!entry) return 0;
 
   const bool changed = AddressesChanged(now);
-  WorkstationFacts machine = m.host.Workstation();
-  machine.deviceUuid = m.identifiers.ClientUuid();
-  machine.vrxSerial = m.identifiers.VrxSerial();
-  machine.tenantId = m.identifiers.VrxTenantId();
+  const WorkstationFacts machine = Machine();
 
   CEncoder event(kEventEncoderCapacity);
   event.begin_message(MSG_EVENT);

@@ -50,6 +50,8 @@ class ISessionEventHost {
   // server address last resolved (network byte order, 0 when none).
   virtual uint32_t LocalIPv4() = 0;
   virtual uint32_t ServerIPv4() = 0;
+  // No local address to report: the re-send timer is to try again.
+  virtual void RequestResend() = 0;
 };
 
 struct SessionEventParts {
@@ -75,15 +77,20 @@ class CSessionEvents {
   // it; wakeup 1 marks a resume). 1 when a server acknowledged it.
   uint32_t SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup);
 
+  // The keep-alive report, and the re-send of the logon report, for the
+  // session reported as logged on: nothing while none is, or while the
+  // machine has no address.
+  void SendKeepAliveEvent();
+  void ResendLogonEvent();
+  // One round of the address-change check: when the addresses changed and
+  // an IPv4 address is left, reports the new set for the current session.
+  void CheckAddressChange();
+
   // Log lines with a "TICC" variant use it while this is on (the default).
   void SetTickLogging(bool on) { m_bLogTickCount = on ? 1 : 0; }
 
   uint32_t Logon() const { return m_bLogon.load(); }
   uint32_t CurrentSession() const { return m_dwCurrentSession.load(); }
-  // Raised when an event found no local address; consumed by the re-send
-  // timer.
-  std::atomic<uint32_t>& ResendPending() { return m_bResendPending; }
-  std::atomic<uint32_t>& ResendTries() { return m_dwResendTries; }
   // The addresses of the last successful send that carried a change.
   AddressSet LastSent();
 
@@ -96,6 +103,12 @@ class CSessionEvents {
   // Logoff of the session reported as logged on, when there is one.
   void WithdrawCurrent();
   bool AddressesChanged(const AddressSet& now) const;
+  // The keep-alive and re-send report.
+  void SendCurrentSession(const char* routine, int line, bool resend);
+  // Gathers the reportable addresses.
+  AddressSet GatherAddresses();
+  // The identifiers and the machine's facts for a record.
+  WorkstationFacts Machine();
   void WriteSessionLog(uint32_t action, const CTerminalSession& entry, bool delivered);
 
   SessionEventParts m;
@@ -105,8 +118,6 @@ class CSessionEvents {
   std::atomic<uint32_t> m_bLogon{0};
   std::atomic<uint32_t> m_dwCurrentSession{0};
   AddressSet m_last;  // guarded by the table lock
-  std::atomic<uint32_t> m_bResendPending{0};
-  std::atomic<uint32_t> m_dwResendTries{0};
 };
 
 }  // namespace lindqvar

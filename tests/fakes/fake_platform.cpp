@@ -1,7 +1,8 @@
 #include "tests/fakes/fake_platform.h"
 
-#include "platform/os.h"
 #include <algorithm>
+
+#include "platform/os.h"
 
 namespace lindqvar::testing {
 
@@ -246,6 +247,7 @@ class FakeWatch : public IAddressChangeWatch {
 }  // namespace
 
 int FakeNetwork::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
+  std::lock_guard<std::mutex> lock(m_namesLock);
   auto it = names.find(name);
   if (it == names.end()) return resolveError;
   out = it->second;
@@ -262,7 +264,14 @@ bool FakeNetwork::PhysicalDnsDomain(std::u16string& d, uint32_t& error) {
 }
 
 std::unique_ptr<IAddressChangeWatch> FakeNetwork::CreateAddressChangeWatch() {
-  return std::make_unique<FakeWatch>(armError);
+  auto watch = std::make_unique<FakeWatch>(armError);
+  m_watchChanged = &watch->Changed();
+  return watch;
+}
+
+void FakeNetwork::SetNames(const std::string& name, std::vector<ResolvedAddress> addresses) {
+  std::lock_guard<std::mutex> lock(m_namesLock);
+  names[name] = std::move(addresses);
 }
 
 ResolvedAddress FakeNetwork::V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {

@@ -117,6 +117,11 @@ class FakeNetwork : public INetwork {
   static ResolvedAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
   static ResolvedAddress V6(std::initializer_list<uint16_t> groups);
 
+  // Replaces a name's addresses while the agent's threads may resolve it.
+  void SetNames(const std::string& name, std::vector<ResolvedAddress> addresses);
+  // The change event of the last watch made, for tests that signal a change.
+  Event* WatchChanged() const { return m_watchChanged.load(); }
+
   std::string hostName = "workstation";
   std::map<std::string, std::vector<ResolvedAddress>> names;
   int resolveError = 11001;  // for names not in the map
@@ -125,6 +130,10 @@ class FakeNetwork : public INetwork {
   std::u16string domain;
   uint32_t armError = 0;  // what the address-change watch's Arm returns
   std::atomic<int> startups{0}, cleanups{0};
+
+ private:
+  mutable std::mutex m_namesLock;
+  std::atomic<Event*> m_watchChanged{nullptr};
 };
 
 class FakeSessions : public ISessions {

@@ -188,13 +188,11 @@ TEST_F(SessionFixture, WithoutAddressesNothingIsSentAndTheResendFlagRises) {
   // Before the table exists the flag stays down.
   SetAddresses({});
   EXPECT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
-  EXPECT_EQ(events.ResendPending().load(), 0u);
+  EXPECT_EQ(host.resendRequests, 0);
   ASSERT_EQ(table.AddSession(1), 1u);
-  events.ResendTries() = 7;
   EXPECT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
   EXPECT_TRUE(host.deliveries.empty());
-  EXPECT_EQ(events.ResendPending().load(), 1u);
-  EXPECT_EQ(events.ResendTries().load(), 0u);
+  EXPECT_EQ(host.resendRequests, 1);
   EXPECT_EQ(events.CurrentSession(), 1u);
   EXPECT_EQ(events.Logon(), 1u);
 }
@@ -232,6 +230,102 @@ TEST_F(SessionFixture, EveryDeliveryWritesItsLogRecord) {
                     tid + " user=user1",
                 "96980 6 action=2 domain=CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:127.0.0.1,TID:" +
                     tid + " user=user1"}));
+}
+
+// --- keep-alive, re-send and address change ------------------------------------
+
+TEST_F(SessionFixture, KeepAliveAndResendReportTheLoggedOnSessionOnly) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  events.SendKeepAliveEvent();  // nobody reported as logged on
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  events.SendKeepAliveEvent();
+  events.ResendLogonEvent();
+  SetAddresses({});
+  events.SendKeepAliveEvent();  // no address
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:1"}));
+  EXPECT_FALSE(host.deliveries[1].isRetry);
+  EXPECT_TRUE(host.deliveries[2].isRetry);
+  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:0, "
+                               "m_dwCurrentSession:0"),
+            1u);
+  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:1, "
+                               "m_dwCurrentSession:1"),
+            2u);
+  EXPECT_TRUE(support.HasLine("CSessionManager::ResendLogonEvent:1002, m_bLogon:1, "
+                              "m_dwCurrentSession:1"));
+  // Records: the logon (1) and the keep-alive (5); the re-send writes none.
+  const auto records = support.FieldEvents();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].rfind("96980 6 action=5 ", 0), 0u);
+}
+
+struct AddressRow {
+  const char* name;
+  std::vector<ResolvedAddress> before;  // the last sent set
+  std::vector<ResolvedAddress> now;
+  std::vector<std::string> sent;  // summaries; empty: nothing sent
+  std::vector<std::string> newIPv4;
+  int resendRequests;
+};
+
+class AddressChangeTest : public SessionFixture,
+                          public ::testing::WithParamInterface<AddressRow> {};
+
+const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
+const ResolvedAddress kA6 = FakeNetwork::V4(10, 0, 0, 6);
+const AddressRow kAddressRows[] = {
+    {"unchanged", {kA5}, {kA5}, {}, {}, 0},
+    {"added", {kA5}, {kA5, kA6}, {"USER1:0+USER1:1"}, {"10.0.0.5", "10.0.0.6"}, 0},
+    {"replaced", {kA5}, {FakeNetwork::V4(10, 0, 0, 7)}, {"USER1:0+USER1:1"}, {"10.0.0.7"}, 0},
+    {"removed", {kA5, kA6}, {kA6}, {"USER1:0+USER1:1"}, {"10.0.0.6"}, 0},
+    {"reordered", {kA5, kA6}, {kA6, kA5}, {}, {}, 0},
+    {"ipv6 only", {kA5}, {FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})}, {}, {}, 1},
+    {"none left", {kA5}, {}, {}, {}, 1},
+};
+
+TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
+  const AddressRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  SetAddresses(row.before);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  host.deliveries.clear();
+  SetAddresses(row.now);
+  events.CheckAddressChange();
+  EXPECT_EQ(host.Summary(), row.sent);
+  EXPECT_EQ(host.resendRequests, row.resendRequests);
+  if (!row.sent.empty()) {
+    EXPECT_EQ(host.deliveries[0].records[1].ipv4, row.newIPv4);
+    EXPECT_TRUE(support.HasLine("old ip address:10.0.0.5"));
+    EXPECT_TRUE(support.HasLine("new ip address:" + row.newIPv4.back()));
+    EXPECT_EQ(support.FieldEvents().back().rfind("96980 6 action=3 ", 0), 0u);
+    // The new set is now the last sent one: a second round sends nothing.
+    events.CheckAddressChange();
+    EXPECT_EQ(host.deliveries.size(), 1u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, AddressChangeTest, ::testing::ValuesIn(kAddressRows),
+                         [](const auto& info) {
+                           std::string n = info.param.name;
+                           for (char& c : n)
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           return n;
+                         });
+
+TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 8)});
+  host.accept = false;
+  events.CheckAddressChange();
+  host.accept = true;
+  events.CheckAddressChange();
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:0+USER1:1",
+                                                      "USER1:0+USER1:1"}));
+  EXPECT_EQ(support.FieldEvents().size(), 2u);  // the logon and the successful change
 }
 
 // --- the event message --------------------------------------------------------

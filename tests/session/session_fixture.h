@@ -33,6 +33,7 @@ class FakeEventHost : public ISessionEventHost {
   WorkstationFacts Workstation() override { return machine; }
   uint32_t LocalIPv4() override { return 0x0500000A; }   // 10.0.0.5
   uint32_t ServerIPv4() override { return 0x0100007F; }  // 127.0.0.1
+  void RequestResend() override { ++resendRequests; }
 
   struct Delivery {
     uint32_t session;
@@ -51,6 +52,7 @@ class FakeEventHost : public ISessionEventHost {
   }
 
   bool accept = true;
+  int resendRequests = 0;
   WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
   std::vector<Delivery> deliveries;
 };
