@@ -119,10 +119,8 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
   // No upper bound on the announced length: the server is trusted to send
-  // messages of a sensible size.
-  return ReceiveMessage(decoder, [&connection](void* buffer, int count) {
-    return connection.Read(buffer, count);
-  });
+  // messages of a sensible size. The connection bounds the time it may take.
+  return connection.ReceiveMessage(decoder);
 }
 
 void CAuthenticatorClient::Report(ExchangeReport& report, ExchangeStage stage) {

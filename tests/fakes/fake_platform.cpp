@@ -327,6 +327,7 @@ Timings FakePlatform::ShortTimings() {
   t.connectPolls = 20;
   t.connectPollUs = 10000;
   t.socketTimeoutMs = 500;
+  t.exchangeLimitMs = 2000;
   t.consoleIdlePolls = 5;
   t.consoleIdlePollMs = 10;
   return t;

@@ -2,6 +2,9 @@
 // the agent's real TLS and the compiled-in client identity.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <future>
 #include <regex>
 
 #include "protocol/delivery.h"
@@ -174,19 +177,53 @@ TEST_F(DeliveryTest, AServerClosingAfterTheHelloAckFailsAtTheEventAck) {
   EXPECT_EQ(std::vector<uint32_t>{1}, agent.states);
 }
 
-TEST_F(DeliveryTest, SilentServersFailAtTheHelloWithinTheReadLimit) {
-  for (Fault fault : {Fault::kStall, Fault::kStallTls}) {
+TEST_F(DeliveryTest, SilentAndDribblingServersFailWithinTheLimitsAndThePassGoesOn) {
+  // Dribbled bytes come 100 ms apart, well inside the read limit: only a
+  // limit on the whole message (or exchange) ends such an exchange.
+  struct Case {
+    Fault fault;
+    uint32_t messageLimitMs;
+    uint32_t exchangeLimitMs;
+  } cases[] = {
+      {Fault::kStall, 300, 20000},
+      {Fault::kStallTls, 300, 20000},
+      {Fault::kDribble, 300, 20000},     // the hello: 80 bytes
+      {Fault::kDribbleTls, 300, 20000},  // the handshake
+      {Fault::kDribble, 20000, 600},     // each message in time, the exchange not
+  };
+  for (const Case& c : cases) {
+    const std::string row = std::string(lab::FaultName(c.fault)) + " " +
+                            std::to_string(c.messageLimitMs) + "/" + std::to_string(c.exchangeLimitMs);
     auto options = CLabFixture::Options(kKey);
-    options.fault = fault;
-    CLabFixture lab(options);
+    options.fault = c.fault;
+    options.dribbleMs = 100;
+    CLabFixture faulty(options);
+    CLabFixture healthy(CLabFixture::Options(kKey));
     CDeliveryHarness agent(kKey);
-    agent.timings.socketTimeoutMs = 300;
+    agent.timings.socketTimeoutMs = c.messageLimitMs;
+    agent.timings.exchangeLimitMs = c.exchangeLimitMs;
     agent.Rebuild();
-    agent.AddServer("127.0.0.1", lab.Port());
-    EXPECT_FALSE(agent.Deliver()) << lab::FaultName(fault);
-    EXPECT_TRUE(agent.Logged(
-        "ReceiveServerReply(), failed to receive hello message from authenticator, TID:"))
-        << lab::FaultName(fault);
+    agent.AddServer("127.0.0.1", faulty.Port());
+    agent.AddServer("127.0.0.1", healthy.Port());
+
+    // The pass must end on its own within the tighter limit and some slack;
+    // if it does not, the faulty server is stopped to release it.
+    auto pass = std::async(std::launch::async, [&agent] { return agent.Deliver(); });
+    const auto bound = std::chrono::milliseconds(
+        std::min(c.messageLimitMs, c.exchangeLimitMs) + 3000);
+    if (pass.wait_for(bound) != std::future_status::ready) {
+      ADD_FAILURE() << row << ": the pass did not end within " << bound.count() << " ms";
+      faulty.Server().Stop();
+    }
+    EXPECT_TRUE(pass.get()) << row;
+    EXPECT_EQ(std::vector<uint32_t>{2}, agent.states) << row;
+    EXPECT_EQ("complete", healthy.WaitReports(1)[0].end) << row;
+    EXPECT_EQ(1u, agent.LinesStartingWith(
+                          "ReceiveServerReply(), failed to receive hello message from "
+                          "authenticator, TID:")
+                      .size())
+        << row;
+    EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size()) << row;
   }
 }
 

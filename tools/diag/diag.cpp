@@ -52,7 +52,9 @@ const char kUsage[] =
     "  --client-guid TEXT     client GUID sent in the hello (default: the endpoint\n"
     "                         client's own, on Windows)\n"
     "  --fips                 behave as the agent does in FIPS mode\n"
-    "  --timeout-ms N         limit of every read and write (default 5000)\n"
+    "  --timeout-ms N         limit of every message read or written (default 5000,\n"
+    "                         as the agent); the whole exchange with one server is\n"
+    "                         limited to four times that\n"
     "  --verbose              also show every debug line the agent's code logs\n"
     "  --help\n"
     "\n"
@@ -481,8 +483,12 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out)
 
   if (!DescribeClientIdentity(out, support.cfg_is_fips_mode_enabled())) return kExitSetup;
 
+  // --timeout-ms scales both limits; the defaults are the agent's own.
   Timings timings;
+  const uint64_t exchangeLimit =
+      uint64_t{timings.exchangeLimitMs} * options.timeoutMs / timings.socketTimeoutMs;
   timings.socketTimeoutMs = options.timeoutMs;
+  timings.exchangeLimitMs = static_cast<uint32_t>(std::min<uint64_t>(exchangeLimit, UINT32_MAX));
   std::atomic<uint32_t> keepAlive{180};
   CDiagHost host;
   CDiagNetwork network;
