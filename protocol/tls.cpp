@@ -255,6 +255,24 @@ SSL_CTX* CTlsClient::Context() {
   return ctx;
 }
 
+void CTlsClient::SetServerVerification(const ServerVerification& verification) {
+  std::lock_guard<std::mutex> lock(m_verificationLock);
+  const ServerVerification& old = m_verification;
+  if (old.verify == verification.verify && old.pinsConfigured == verification.pinsConfigured &&
+      old.pins == verification.pins && old.problems == verification.problems)
+    return;
+  m_verification = verification;
+  for (const std::string& problem : verification.problems)
+    m_log.Error("Server verification setting: %s", problem.c_str());
+  m_log.Debug("Server verification is %s, %d pinned certificate(s)",
+              verification.verify ? "on" : "off", static_cast<int>(verification.pins.size()));
+}
+
+ServerVerification CTlsClient::CurrentServerVerification() const {
+  std::lock_guard<std::mutex> lock(m_verificationLock);
+  return m_verification;
+}
+
 uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& target) {
   m_log.Debug("%s is called", kSslClientInit);
   uint32_t result = 0;
@@ -309,9 +327,22 @@ uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& 
     } else {
       m_log.Debug("To send SNI server name to BRK, we need FQDN of BRK");
     }
+    ServerCertificateCheck& check = connection.serverCheck;
+    check = ServerCertificateCheck{};
+    check.settings = CurrentServerVerification();
+    PrepareServerVerification(connection.ssl, target.name, check);
+    const int handshake = connection.Handshake();
+    FinishServerVerification(connection.ssl, check);
+    if (check.settings.verify && (check.seen || handshake == 1) && !check.Passes()) {
+      check.refused = true;
+      m_log.Error("SslClientInit(), server verification failed for authenticator %s port %d: %s",
+                  target.name.c_str(), static_cast<int>(target.port),
+                  check.Reason(target.name).c_str());
+      break;
+    }
     // Any result but 0 counts: a handshake that failed otherwise (or did not
     // finish within its limit) shows up as the first read failing.
-    if (connection.Handshake() != 0) result = 1;
+    if (handshake != 0) result = 1;
   } while (false);
 
   if (!result) m_log.Error("SslClientInit(), failed to initialize ssl context");

@@ -18,6 +18,7 @@
 #include "protocol/certificate_material.h"
 #include "protocol/codec.h"
 #include "protocol/ip_address.h"
+#include "protocol/server_verification.h"
 
 namespace lindqvar {
 
@@ -65,6 +66,9 @@ class CTlsConnection {
 
   CSocket socket;
   SSL* ssl = nullptr;  // freed by close_connection
+  // The server's certificate as SslClientInit found it, and the settings
+  // it was held to (attached to `ssl`, so it lives at least as long).
+  ServerCertificateCheck serverCheck;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -138,7 +142,15 @@ class CTlsClient {
   // of 0 is the only handshake failure seen here; a failed handshake, or one
   // that did not finish within its limit, shows as the first read failing),
   // else 0. The socket and any SSL object are left for close_connection.
+  // With server verification on, a server whose certificate does not pass
+  // (see server_verification.h) fails here, with one error line that names
+  // it and the reason, before the agent sends anything of the dialogue.
   uint32_t SslClientInit(CTlsConnection& connection, const TlsTarget& target);
+
+  // Server verification for the connections that start from now on (the
+  // default is off). Each problem of new settings is logged once.
+  void SetServerVerification(const ServerVerification& verification);
+  ServerVerification CurrentServerVerification() const;
 
   // The context, made on first use under a lock; null while it cannot be
   // made. A context whose identity or CA loading failed is kept as it is.
@@ -151,6 +163,8 @@ class CTlsClient {
   const CertificateMaterial& m_material;
   std::mutex m_contextLock;
   std::atomic<SSL_CTX*> m_context{nullptr};
+  mutable std::mutex m_verificationLock;
+  ServerVerification m_verification;
 };
 
 }  // namespace lindqvar

@@ -227,6 +227,68 @@ TEST_F(DeliveryTest, SilentAndDribblingServersFailWithinTheLimitsAndThePassGoesO
   }
 }
 
+TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
+  // The healthy server on ::1 carries the development CA's other
+  // certificate, which the pin row lists.
+  const std::string pinOfHealthy = CertificateFingerprint(PkiFile("server-alt.pem"));
+  struct Case {
+    const char* certificate;  // of the tested server, from the development PKI
+    const char* host;         // as configured
+    bool pinHealthy;          // pin list: only the healthy server's certificate
+    std::string reason;
+  } cases[] = {
+      {"other-server", "127.0.0.1", false,
+       "does not verify against the built-in CA bundle: unable to get local issuer certificate"},
+      {"server", "authenticator.lab.test", false, "is not issued for authenticator.lab.test"},
+      {"server", "127.0.0.1", true,
+       "fingerprint " + CertificateFingerprint(PkiFile("server.pem")) +
+           " is not in ServerCertificateSha256"},
+  };
+  for (const Case& c : cases) {
+    for (bool on : {false, true}) {
+      const std::string row = std::string(c.certificate) + " as " + c.host +
+                              (c.pinHealthy ? " pinned" : "") + (on ? ", on" : ", off");
+      auto options = CLabFixture::Options(kKey);
+      options.certFile = PkiFile(std::string(c.certificate) + ".pem");
+      options.keyFile = PkiFile(std::string(c.certificate) + ".key");
+      CLabFixture tested(options);
+      auto healthyOptions = CLabFixture::Options(kKey);
+      healthyOptions.certFile = PkiFile("server-alt.pem");
+      healthyOptions.keyFile = PkiFile("server-alt.key");
+      CLabFixture healthy(healthyOptions, "::1");
+      CDeliveryHarness agent(kKey);
+      agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
+      agent.AddServer(c.host, tested.Port());
+      agent.AddServer("[::1]", healthy.Port());
+      // Off is the default; the pin row sets its list also with the switch off.
+      if (on || c.pinHealthy) {
+        ServerVerification v;
+        v.verify = on;
+        if (c.pinHealthy) AddServerPins(pinOfHealthy, v);
+        agent.client->SetServerVerification(v);
+      }
+
+      EXPECT_TRUE(agent.Deliver()) << row;
+      EXPECT_EQ(std::vector<uint32_t>{2}, agent.states) << row;
+      EXPECT_EQ("complete", healthy.WaitReports(1)[0].end) << row;
+      const ConnectionReport r = tested.WaitReports(1)[0];
+      const auto refusals = agent.LinesStartingWith(
+          "SslClientInit(), server verification failed for authenticator " + std::string(c.host) +
+          " port " + std::to_string(tested.Port()) + ": ");
+      if (on) {
+        // Refused in the handshake: the server never got as far as the hello.
+        EXPECT_FALSE(r.tlsUp) << row;
+        EXPECT_FALSE(r.helloReplyReceived) << row;
+        ASSERT_EQ(1u, refusals.size()) << row;
+        EXPECT_NE(std::string::npos, refusals[0].find(c.reason)) << row << ": " << refusals[0];
+      } else {
+        EXPECT_EQ("complete", r.end) << row;
+        EXPECT_TRUE(refusals.empty()) << row;
+      }
+    }
+  }
+}
+
 TEST_F(DeliveryTest, BrokenFramesFailTheExchangeWithoutHarm) {
   struct Case {
     Fault fault;
