@@ -83,14 +83,8 @@ int CTlsConnection::Drive(Call call) {
     if (result > 0) return result;
     const int error = SSL_get_error(ssl, result);
     if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) return result;
-    if (!m_limited) {
-      // A socket without limits blocks in the call itself; one that does
-      // not is waited for without end.
-      if (!(error == SSL_ERROR_WANT_WRITE ? socket.WaitWritable(UINT32_MAX / 2)
-                                          : socket.WaitReadable(UINT32_MAX / 2)))
-        return -1;
-      continue;
-    }
+    // Without limits the call is the plain one: it blocks in the socket.
+    if (!m_limited) return result;
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(m_messageDeadline - Clock::now()).count();
     if (left <= 0) {

@@ -7,10 +7,9 @@
 set -uo pipefail
 WINE_RUN=$1 DIAG=$2 LAB=$3 PKI=$4 CLIENT_CA=$5
 work=$(mktemp -d)
-lab_pid= foreign_pid=
+lab_pid= foreign_pid= dribble_pid=
 cleanup() {
-  [ -n "$lab_pid" ] && kill "$lab_pid" 2>/dev/null && wait "$lab_pid" 2>/dev/null
-  [ -n "$foreign_pid" ] && kill "$foreign_pid" 2>/dev/null && wait "$foreign_pid" 2>/dev/null
+  for pid in $lab_pid $foreign_pid $dribble_pid; do kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -37,18 +36,25 @@ done
   --cert "$PKI/other-server.pem" --key "$PKI/other-server.key" --psk-file "$work/key" \
   > "$work/foreign.jsonl" 2> "$work/foreign.err" &
 foreign_pid=$!
+# A third that sends every message one byte per 200 ms.
+"$LAB" --json --listen 127.0.0.1:0 --ca "$CLIENT_CA" --cert "$PKI/server.pem" \
+  --key "$PKI/server.key" --psk-file "$work/key" --fault dribble --dribble-ms 200 \
+  > "$work/dribble.jsonl" 2> "$work/dribble.err" &
+dribble_pid=$!
 for _ in $(seq 100); do
   [ "$(grep -c '"event":"listening"' "$work/lab.jsonl")" -ge 2 ] &&
-    grep -q '"event":"listening"' "$work/foreign.jsonl" && break
+    grep -q '"event":"listening"' "$work/foreign.jsonl" &&
+    grep -q '"event":"listening"' "$work/dribble.jsonl" && break
   sleep 0.05
 done
 port4=$(grep '"address":"127.0.0.1"' "$work/lab.jsonl" | sed 's/.*"port":\([0-9]*\).*/\1/')
 port6=$(grep '"address":"::1"' "$work/lab.jsonl" | sed 's/.*"port":\([0-9]*\).*/\1/')
 portf=$(grep '"address":"127.0.0.1"' "$work/foreign.jsonl" | sed 's/.*"port":\([0-9]*\).*/\1/')
+portd=$(grep '"address":"127.0.0.1"' "$work/dribble.jsonl" | sed 's/.*"port":\([0-9]*\).*/\1/')
 fingerprint() { openssl x509 -in "$1" -noout -fingerprint -sha256 | sed 's/.*=//; s/://g'; }
 fp=$(fingerprint "$PKI/server.pem")
 fpf=$(fingerprint "$PKI/other-server.pem")
-if [ -z "$port4" ] || [ -z "$port6" ] || [ -z "$portf" ]; then
+if [ -z "$port4" ] || [ -z "$port6" ] || [ -z "$portf" ] || [ -z "$portd" ]; then
   echo "the lab authenticator did not start:"; cat "$work/lab.err"
   echo "0 passed, 1 failed"
   exit 1
@@ -83,6 +89,18 @@ run_diag "$work/wrong.txt" check --server "127.0.0.1:$port4" --key not-the-key
 expect "a wrong key fails every server (exit $rc)" test "$rc" -eq 2
 expect "a wrong key is named" grep -q 'please check your preshared key' "$work/wrong.txt"
 
+# The 80-byte hello would take 16 s; the 1 s message limit ends the exchange
+# (a pass that does not end within 30 s is killed and fails here).
+SECONDS=0
+"$WINE_RUN" "$DIAG" check --server "127.0.0.1:$portd" --server "127.0.0.1:$port4" --key wine-key \
+  --timeout-ms 1000 > "$work/dribble.txt" 2>&1 &
+diag_pid=$!
+( sleep 30; kill "$diag_pid" 2>/dev/null ) & watchdog=$!
+wait "$diag_pid"; rc=$?
+kill "$watchdog" 2>/dev/null; wait "$watchdog" 2>/dev/null
+expect "a dribbling server fails only its own exchange (exit $rc, ${SECONDS} s)" test "$rc" -eq 1
+expect "it fails at the hello" grep -q 'failed to receive hello message from authenticator' "$work/dribble.txt"
+
 # Nothing listens on port 1 of the loopback address: the connection is refused.
 closed=1
 run_diag "$work/closed.txt" check --server "127.0.0.1:$port4" --server "127.0.0.1:$closed" --key wine-key
@@ -101,6 +119,7 @@ reg add "$AGENT_KEY" /v Servers /d "127.0.0.1:$port4;[::1]:$port6" /f
 reg add "$AGENT_KEY" /v PresharedKey /d wine-key /f
 reg add 'HKLM\software\Orvane\Velmora' /v ClientGuid /d '{5EED0000-1111-2222-3333-444455556666}' /f
 run_diag "$work/registry.txt" check
+registry_rc=$rc
 # Server verification switched on in the registry, with a pin list of two
 # (an unrelated fingerprint and the lab's) as a REG_MULTI_SZ.
 reg add "$AGENT_KEY" /v VerifyServer /t REG_DWORD /d 1 /f
@@ -110,7 +129,7 @@ verify_rc=$rc
 run_diag "$work/refuse.txt" check --server "127.0.0.1:$portf" --server "127.0.0.1:$port4"
 refuse_rc=$rc
 reg delete 'HKLM\software\Orvane' /f
-expect "check with the registry settings reaches both servers (exit $rc)" test "$rc" -eq 0
+expect "check with the registry settings reaches both servers (exit $registry_rc)" test "$registry_rc" -eq 0
 expect "the servers came from the registry" grep -q "Servers from the agent's settings" "$work/registry.txt"
 expect "the key came from the registry" grep -q "Preshared key from the agent's settings" "$work/registry.txt"
 expect "VerifyServer 1 and the pin list come from the registry (exit $verify_rc)" \
