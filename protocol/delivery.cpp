@@ -60,6 +60,7 @@ const char* ExchangeStageName(ExchangeStage stage) {
     case ExchangeStage::kResolve: return "resolve";
     case ExchangeStage::kSocket: return "socket";
     case ExchangeStage::kConnect: return "connect";
+    case ExchangeStage::kVerify: return "verify";
     case ExchangeStage::kHello: return "hello";
     case ExchangeStage::kHelloParse: return "hello-parse";
     case ExchangeStage::kHelloAck: return "hello-ack";
@@ -120,10 +121,8 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
   // No upper bound on the announced length: the server is trusted to send
-  // messages of a sensible size.
-  return ReceiveMessage(decoder, [&connection](void* buffer, int count) {
-    return connection.Read(buffer, count);
-  });
+  // messages of a sensible size. The connection bounds the time it may take.
+  return connection.ReceiveMessage(decoder);
 }
 
 void CAuthenticatorClient::Report(ExchangeReport& report, ExchangeStage stage) {
@@ -170,17 +169,16 @@ uint32_t CAuthenticatorClient::SendAndReceive(uint32_t session, const CEncoder* 
                                                        m_currentServer.host
                                                  : sizeof m_currentServer.host);
     target.port = m_currentServer.port;
-    if (!m_tls.SslClientInit(connection, target)) break;
+    const uint32_t tlsUp = m_tls.SslClientInit(connection, target);
+    report.certificate = connection.serverCheck;
+    if (!tlsUp) {
+      // A refused server never sees the hello, nor (later) the NTLM relay.
+      if (connection.serverCheck.refused) stage = ExchangeStage::kVerify;
+      break;
+    }
     if (m_pObserver && connection.ssl) {
       report.tlsVersion = SSL_get_version(connection.ssl);
       report.cipher = SSL_get_cipher_name(connection.ssl);
-      if (X509* peer = SSL_get1_peer_certificate(connection.ssl)) {
-        char subject[256] = {};
-        X509_NAME_oneline(X509_get_subject_name(peer), subject, sizeof subject);
-        report.peerSubject = subject;
-        report.peerVerifyResult = SSL_get_verify_result(connection.ssl);
-        X509_free(peer);
-      }
     }
 
     stage = ExchangeStage::kHello;

@@ -70,6 +70,7 @@ enum class ExchangeStage {
   kResolve,      // no address for the server
   kSocket,       // socket() failed
   kConnect,      // TCP connect or TLS set-up failed
+  kVerify,       // server verification is on and the server's certificate failed it
   kHello,        // no hello received (also a failed TLS handshake)
   kHelloParse,   // the first message was not a hello
   kHelloAck,     // no hello acknowledgement received
@@ -86,8 +87,9 @@ struct ExchangeReport {
   // TLS facts, when the session came up.
   std::string tlsVersion;
   std::string cipher;
-  std::string peerSubject;
-  long peerVerifyResult = -1;  // X509_V_OK (0) when the chain checks out
+  // The server's certificate: whether it passes verification (whatever the
+  // setting), its fingerprint, and whether it was refused.
+  ServerCertificateCheck certificate;
   // Hello.
   uint32_t helloId = 0;
   uint32_t helloFlags = 0;
@@ -131,6 +133,10 @@ class CAuthenticatorClient {
   void SetTickLogging(bool on);
   void SetNtlmRelay(INtlmRelay* relay) { m_pNtlmRelay = relay; }
   void SetObserver(IExchangeObserver* observer) { m_pObserver = observer; }
+  // Opt-in server verification for the exchanges that start from now on.
+  void SetServerVerification(const ServerVerification& verification) {
+    m_tls.SetServerVerification(verification);
+  }
 
   // Offers the event to every server in list order (no early stop), sets
   // the agent state once, and keeps the failed flag and retry counter for

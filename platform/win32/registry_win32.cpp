@@ -92,6 +92,25 @@ class RegistryKeyWin32 : public IRegistryKey {
     value = v;
     return 0;
   }
+  uint32_t QueryValue(std::u16string_view name, uint32_t& type,
+                      std::vector<uint8_t>& data) override {
+    const std::u16string n(name);
+    DWORD t = 0, size = 0;
+    LSTATUS rc = ::RegQueryValueExW(m_key.get(), W(n), nullptr, &t, nullptr, &size);
+    // The value may grow between two calls: ask again (a few times) when it did.
+    for (int attempt = 0; rc == ERROR_SUCCESS && attempt < 4; ++attempt) {
+      data.assign(size, 0);
+      rc = ::RegQueryValueExW(m_key.get(), W(n), nullptr, &t, data.empty() ? nullptr : data.data(),
+                              &size);
+      if (rc == ERROR_SUCCESS) {
+        data.resize(size);
+        type = t;
+        return 0;
+      }
+      if (rc == ERROR_MORE_DATA) rc = ERROR_SUCCESS;
+    }
+    return rc == ERROR_SUCCESS ? static_cast<uint32_t>(ERROR_MORE_DATA) : static_cast<uint32_t>(rc);
+  }
 
  private:
   ScopedRegKey m_key;

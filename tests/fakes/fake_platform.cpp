@@ -174,6 +174,20 @@ class FakeRegistryKey : public IRegistryKey {
     value = v->second;
     return 0;
   }
+  uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
+    {
+      std::lock_guard<std::mutex> lock(m_registry.m_mutex);
+      auto it = m_registry.m_keys.find(m_id);
+      if (it == m_registry.m_keys.end()) return 1018;
+      auto v = it->second.raw.find(std::u16string(name));
+      if (v != it->second.raw.end()) {
+        type = v->second.first;
+        data = v->second.second;
+        return 0;
+      }
+    }
+    return IRegistryKey::QueryValue(name, type, data);
+  }
 
  private:
   FakeRegistry& m_registry;
@@ -213,6 +227,12 @@ void FakeRegistry::SetString(RegistryHive hive, const std::u16string& path,
                              const std::u16string& name, const std::u16string& value) {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_keys[{hive, Lower(path)}].strings[name] = value;
+}
+
+void FakeRegistry::SetValue(RegistryHive hive, const std::u16string& path,
+                            const std::u16string& name, uint32_t type, std::vector<uint8_t> data) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_keys[{hive, Lower(path)}].raw[name] = {type, std::move(data)};
 }
 
 std::vector<uint32_t> FakeRegistry::AccessMasks() const {
@@ -351,6 +371,7 @@ Timings FakePlatform::ShortTimings() {
   t.connectPolls = 20;
   t.connectPollUs = 10000;
   t.socketTimeoutMs = 500;
+  t.exchangeLimitMs = 2000;
   t.consoleIdlePolls = 5;
   t.consoleIdlePollMs = 10;
   return t;

@@ -85,6 +85,9 @@ class FakeRegistry : public IRegistry {
                 uint32_t& value) const;
   void SetString(RegistryHive hive, const std::u16string& path, const std::u16string& name,
                  const std::u16string& value);
+  // A value of any type, as stored (what QueryValue answers for it).
+  void SetValue(RegistryHive hive, const std::u16string& path, const std::u16string& name,
+                uint32_t type, std::vector<uint8_t> data);
   size_t DwordWrites() const { return m_dwordWrites; }
   std::vector<uint32_t> AccessMasks() const;
 
@@ -96,6 +99,7 @@ class FakeRegistry : public IRegistry {
   struct Values {
     std::map<std::u16string, uint32_t> dwords;
     std::map<std::u16string, std::u16string> strings;
+    std::map<std::u16string, std::pair<uint32_t, std::vector<uint8_t>>> raw;
   };
   static std::u16string Lower(std::u16string_view s);
   mutable std::mutex m_mutex;

@@ -37,6 +37,9 @@ TestIdentity MakeIdentity(const char* keyType, int bits, const char* curve, cons
                           const std::string& passPhrase = "");
 // The certificate of a PEM text (owned by the caller: X509_free).
 X509* ParseCertificate(const std::string& pem);
+// SHA-256 of the DER form of the first certificate in a PEM file, as
+// Sha256Text writes it.
+std::string CertificateFingerprint(const std::string& pemFile);
 
 // Certificate material encrypted under a test key, the way the build step
 // encrypts it; the encrypted items live in this object.
