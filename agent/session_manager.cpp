@@ -6,6 +6,7 @@
 
 #include "agent/catalogue.h"
 #include "agent/state.h"
+#include "agent/verification_settings.h"
 #include "platform/os.h"
 
 namespace lindqvar {
@@ -145,6 +146,7 @@ uint32_t CSessionManager::Init() {
 
   m_settings.Load(m_support, m_log);
   m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
@@ -233,6 +235,9 @@ uint32_t CSessionManager::ReloadSettings() {
   // Swaps in a new snapshot; a pass in progress keeps the one it took.
   m_settings.Apply(m_support, m_log);
   m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  // Server verification is not part of the change test: it applies from the
+  // next connection on without ending the agent.
+  m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }

@@ -61,15 +61,16 @@ lab_prefix() {
 }
 
 # lab_start <lab binary> <pki dir> <client CA> [port] [extra options...]
-# Starts the lab authenticator with JSON output into $WORK/lab.jsonl and
-# sets LAB_PID and LAB_PORT.
+# Starts the lab authenticator with JSON output into $WORK/lab.jsonl (anew)
+# and sets LAB_PID and LAB_PORT. It presents <pki dir>/$LAB_CERT.pem
+# (default "server").
 lab_start() {
-  local lab=$1 pki=$2 ca=$3 port=${4:-0}
+  local lab=$1 pki=$2 ca=$3 port=${4:-0} cert=${LAB_CERT:-server}
   shift 4 2>/dev/null || shift $#
   printf '%s\n' "$LAB_KEY_VALUE" >"$WORK/psk"
   : >"$WORK/lab.jsonl"
-  "$lab" --json --listen "127.0.0.1:$port" --ca "$ca" --cert "$pki/server.pem" \
-    --key "$pki/server.key" --psk-file "$WORK/psk" "$@" >>"$WORK/lab.jsonl" 2>"$WORK/lab.err" &
+  "$lab" --json --listen "127.0.0.1:$port" --ca "$ca" --cert "$pki/$cert.pem" \
+    --key "$pki/$cert.key" --psk-file "$WORK/psk" "$@" >>"$WORK/lab.jsonl" 2>"$WORK/lab.err" &
   LAB_PID=$!
   local i
   for ((i = 0; i < 100; i++)); do

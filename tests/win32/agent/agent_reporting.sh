@@ -90,6 +90,22 @@ check "session log record for the logoff" \
 check "wakeup record" grep -qF "EVENT 96980 Single Sign-On event action=4" "$WORK/FA_LINDQ.log"
 check "no preshared key in the log" bash -c "! grep -qF '$LAB_KEY_VALUE' '$WORK/FA_LINDQ.log'"
 
+# 2. Server verification switched on by a re-read: a lab authenticator with
+#    a certificate from an unrelated CA is refused before the hello.
+lab_stop
+LAB_CERT=other-server lab_start "$LAB" "$PKI" "$CLIENT_CA" "$port" || { echo "0 passed, 1 failed"; exit 1; }
+$W reg add "$AGENT_KEY" /v VerifyServer /t REG_DWORD /d 1 /f >/dev/null
+$W "$CONTROL" status 1 0 >/dev/null
+$W "$CONTROL" signal "$AGENT_EVENT" >/dev/null
+agent_wait_log "Server verification is on" 20
+before=$(lab_connections)
+agent_post "$CONTROL" unlock 1
+agent_wait_log "SslClientInit(), server verification failed for authenticator 127.0.0.1 port $port" 30
+check "verification refuses the other CA's server" \
+  log_has "SslClientInit(), server verification failed for authenticator 127.0.0.1 port $port"
+lab_wait_connections "$before" 10
+check "no hello was sent to it" bash -c "grep '\"event\":\"connection\"' '$WORK/lab.jsonl' | tail -n 1 | grep -qF '\"hello_sent\":false'"
+
 agent_stop "$CONTROL"
 check "stop event" log_has "EVENT 96984 Lindqvar is stopping..., version:"
 [ $failed = 0 ] || { echo "--- agent log"; tail -n 60 "$WORK/FA_LINDQ.log"; }
