@@ -8,6 +8,15 @@
 namespace lindqvar::testing {
 namespace {
 
+// A test name from a row's name: letters and digits, the rest '_'.
+const auto RowName = [](const auto& info) {
+  std::string n = info.param.name;
+  for (char& c : n) {
+    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return n;
+};
+
 // --- the state table ---------------------------------------------------------
 
 enum class Known { kInTable, kResolvable, kNotReady, kNoUser };
@@ -116,12 +125,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
-                         [](const auto& info) {
-                           std::string n = info.param.name;
-                           for (char& c : n)
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           return n;
-                         });
+                         RowName);
 
 TEST_F(SessionFixture, LogoffRemovesTheEntryAndItsPendingRecordAfterSending) {
   AddUser(4);
@@ -307,12 +311,7 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, AddressChangeTest, ::testing::ValuesIn(kAddressRows),
-                         [](const auto& info) {
-                           std::string n = info.param.name;
-                           for (char& c : n)
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           return n;
-                         });
+                         RowName);
 
 TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
   AddUser(1);
