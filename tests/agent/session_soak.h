@@ -1,0 +1,174 @@
+// A soak of every sending path of the agent: logon, unlock, keep-alive,
+// address change, resume, re-send and logoff in turn, against two healthy
+// lab authenticators and a third server that fails in turn (closed port,
+// rejected hello, closed after the hello acknowledgement, stalled). Used by
+// the short soak test and by bench/session_soak.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <utility>
+#include <string>
+#include <vector>
+
+#include "agent/session_manager.h"
+#include "agent/state.h"
+#include "platform/os.h"
+#include "session/session_events.h"
+#include "tests/identity/identity_fakes.h"
+#include "tests/protocol/tls_test_support.h"
+
+namespace lindqvar::testing {
+
+class CSessionSoak {
+ public:
+  struct Result {
+    size_t events = 0;
+    size_t delivered = 0;     // passes that reached a server
+    long rssAfterFirst = 0;   // kB, after the first thousand events (or at the end)
+    long rssAtEnd = 0;        // kB
+    bool tableMatches = false;  // the healthy lab's table shows what was last reported
+  };
+
+  CSessionSoak() {
+    // Room for slow sanitizer builds; the stalling server gives up first.
+    timings.socketTimeoutMs = 2000;
+    timings.exchangeLimitMs = 6000;
+    timings.consoleIdlePolls = 1;
+    timings.consoleIdlePollMs = 0;
+    timings.wakeupRetryMs = 0;
+    for (lab::Fault f : {lab::Fault::kRejectHello, lab::Fault::kCloseAfterHelloAck,
+                         lab::Fault::kStall}) {
+      lab::LabOptions o = CLabFixture::Options("psk");
+      o.fault = f;
+      o.stallMs = 100;
+      failing.push_back(std::make_unique<CLabFixture>(o));
+    }
+    failingPorts = {ClosedPort()};
+    for (auto& l : failing) failingPorts.push_back(l->Port());
+    registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+    network.hostName = "ws1";
+    network.SetNames("ws1", {FakeNetwork::V4(10, 0, 0, 5)});
+    FakeAccounts::User u;
+    u.sid = DomainSid(1005);
+    u.name = u"soak";
+    u.domain = u"CORP";
+    accounts.SetUser(5, u);
+    sessions.consoleSession = 5;
+    Configure(0);
+  }
+
+  // Mean milliseconds of one SendSessionEvent pass and of one keep-alive
+  // pass to one healthy server, alternating, `rounds` of each.
+  std::pair<double, double> LogonAndKeepAliveMs(int rounds) {
+    support.SetSettings(1, u"127.0.0.1:" + AnsiToWide(std::to_string(healthy[0].Port())), u"psk");
+    CSessionManager m(MakePlatform());
+    m.Init();
+    m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    using Clock = std::chrono::steady_clock;
+    Clock::duration logon{}, keepAlive{};
+    for (int i = 0; i < rounds; ++i) {
+      auto t = Clock::now();
+      m.SendSessionEvent(5, 1, 0);
+      logon += Clock::now() - t;
+      t = Clock::now();
+      m.Events().SendKeepAliveEvent();
+      keepAlive += Clock::now() - t;
+    }
+    const auto ms = [rounds](Clock::duration d) {
+      return std::chrono::duration<double, std::milli>(d).count() / rounds;
+    };
+    return {ms(logon), ms(keepAlive)};
+  }
+
+  Result Run(size_t count) {
+    CSessionManager m(MakePlatform());
+    m.Init();
+    Result r;
+    bool alternate = false;
+    for (size_t i = 0; i < count; ++i) {
+      // Each round of the seven paths meets the next failing server.
+      if (i % 7 == 0) {
+        Configure(i / 7);
+        m.ReloadSettings();
+      }
+      const uint64_t before = Finished();
+      switch (i % 7) {
+        case 0: m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5); break;
+        case 1: m.WindowProc(kWmWtsSessionChange, kWtsSessionUnlock, 5); break;
+        case 2: m.Events().SendKeepAliveEvent(); break;
+        case 3:
+          alternate = !alternate;
+          network.SetNames("ws1", {FakeNetwork::V4(10, 0, 0, alternate ? 6 : 5)});
+          m.Events().CheckAddressChange();
+          break;
+        case 4: m.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0); break;
+        case 5: m.Events().ResendLogonEvent(); break;
+        case 6: m.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 5); break;
+      }
+      if (Finished() > before) ++r.delivered;
+      ++r.events;
+      if (r.events == 1000) r.rssAfterFirst = ResidentKb();
+    }
+    // The last word: a logon at the current addresses.
+    m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    if (r.rssAfterFirst == 0) r.rssAfterFirst = ResidentKb();
+    r.rssAtEnd = ResidentKb();
+    const auto entries = healthy[0].Server().Table().Entries();
+    const std::string address = alternate ? "10.0.0.6" : "10.0.0.5";
+    r.tableMatches = entries.size() == 1 && entries[0].user == "SOAK" &&
+                     entries[0].addresses == std::vector<std::string>{address} &&
+                     m.Events().Logon() == 1;
+    return r;
+  }
+
+ private:
+  Platform MakePlatform() {
+    Platform p;
+    p.support = &support;
+    p.registry = &registry;
+    p.network = &network;
+    p.sessions = &sessions;
+    p.window = &window;
+    p.timings = timings;
+    p.accounts = &accounts;
+    p.adapters = &adapters;
+    p.console = &console;
+    p.hyperv = &hyperv;
+    return p;
+  }
+
+  // Two healthy servers and the failing one of this turn.
+  void Configure(size_t turn) {
+    std::string list;
+    for (auto& h : healthy) list += "127.0.0.1:" + std::to_string(h.Port()) + ";";
+    list += "127.0.0.1:" + std::to_string(failingPorts[turn % failingPorts.size()]);
+    support.SetSettings(1, AnsiToWide(list), u"psk");
+  }
+  uint64_t Finished() { return healthy[0].Server().Finished(); }
+  static long ResidentKb() {
+    long pages = 0, resident = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+      std::fclose(f);
+    }
+    return resident * 4;
+  }
+
+  FakeSupport support;
+  FakeRegistry registry;
+  FakeNetwork network;
+  FakeSessions sessions;
+  FakeSessionWindow window;
+  Timings timings = FakePlatform::ShortTimings();
+  FakeAccounts accounts;
+  FakeAdapters adapters;
+  FakeConsoleRunner console;
+  FakeHyperV hyperv;
+  CLabFixture healthy[2] = {CLabFixture(CLabFixture::Options("psk")),
+                            CLabFixture(CLabFixture::Options("psk"))};
+  std::vector<std::unique_ptr<CLabFixture>> failing;
+  std::vector<uint16_t> failingPorts;
+};
+
+}  // namespace lindqvar::testing
