@@ -11,6 +11,29 @@
 # are run and shown as PENDING instead of failing.
 set -uo pipefail
 WINE_RUN=$1 MSI=$2 MSI_NEXT=$3 LAB=$4 PKI=$5 CLIENT_CA=$6 POST=$7 EXPECT_REPORTS=$8
+
+# The machine gets what the agent reports: the host name lindqvar-msi
+# resolving to 10.78.0.5 on a veth pair that nothing else is connected to, so
+# no packet leaves. The script runs again inside new network, mount and
+# host-name namespaces, where they can be made; elsewhere it runs as it is
+# (and the agent may have no address to report).
+if [ -z "${LINDQVAR_MSI_NETNS:-}" ] && unshare -rnmu true 2>/dev/null; then
+  hosts=$(cd "$(dirname "$MSI")" && pwd)/scenario-hosts
+  printf '127.0.0.1 localhost\n10.78.0.5 lindqvar-msi.lab.example lindqvar-msi\n' > "$hosts"
+  export LINDQVAR_MSI_NETNS=1
+  exec unshare -rnmu bash -c '
+    set -e
+    mount --bind "$1" /etc/hosts
+    hostname lindqvar-msi
+    ip link set lo up
+    ip link add v0 type veth peer name v1
+    ip addr add 10.78.0.5/24 dev v0
+    ip link set v0 up
+    ip link set v1 up
+    shift
+    exec "$@"
+  ' bash "$hosts" bash "$0" "$@"
+fi
 W=/usr/lib/wine/wine64
 WS=/usr/lib/wine/wineserver
 build=$(cd "$(dirname "$MSI")" && pwd)
@@ -30,6 +53,8 @@ WINEPREFIX=$BASE $WS -k 2>/dev/null
 rm -rf "$SCEN" && cp -a "$BASE" "$SCEN"
 export WINEPREFIX=$SCEN WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 $WS -p
+# The Wine user is a domain user, as on a workstation of a domain.
+$W reg add 'HKU\S-1-5-21-0-0-0-1000\Volatile Environment' /v USERDNSDOMAIN /d CORP.EXAMPLE.TEST /f >/dev/null 2>&1
 DIR="$SCEN/drive_c/Program Files/Lindqvar"
 AGENT_LOG="$DIR/FA_LINDQ.log"
 SERVICE_LOG="$DIR/LindqvarService.log"
