@@ -12,6 +12,7 @@
 // The --setup steps are run by the installer package.
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "platform/win32/windows_include.h"
@@ -30,11 +31,13 @@ constexpr SupervisorTimings kTimings{};
 // state lives here for the life of the process.
 struct ServiceState {
   SERVICE_STATUS_HANDLE handle = nullptr;
+  std::mutex statusMutex;  // the control handler reports from another thread
   SERVICE_STATUS status{};
   HANDLE stop = nullptr;  // manual reset; set by a stop or shut-down request
 } g_service;
 
 void ReportStatus(DWORD state, DWORD exitCode, DWORD waitHintMs) {
+  std::lock_guard<std::mutex> lock(g_service.statusMutex);
   static DWORD checkPoint = 1;
   auto& s = g_service.status;
   s.dwServiceType = SERVICE_WIN32_OWN_PROCESS;

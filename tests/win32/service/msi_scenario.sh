@@ -114,7 +114,7 @@ running() {
 not_running() { ! running "$1"; }
 # A logon record delivered with a correct digest to the lab's listener $1.
 reported() { grep '"event":"connection"' "$work/lab.jsonl" | grep -F "\"listener\":\"127.0.0.1:$1\"" |
-             grep '"digest":"correct"' | grep -q '"logon":true'; }
+             grep '"digest":"correct"' | grep -q '"logon":1'; }
 wait_report() {  # wait_report <port> <seconds>; the moment in $seen
   local i
   seen=
@@ -216,12 +216,12 @@ wait_report_after() {
   local i
   seen=
   for ((i = 0; i < REPORT_WAIT * 10; i++)); do
-    [ "$(grep '"event":"connection"' "$work/lab.jsonl" | grep -c '"logon":true')" -gt "$1" ] && { seen=$(now); return 0; }
+    [ "$(grep '"event":"connection"' "$work/lab.jsonl" | grep -c '"logon":1')" -gt "$1" ] && { seen=$(now); return 0; }
     sleep 0.1
   done
   return 1
 }
-expect_report "a report after net start" wait_report_after "$(grep '"event":"connection"' "$work/lab.jsonl" | grep -c '"logon":true')"
+expect_report "a report after net start" wait_report_after "$(grep '"event":"connection"' "$work/lab.jsonl" | grep -c '"logon":1')"
 t_net_report=$seen
 
 # --- no secret in any log.
