@@ -58,7 +58,7 @@ uint32_t CAgentSupervisor::Run() {
     if (!m_agent && m_settings.Enabled() && RestartDue()) StartAgent();
     switch (m_system.Wait(m_agent.get(), NextTimeout())) {
       case Wake::kStop:
-        if (m_agent) StopAgent(ServiceEvent::kAgentStopped);
+        if (m_agent) StopAgent();
         m_log.Write(ServiceEvent::kServiceStopped, EventKind::kInformation, "The service stopped.");
         return 0;
       case Wake::kAgentEnded:
@@ -146,7 +146,7 @@ void CAgentSupervisor::OnSettingsNotification() {
 
   if (wasEnabled && !m_settings.Enabled()) {
     m_log.Write(ServiceEvent::kDisabled, EventKind::kWarning, "Lindqvar was disabled");
-    if (m_agent) StopAgent(ServiceEvent::kAgentStopped);
+    if (m_agent) StopAgent();
     return;
   }
   if (!wasEnabled && m_settings.Enabled()) {
@@ -167,7 +167,7 @@ void CAgentSupervisor::OnSettingsNotification() {
   }
 }
 
-void CAgentSupervisor::StopAgent(ServiceEvent reason) {
+void CAgentSupervisor::StopAgent() {
   if (const uint32_t rc = m_system.SetDesiredStatus(m_controlKey, kStatusStop); rc != 0) {
     m_log.Write(ServiceEvent::kControlFailed, EventKind::kError,
                 "Cannot write the agent's desired status (" + Error(rc) + ").");
@@ -175,7 +175,7 @@ void CAgentSupervisor::StopAgent(ServiceEvent reason) {
   m_system.SignalControlEvent();
   const std::string pid = std::to_string(m_agent->Id());
   if (m_system.WaitAgent(*m_agent, m_timings.stopLimitMs)) {
-    m_log.Write(reason, EventKind::kInformation,
+    m_log.Write(ServiceEvent::kAgentStopped, EventKind::kInformation,
                 "The agent (process " + pid + ") stopped with exit code " +
                     std::to_string(m_agent->ExitCode()) + ".");
   } else {

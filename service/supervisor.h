@@ -120,7 +120,7 @@ class CAgentSupervisor {
   void StartAgent();
   void OnAgentEnded();
   void OnSettingsNotification();
-  void StopAgent(ServiceEvent reason);
+  void StopAgent();
   bool RestartDue() const;
   uint32_t NextTimeout() const;
 

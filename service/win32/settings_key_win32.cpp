@@ -92,28 +92,31 @@ std::wstring SettingsKeyAccess() {
 }
 
 SettingsSnapshot ReadSnapshot(HKEY key) {
-  DWORD count = 0, maxName = 0, maxData = 0;
-  if (::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &count,
-                         &maxName, &maxData, nullptr, nullptr) != ERROR_SUCCESS) {
-    return SettingsSnapshot::Missing();  // e.g. the key was deleted under us
-  }
-  SettingsSnapshot snapshot;
-  std::vector<wchar_t> name(maxName + 1);
-  std::vector<uint8_t> data(maxData);
-  for (DWORD i = 0;; ++i) {
-    DWORD nameLen = static_cast<DWORD>(name.size()), type = 0,
-          dataLen = static_cast<DWORD>(data.size());
-    const LSTATUS rc = ::RegEnumValueW(key, i, name.data(), &nameLen, nullptr, &type,
-                                       data.empty() ? nullptr : data.data(), &dataLen);
-    if (rc == ERROR_MORE_DATA) {
-      // A value grew between the two calls: read the whole key again.
-      return ReadSnapshot(key);
+  // A value that grows between the size query and the reading makes the
+  // reading start again, a few times at most.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    DWORD count = 0, maxName = 0, maxData = 0;
+    if (::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &count,
+                           &maxName, &maxData, nullptr, nullptr) != ERROR_SUCCESS) {
+      return SettingsSnapshot::Missing();  // e.g. the key was deleted under us
     }
-    if (rc != ERROR_SUCCESS) break;
-    snapshot.Add(win32::U(name.data(), nameLen), type,
-                 std::vector<uint8_t>(data.begin(), data.begin() + dataLen));
+    SettingsSnapshot snapshot;
+    std::vector<wchar_t> name(maxName + 1);
+    std::vector<uint8_t> data(maxData);
+    LSTATUS rc = ERROR_SUCCESS;
+    for (DWORD i = 0; rc == ERROR_SUCCESS; ++i) {
+      DWORD nameLen = static_cast<DWORD>(name.size()), type = 0,
+            dataLen = static_cast<DWORD>(data.size());
+      rc = ::RegEnumValueW(key, i, name.data(), &nameLen, nullptr, &type,
+                           data.empty() ? nullptr : data.data(), &dataLen);
+      if (rc == ERROR_SUCCESS) {
+        snapshot.Add(win32::U(name.data(), nameLen), type,
+                     std::vector<uint8_t>(data.begin(), data.begin() + dataLen));
+      }
+    }
+    if (rc != ERROR_MORE_DATA) return snapshot;
   }
-  return snapshot;
+  return SettingsSnapshot::Missing();
 }
 
 void RemoveServiceRegistry() {
