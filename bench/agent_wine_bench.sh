@@ -21,7 +21,7 @@ lab_netns_enter bash "$0" "$@"
 
 BUILD=$ROOT/build/mingw
 AGENT=$BUILD/agent/lindqvar-agent.exe
-CONTROL=$BUILD/tests/win32/agent/agent_control.exe
+CONTROL=$BUILD/tools/agent_control.exe
 DIAG=$BUILD/tools/lindqvar-diag.exe
 LAB=$ROOT/build/native/tools/lindqvar-lab-authenticator
 trap 'lab_stop; $WS -k 2>/dev/null' EXIT

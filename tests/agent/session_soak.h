@@ -54,7 +54,7 @@ class CSessionSoak {
     u.name = u"soak";
     u.domain = u"CORP";
     accounts.SetUser(5, u);
-    sessions.consoleSession = 5;
+    fake.sessions.consoleSession = 5;
     Configure(0);
   }
 
@@ -124,13 +124,7 @@ class CSessionSoak {
 
  private:
   Platform MakePlatform() {
-    Platform p;
-    p.support = &support;
-    p.registry = &registry;
-    p.network = &network;
-    p.sessions = &sessions;
-    p.window = &window;
-    p.timings = timings;
+    Platform p = fake.Get();
     p.accounts = &accounts;
     p.adapters = &adapters;
     p.console = &console;
@@ -155,12 +149,11 @@ class CSessionSoak {
     return resident * 4;
   }
 
-  FakeSupport support;
-  FakeRegistry registry;
-  FakeNetwork network;
-  FakeSessions sessions;
-  FakeSessionWindow window;
-  Timings timings = FakePlatform::ShortTimings();
+  FakePlatform fake;
+  FakeSupport& support = fake.support;
+  FakeRegistry& registry = fake.registry;
+  FakeNetwork& network = fake.network;
+  Timings& timings = fake.timings;
   FakeAccounts accounts;
   FakeAdapters adapters;
   FakeConsoleRunner console;

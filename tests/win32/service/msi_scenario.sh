@@ -6,34 +6,18 @@
 # LINDQState NOT_CONFIGURED, net start again, an upgrade keeps the settings,
 # and msiexec /x leaves nothing behind. Prints the measured times.
 #   msi_scenario.sh <wine-run> <lindqvar.msi> <next-version msi> <lab authenticator>
-#                   <pki dir> <client CA> <session_post.exe>
+#                   <pki dir> <client CA> <agent_control.exe>
 set -uo pipefail
 WINE_RUN=$1 MSI=$2 MSI_NEXT=$3 LAB=$4 PKI=$5 CLIENT_CA=$6 POST=$7
 
-# The machine gets what the agent reports: the host name lindqvar-msi
-# resolving to 10.78.0.5 on a veth pair that nothing else is connected to, so
-# no packet leaves. The script runs again inside new network, mount and
-# host-name namespaces, where they can be made; elsewhere it runs as it is
+# The machine of scripts/lib/agent-lab.sh (host lindqvar-ws with addresses
+# on a veth pair that nothing else is connected to): the script runs again
+# inside its namespaces, where they can be made; elsewhere it runs as it is
 # (and the agent may have no address to report).
-if [ -z "${LINDQVAR_MSI_NETNS:-}" ] && unshare -rnmu true 2>/dev/null; then
-  hosts=$(cd "$(dirname "$MSI")" && pwd)/scenario-hosts
-  printf '127.0.0.1 localhost\n10.78.0.5 lindqvar-msi.lab.example lindqvar-msi\n' > "$hosts"
-  export LINDQVAR_MSI_NETNS=1
-  exec unshare -rnmu bash -c '
-    set -e
-    mount --bind "$1" /etc/hosts
-    hostname lindqvar-msi
-    ip link set lo up
-    ip link add v0 type veth peer name v1
-    ip addr add 10.78.0.5/24 dev v0
-    ip link set v0 up
-    ip link set v1 up
-    shift
-    exec "$@"
-  ' bash "$hosts" bash "$0" "$@"
-fi
-W=/usr/lib/wine/wine64
-WS=/usr/lib/wine/wineserver
+ROOT=$(cd "$(dirname "$0")/../../.." && pwd)
+WORK=$(cd "$(dirname "$MSI")" && pwd)/msi-scenario
+. "$ROOT/scripts/lib/agent-lab.sh"
+if lab_netns_available; then lab_netns_enter bash "$0" "$@"; fi
 build=$(cd "$(dirname "$MSI")" && pwd)
 while [ "$build" != / ] && [ ! -f "$build/CMakeCache.txt" ]; do build=$(dirname "$build"); done
 BASE=${LINDQVAR_WINEPREFIX:-$build/wineprefix}
@@ -113,7 +97,7 @@ wait_report() {  # wait_report <port> <seconds>; the moment in $seen
 }
 # A delivery takes a second or two; the wait is longer when one is expected.
 REPORT_WAIT=30
-post_logon() { $W "$POST" --wait 40 5 1 > "$work/post.txt" 2>&1; }
+post_logon() { $W "$POST" post logon 1 > "$work/post.txt" 2>&1; }
 
 # The lab authenticator on two loopback ports: the second is the "changed"
 # server.

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "platform/os.h"
 #include "platform/win32/registry_values.h"
@@ -54,12 +55,46 @@ int Signal(const char* name) {
   return 1;
 }
 
+constexpr wchar_t kDetectorClass[] =
+    L"244AD2FA-BD34-4EE9-9C06-54D337C8ED71_session_detector_class";
+
+BOOL CALLBACK AddName(LPWSTR name, LPARAM names) {
+  reinterpret_cast<std::vector<std::wstring>*>(names)->push_back(name);
+  return TRUE;
+}
+
+// The window on this desktop, else on any desktop of any window station: an
+// agent started by a service lives on the service's desktop.
+HWND FindOnAnyDesktop() {
+  if (HWND w = ::FindWindowW(kDetectorClass, L"session_detector")) return w;
+  std::vector<std::wstring> stations;
+  ::EnumWindowStationsW(AddName, reinterpret_cast<LPARAM>(&stations));
+  const HWINSTA own = ::GetProcessWindowStation();
+  HWND found = nullptr;
+  for (const auto& station : stations) {
+    HWINSTA ws = ::OpenWindowStationW(station.c_str(), FALSE, WINSTA_ENUMDESKTOPS);
+    if (!ws) continue;
+    std::vector<std::wstring> desktops;
+    ::EnumDesktopsW(ws, AddName, reinterpret_cast<LPARAM>(&desktops));
+    if (::SetProcessWindowStation(ws)) {
+      for (size_t i = 0; i < desktops.size() && !found; ++i) {
+        if (HDESK desk = ::OpenDesktopW(desktops[i].c_str(), 0, FALSE, DESKTOP_READOBJECTS)) {
+          if (::SetThreadDesktop(desk)) found = ::FindWindowW(kDetectorClass, L"session_detector");
+          ::CloseDesktop(desk);
+        }
+      }
+      ::SetProcessWindowStation(own);
+    }
+    ::CloseWindowStation(ws);
+    if (found) break;  // the handle is good for PostMessageW from any desktop
+  }
+  return found;
+}
+
 // The agent's hidden window, waited for while the agent starts.
 HWND FindDetectorWindow() {
-  for (int i = 0; i < 300; ++i) {
-    if (HWND w = ::FindWindowW(L"244AD2FA-BD34-4EE9-9C06-54D337C8ED71_session_detector_class",
-                               L"session_detector"))
-      return w;
+  for (int i = 0; i < 400; ++i) {
+    if (HWND w = FindOnAnyDesktop()) return w;
     ::Sleep(100);
   }
   return nullptr;
