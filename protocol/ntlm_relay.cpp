@@ -71,7 +71,7 @@ void CNtlmRelay::Relay(CTlsConnection& connection, uint32_t session, NtlmOutcome
     outcome.key = key;
 
     std::string first;
-    m_package.MakeFirstToken(socketKey, key, first);
+    m_package.MakeFirstToken(socketKey, key, first, m_pIdentity);
     SendNtlmMessage(connection, MSG_NTLM_NEGOTIATE, key, first);
 
     CDecoder decoder;

@@ -36,6 +36,10 @@ class CNtlmRelay : public INtlmRelay {
   // (the connection's own limits bound it). Returns 0.
   void NtlmAuthenticate(CTlsConnection& connection, uint32_t session) override;
 
+  // Tools only: make the tokens from these credentials instead of the
+  // session user's own (still impersonating the user). Null: the agent's way.
+  void SetExplicitCredentials(const AuthIdentity* identity) { m_pIdentity = identity; }
+
   // The last exchange key handed out (100000 before the first relay).
   uint32_t LastKey() const { return m_dwNtlmKey.load(); }
   NtlmOutcome LastOutcome() const;
@@ -47,6 +51,7 @@ class CNtlmRelay : public INtlmRelay {
   ISupportLibrary& m_support;
   IImpersonation& m_impersonation;
   CNtlmPackage& m_package;
+  const AuthIdentity* m_pIdentity = nullptr;
   // Relays run under the session-table lock and never overlap; atomic only
   // so that tools may read it from another thread.
   std::atomic<uint32_t> m_dwNtlmKey{100000};
