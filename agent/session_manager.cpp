@@ -43,6 +43,12 @@ CSessionManager::CSessionManager(const Platform& platform)
       m_events(SessionEventParts{m_log, *platform.support, *platform.sessions, *platform.window,
                                  m_platform.timings, m_sessions, m_addresses, m_identifiers,
                                  *this}) {
+  if (platform.securityPackage && platform.impersonation) {
+    m_ntlmPackage = std::make_unique<CNtlmPackage>(*platform.securityPackage);
+    m_ntlmRelay = std::make_unique<CNtlmRelay>(m_log, *platform.support, *platform.impersonation,
+                                               *m_ntlmPackage);
+    m_delivery.SetNtlmRelay(m_ntlmRelay.get());
+  }
   SetState(kNotConfigured);
 }
 
@@ -126,6 +132,7 @@ uint32_t CSessionManager::Init() {
   m_network.Startup();
   OPENSSL_init_ssl(0, nullptr);
   OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+  if (m_ntlmPackage) m_ntlmPackage->PreparePackage();  // its result is not checked
 
   m_hostName = m_network.HostName();
   if (m_hostName.size() > 255) m_hostName.resize(255);

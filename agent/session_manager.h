@@ -20,6 +20,8 @@
 #include "platform/platform.h"
 #include "platform/worker_thread.h"
 #include "protocol/delivery.h"
+#include "protocol/ntlm_package.h"
+#include "protocol/ntlm_relay.h"
 #include "session/session_events.h"
 #include "session/session_table.h"
 #include "session/vir_window.h"
@@ -84,6 +86,9 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   uint32_t IPv6Count() const { return m_count6; }
   uint32_t ThreadExitCode(ThreadIndex i) const { return m_threads[i].ExitCode(); }
   CSessionTable& Sessions() { return m_sessions; }
+  // Null when the platform gives no NTLM package.
+  CNtlmPackage* NtlmPackage() { return m_ntlmPackage.get(); }
+  CNtlmRelay* NtlmRelay() { return m_ntlmRelay.get(); }
   CSessionEvents& Events() { return m_events; }
 
  private:
@@ -138,6 +143,10 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   CAddressDiscovery m_addresses;
   CIdentifiers m_identifiers;
   CAuthenticatorClient m_delivery;
+  // The NTLM client operations (one table for the process) and the relay
+  // that uses them.
+  std::unique_ptr<CNtlmPackage> m_ntlmPackage;
+  std::unique_ptr<CNtlmRelay> m_ntlmRelay;
   CSessionTable m_sessions;
   CSessionEvents m_events;
 };

@@ -9,6 +9,7 @@
 #include "platform/hyperv.h"
 #include "platform/network.h"
 #include "platform/registry.h"
+#include "platform/security_package.h"
 #include "platform/session_window.h"
 #include "platform/sessions.h"
 #include "platform/support.h"
@@ -27,6 +28,10 @@ struct Platform {
   IAdapters* adapters = nullptr;
   IConsoleRunner* console = nullptr;
   IHyperV* hyperv = nullptr;
+  // The NTLM package and impersonation, for the NTLM relay; without them an
+  // acknowledgement that asks for NTLM starts no relay.
+  ISecurityPackage* securityPackage = nullptr;
+  IImpersonation* impersonation = nullptr;
 };
 
 }  // namespace lindqvar

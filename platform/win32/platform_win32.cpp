@@ -6,6 +6,7 @@
 #include "platform/win32/hyperv_win32.h"
 #include "platform/win32/network_win32.h"
 #include "platform/win32/registry_win32.h"
+#include "platform/win32/security_package_win32.h"
 #include "platform/win32/session_window_win32.h"
 #include "platform/win32/sessions_win32.h"
 #include "platform/win32/support_win32.h"
@@ -23,6 +24,8 @@ struct CWindowsPlatform::Parts {
   CAdaptersWin32 adapters;
   CConsoleRunnerWin32 console;
   CHyperVWin32 hyperv;
+  CSecurityPackageWin32 securityPackage;
+  CImpersonationWin32 impersonation;
 };
 
 CWindowsPlatform::CWindowsPlatform(std::span<const CatalogueEvent> catalogue)
@@ -41,6 +44,8 @@ Platform CWindowsPlatform::Get() const {
   p.adapters = &m_parts->adapters;
   p.console = &m_parts->console;
   p.hyperv = &m_parts->hyperv;
+  p.securityPackage = &m_parts->securityPackage;
+  p.impersonation = &m_parts->impersonation;
   return p;
 }
 

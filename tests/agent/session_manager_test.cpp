@@ -68,6 +68,7 @@ TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
   EXPECT_EQ(m.Settings().PresharedKey(), "psk");
   EXPECT_EQ(m.DomainName(), "corp.example.test");
   EXPECT_EQ(fake.network.startups, 1);
+  EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
 }
 
 TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
@@ -292,6 +293,31 @@ TEST_F(ReportingTest, StartWithoutAReportableSessionSendsNothing) {
   }
   EXPECT_TRUE(fake.support.HasLine("failed to call WTSEnumerateSessions"));
   EXPECT_EQ(lab.Server().Finished(), 0u);
+}
+
+class NtlmReportingTest : public ReportingTest {
+ protected:
+  static lab::LabOptions NtlmOptions() {
+    auto o = testing::CLabFixture::Options("psk");
+    o.eventResult = 2;
+    o.ntlm = std::make_shared<testing::ScriptedAcceptor>(std::set<std::string>{"CORP\\mlind"});
+    return o;
+  }
+  NtlmReportingTest() : ReportingTest(NtlmOptions()) {}
+};
+
+TEST_F(NtlmReportingTest, ALogonWhoseAcknowledgementAsksForNtlmProvesTheSessionsUser) {
+  User(3, u"mlind");
+  fake.support.sessionUsers[3] = {"CORP", "mlind"};
+  fake.sessions.sessions = {{3, SessionState::kActive}};
+  CSessionManager m(P());
+  m.Start();
+  const auto r = lab.WaitReports(1)[0];
+  m.Stop();
+  EXPECT_EQ(r.ntlmEnd, "proven");
+  EXPECT_EQ(r.ntlmKey, 100001u);
+  EXPECT_TRUE(fake.support.HasLine("NTLM auth succeeded"));
+  EXPECT_EQ(RegistryState(), kConfiguredReachable);
 }
 
 TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {

@@ -139,7 +139,13 @@ bool FakeSupport::reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16
   return false;
 }
 bool FakeSupport::reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) { return false; }
-bool FakeSupport::GetTokenOfSession(uint32_t, std::unique_ptr<IUserToken>&) { return false; }
+bool FakeSupport::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const auto it = sessionUsers.find(session);
+  if (it == sessionUsers.end()) return false;
+  token = std::make_unique<FakeUserToken>(it->second.first, it->second.second);
+  return true;
+}
 
 // --- registry ---------------------------------------------------------------
 
@@ -384,6 +390,8 @@ Platform FakePlatform::Get() {
   p.network = &network;
   p.sessions = &sessions;
   p.window = &window;
+  p.securityPackage = &ntlm;
+  p.impersonation = &impersonation;
   p.timings = timings;
   return p;
 }

@@ -11,6 +11,7 @@
 
 #include "platform/event.h"
 #include "platform/platform.h"
+#include "tests/fakes/fake_security_package.h"
 
 namespace lindqvar::testing {
 
@@ -59,6 +60,8 @@ class FakeSupport : public ISupportLibrary {
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
   std::u16string guid;  // empty: cfg_get_velmora_guid fails
+  // Sessions whose token GetTokenOfSession gives: id -> (domain, user).
+  std::map<uint32_t, std::pair<std::string, std::string>> sessionUsers;
 
  private:
   mutable std::mutex m_mutex;
@@ -189,6 +192,8 @@ struct FakePlatform {
   FakeNetwork network;
   FakeSessions sessions;
   FakeSessionWindow window;
+  FakeSecurityPackage ntlm;
+  FakeImpersonation impersonation;
   Timings timings = ShortTimings();
 
   static Timings ShortTimings();

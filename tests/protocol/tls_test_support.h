@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 
 #include <atomic>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -53,6 +54,39 @@ class CTestMaterial {
   CertificateItem Encrypt(const std::string& plain, std::vector<uint8_t>& into);
   CertificateMaterial m_material;
   std::vector<uint8_t> m_items[5];
+};
+
+// The lab's acceptor for the fake NTLM package's tokens: the final token
+// must name an account it knows and carry the challenge it issued.
+class ScriptedAcceptor : public lab::INtlmAcceptor {
+ public:
+  explicit ScriptedAcceptor(std::set<std::string> accounts) : m_accounts(std::move(accounts)) {}
+  std::unique_ptr<lab::INtlmAcceptance> Begin(std::string&) override {
+    return std::make_unique<Acceptance>(m_accounts, "CHALLENGE-" + std::to_string(++m_serial));
+  }
+
+ private:
+  struct Acceptance : lab::INtlmAcceptance {
+    Acceptance(const std::set<std::string>& a, std::string c) : accounts(a), challenge(std::move(c)) {}
+    bool Challenge(const std::string& negotiate, std::string& out, std::string& error) override {
+      if (negotiate != "NEGOTIATE") return error = "not a negotiate token", false;
+      out = challenge;
+      return true;
+    }
+    bool Verify(const std::string& token, std::string& user, std::string& domain,
+                std::string&) override {
+      // "AUTHENTICATE DOMAIN\user CHALLENGE"
+      const size_t who = token.find(' '), slash = token.find('\\'), answer = token.rfind(' ');
+      if (token.rfind("AUTHENTICATE ", 0) != 0 || slash == std::string::npos) return false;
+      domain = token.substr(who + 1, slash - who - 1);
+      user = token.substr(slash + 1, answer - slash - 1);
+      return token.substr(answer + 1) == challenge && accounts.count(domain + "\\" + user);
+    }
+    const std::set<std::string>& accounts;
+    std::string challenge;
+  };
+  std::set<std::string> m_accounts;
+  int m_serial = 0;
 };
 
 // A lab authenticator on one loopback address, stopped by the destructor.

@@ -18,6 +18,7 @@
 #include "platform/os.h"
 #include "platform/socket.h"
 #include "protocol/delivery.h"
+#include "protocol/ntlm_relay.h"
 #include "protocol/vlx_crypt.h"
 
 namespace lindqvar::diag {
@@ -61,6 +62,10 @@ const char kUsage[] =
     "  --timeout-ms N         limit of every message read or written (default 5000,\n"
     "                         as the agent); the whole exchange with one server is\n"
     "                         limited to four times that\n"
+    "  --ntlm-user DOMAIN\\USER  when a server asks for NTLM proof, prove this user\n"
+    "  --ntlm-password-file FILE  ... with the password from the first line of FILE\n"
+    "                         (without them: the user of --session, as the agent does;\n"
+    "                         Windows only)\n"
     "  --verbose              also show every debug line the agent's code logs\n"
     "  --help\n"
     "\n"
@@ -168,7 +173,9 @@ class CDiagSupport : public ISupportLibrary {
   bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override {
     return m_system && m_system->reg_valueexistsbykeyW(key, name);
   }
-  bool GetTokenOfSession(uint32_t, std::unique_ptr<IUserToken>&) override { return false; }
+  bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override {
+    return m_system && m_system->GetTokenOfSession(session, token);
+  }
 
  private:
   void Print(const char* kind, std::string_view line) {
@@ -236,8 +243,8 @@ const char* StageAdvice(ExchangeStage stage) {
 
 class CDiagObserver : public IExchangeObserver {
  public:
-  CDiagObserver(std::FILE* out, size_t total, bool eventMode)
-      : m_out(out), m_total(total), m_eventMode(eventMode) {}
+  CDiagObserver(std::FILE* out, size_t total, bool eventMode, const CNtlmRelay* relay)
+      : m_out(out), m_total(total), m_eventMode(eventMode), m_relay(relay) {}
 
   // Printed before each exchange, so the agent's log lines follow it.
   void OnExchangeStart(const ServerEntry& server) override {
@@ -278,10 +285,11 @@ class CDiagObserver : public IExchangeObserver {
         std::fprintf(m_out, "      event acknowledged: result %u", r.eventResult);
         if (r.keepAliveInterval) std::fprintf(m_out, ", keep-alive interval %u s", r.keepAliveInterval);
         std::fprintf(m_out, "\n");
-        if (r.eventResult == 2)
+        if (r.eventResult == 2 && !m_relay)
           std::fprintf(m_out,
                        "      the server asks for NTLM authentication of the user; this tool "
-                       "does not run it\n");
+                       "does not run it here\n");
+        if (r.eventResult == 2 && m_relay) PrintRelay(m_relay->LastOutcome());
       } else {
         std::fprintf(m_out,
                      "      the reply was not an event acknowledgement (the agent counts the "
@@ -300,9 +308,19 @@ class CDiagObserver : public IExchangeObserver {
   size_t Passed() const { return m_passed; }
 
  private:
+  void PrintRelay(const NtlmOutcome& o) {
+    std::fprintf(m_out, "      NTLM relay (exchange key %u): ", o.key);
+    if (o.result == 1)
+      std::fprintf(m_out, "the server says the user is proven (result 1)\n");
+    else if (o.result >= 0)
+      std::fprintf(m_out, "the server says the proof FAILED (result %d)\n", o.result);
+    else
+      std::fprintf(m_out, "ended early: %s\n", o.failure.c_str());
+  }
   std::FILE* m_out;
   size_t m_total;
   bool m_eventMode;
+  const CNtlmRelay* m_relay;
   size_t m_index = 0;
   size_t m_passed = 0;
 };
@@ -438,6 +456,20 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
         error = "--timeout-ms needs a number above 0";
         return false;
       }
+    } else if (a == "--ntlm-user") {
+      if (!value(v) || v.find('\\') == std::string::npos) {
+        error = "--ntlm-user needs DOMAIN\\USER";
+        return false;
+      }
+      o.ntlmUser = v;
+    } else if (a == "--ntlm-password-file") {
+      std::ifstream in;
+      if (value(v)) in.open(v, std::ios::binary);
+      if (!in || !std::getline(in, o.ntlmPassword)) {
+        error = "--ntlm-password-file: cannot read " + v;
+        return false;
+      }
+      if (!o.ntlmPassword.empty() && o.ntlmPassword.back() == '\r') o.ntlmPassword.pop_back();
     } else if (a == "--verbose" || a == "-v") {
       o.verbose = true;
     } else {
@@ -463,7 +495,7 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
 }
 
 int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
-            std::FILE* out) {
+            std::FILE* out, ISecurityPackage* ntlm, IImpersonation* impersonation) {
   SocketLibraryScope sockets;
   if (!sockets.ok()) {
     std::fprintf(out, "The socket library cannot start.\n");
@@ -542,7 +574,24 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   CDiagNetwork network;
   CAuthenticatorClient client(log, support, network, timings, keepAlive, host);
   const bool eventMode = options.command == "send";
-  CDiagObserver observer(out, servers.size(), eventMode);
+  std::unique_ptr<CNtlmPackage> ntlmPackage;
+  std::unique_ptr<CNtlmRelay> relay;
+  AuthIdentity identity;
+  if (eventMode && ntlm && impersonation) {
+    // The package's own prints would mix with this report: drop them.
+    ntlmPackage = std::make_unique<CNtlmPackage>(*ntlm, [](const std::string&) {});
+    ntlmPackage->PreparePackage();
+    relay = std::make_unique<CNtlmRelay>(log, support, *impersonation, *ntlmPackage);
+    if (!options.ntlmUser.empty()) {
+      const size_t slash = options.ntlmUser.find('\\');
+      identity.domain = Utf8ToWide(options.ntlmUser.substr(0, slash));
+      identity.user = Utf8ToWide(options.ntlmUser.substr(slash + 1));
+      identity.password = Utf8ToWide(options.ntlmPassword);
+      relay->SetExplicitCredentials(&identity);
+    }
+    client.SetNtlmRelay(relay.get());
+  }
+  CDiagObserver observer(out, servers.size(), eventMode, relay.get());
   client.SetObserver(&observer);
   client.SetServerVerification(verification);
   g_fatalOut = out;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "platform/security_package.h"
 #include "platform/support.h"
 #include "tools/diag/diag_event.h"
 
@@ -39,6 +40,10 @@ struct DiagOptions {
   bool verifyServer = false;              // --verify-server: as with VerifyServer 1
   bool pinsGiven = false;
   std::string pins;                       // --pin: fingerprints, ";"-separated
+  // NTLM relay with explicit credentials (--ntlm-user, --ntlm-password-file);
+  // without them the session's user's own credentials.
+  std::string ntlmUser;                   // "DOMAIN\\user"
+  std::string ntlmPassword;
   uint32_t timeoutMs = 5000;
   bool verbose = false;
   bool help = false;
@@ -53,7 +58,10 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
 // support library (agent settings, client GUID, FIPS flag) and `registry`
 // the machine's registry (server verification values), or null where there
 // are none; whatever the command line gives takes precedence.
+// `ntlm` and `impersonation` (both or neither) let `send` run the NTLM relay
+// when a server asks for it; without them the request is only shown.
 int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
-            std::FILE* out);
+            std::FILE* out, ISecurityPackage* ntlm = nullptr,
+            IImpersonation* impersonation = nullptr);
 
 }  // namespace lindqvar::diag

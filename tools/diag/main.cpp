@@ -7,6 +7,7 @@
 
 #ifdef _WIN32
 #include "platform/win32/registry_win32.h"
+#include "platform/win32/security_package_win32.h"
 #include "platform/win32/support_win32.h"
 #endif
 
@@ -28,7 +29,9 @@ int main(int argc, char** argv) {
   // agent reads them.
   lindqvar::win32::CSupportLibraryWin32 system({});
   lindqvar::win32::CRegistryWin32 registry;
-  return RunDiag(options, &system, &registry, stdout);
+  lindqvar::win32::CSecurityPackageWin32 ntlm;
+  lindqvar::win32::CImpersonationWin32 impersonation;
+  return RunDiag(options, &system, &registry, stdout, &ntlm, &impersonation);
 #else
   return RunDiag(options, nullptr, nullptr, stdout);
 #endif

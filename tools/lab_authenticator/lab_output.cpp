@@ -103,6 +103,13 @@ std::string JsonConnection(const ConnectionReport& r) {
   out += Field("event_ack_sent", r.eventAckSent);
   out += Field("event_result", uint64_t{r.eventResult});
   out += Field("keepalive", uint64_t{r.keepAliveInterval});
+  if (r.ntlmStarted) {
+    // Who the relay proved, never its tokens.
+    out += ",\"ntlm\":{\"key\":" + std::to_string(r.ntlmKey) + Field("proven", r.ntlmProven) +
+           Field("user", r.ntlmUser) + Field("domain", r.ntlmDomain) +
+           Field("result_sent", r.ntlmResultSent) + Field("result", uint64_t{r.ntlmResult}) +
+           Field("end", r.ntlmEnd) + "}";
+  }
   out += Field("end", r.end);
   return out + "}";
 }
@@ -155,6 +162,13 @@ std::string TextConnection(const ConnectionReport& r) {
     out += "  event acknowledged with result " + std::to_string(r.eventResult) +
            (r.keepAliveInterval ? ", keep-alive " + std::to_string(r.keepAliveInterval) + " s" : "") +
            "\n";
+  if (r.ntlmStarted) {
+    out += "  NTLM relay, key " + std::to_string(r.ntlmKey) + ": " +
+           (r.ntlmProven ? "proven " : "not proven ") +
+           (r.ntlmUser.empty() ? std::string("(no user)") : r.ntlmDomain + "\\" + r.ntlmUser) +
+           " (" + r.ntlmEnd + ")" +
+           (r.ntlmResultSent ? ", result " + std::to_string(r.ntlmResult) + " sent" : "") + "\n";
+  }
   out += "  end: " + r.end;
   return out;
 }

@@ -111,6 +111,10 @@ const char* FaultName(Fault fault) {
     case Fault::kLongVersion: return "long-version";
     case Fault::kDribble: return "dribble";
     case Fault::kDribbleTls: return "dribble-tls";
+    case Fault::kNtlmNoChallenge: return "ntlm-no-challenge";
+    case Fault::kNtlmWrongReply: return "ntlm-wrong-reply";
+    case Fault::kNtlmBadChallenge: return "ntlm-bad-challenge";
+    case Fault::kNtlmNoResult: return "ntlm-no-result";
   }
   return "none";
 }
@@ -118,7 +122,9 @@ const char* FaultName(Fault fault) {
 bool ParseFault(const std::string& text, Fault& out) {
   for (Fault f : {Fault::kNone, Fault::kRejectHello, Fault::kCloseAfterHelloAck, Fault::kStall,
                   Fault::kStallTls, Fault::kOversizedFrame, Fault::kMalformedFrame,
-                  Fault::kShortFrame, Fault::kLongVersion, Fault::kDribble, Fault::kDribbleTls}) {
+                  Fault::kShortFrame, Fault::kLongVersion, Fault::kDribble, Fault::kDribbleTls,
+                  Fault::kNtlmNoChallenge, Fault::kNtlmWrongReply, Fault::kNtlmBadChallenge,
+                  Fault::kNtlmNoResult}) {
     if (text == FaultName(f)) {
       out = f;
       return true;
@@ -530,7 +536,113 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   report.eventAckSent = true;
   report.eventResult = m_options.eventResult;
   report.keepAliveInterval = m_options.keepAliveInterval;
+  if (m_options.eventResult == 2) NtlmDialogue(ssl, report, fault);
   report.end = "complete";
+}
+
+namespace {
+
+// Reads an NTLM message of the agent: its key and its token (base64 text,
+// decoded). False when the message has another code or no token.
+bool ReadNtlmMessage(CDecoder& in, uint8_t expected, uint32_t& key, std::string& token) {
+  if (!in.next() || in.code() != expected) return false;
+  bool seen = false;
+  while (in.next()) {
+    if (in.code() == ATTR_ID && in.type() == TYPE_U32) key = in.value_u32();
+    if (in.code() == ATTR_NTLM_TOKEN && (in.type() == TYPE_BYTES || in.type() == TYPE_STRING)) {
+      int32_t length = 0;
+      auto bytes = base64_decode(reinterpret_cast<const char*>(in.value_data()), in.value_size(),
+                                 &length);
+      if (!bytes || length <= 0) return false;
+      token.assign(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(length));
+      seen = true;
+    }
+  }
+  return seen;
+}
+
+std::string Base64(const std::string& raw) {
+  std::string text(base64_encoded_size(static_cast<uint32_t>(raw.size())), '\0');
+  text.resize(base64_encode(reinterpret_cast<const uint8_t*>(raw.data()),
+                            static_cast<uint32_t>(raw.size()), text.data()));
+  return text;
+}
+
+}  // namespace
+
+void CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
+  report.ntlmStarted = true;
+  CDecoder in;
+  std::string negotiate, authenticate, error;
+  auto keepFrame = [&] { report.ntlmFrames.emplace_back(in.buffer(), in.buffer() + in.total_length()); };
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
+    report.ntlmEnd = "no NTLM message 1";
+    return;
+  }
+  keepFrame();
+  if (!ReadNtlmMessage(in, MSG_NTLM_NEGOTIATE, report.ntlmKey, negotiate)) {
+    report.ntlmEnd = "NTLM message 1 unreadable";
+    return;
+  }
+  if (fault == Fault::kNtlmNoChallenge) {
+    report.ntlmEnd = "closed after NTLM message 1";
+    return;
+  }
+
+  std::unique_ptr<INtlmAcceptance> acceptance;
+  std::string challenge;
+  if (fault != Fault::kNtlmWrongReply && fault != Fault::kNtlmBadChallenge) {
+    if (!m_options.ntlm) {
+      report.ntlmEnd = "no NTLM acceptor configured";
+      return;
+    }
+    acceptance = m_options.ntlm->Begin(error);
+    if (!acceptance || !acceptance->Challenge(negotiate, challenge, error)) {
+      report.ntlmEnd = "NTLM message 1 refused: " + error;
+      return;
+    }
+  }
+
+  CEncoder out(kReplyEncoderCapacity);
+  if (fault == Fault::kNtlmWrongReply) {
+    out.begin_message(MSG_NTLM_RESULT);
+    out.add_u32(ATTR_NTLM_STATUS, 0);
+    out.end_group(MSG_NTLM_RESULT);
+  } else {
+    const std::string text = fault == Fault::kNtlmBadChallenge ? "%%%%" : Base64(challenge);
+    out.begin_message(MSG_NTLM_CHALLENGE);
+    out.add_u32(ATTR_ID, report.ntlmKey);
+    out.add_bytes(ATTR_NTLM_TOKEN, text.data(), static_cast<uint32_t>(text.size()));
+    out.end_group(MSG_NTLM_CHALLENGE);
+  }
+  if (!WriteMessage(ssl, out, fault)) {
+    report.ntlmEnd = "NTLM message 2 could not be sent";
+    return;
+  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
+    report.ntlmEnd = "no NTLM message 3";
+    return;
+  }
+  keepFrame();
+  uint32_t key = 0;
+  if (!ReadNtlmMessage(in, MSG_NTLM_AUTHENTICATE, key, authenticate) || !acceptance) {
+    report.ntlmEnd = "NTLM message 3 unreadable";
+    return;
+  }
+  report.ntlmProven = acceptance->Verify(authenticate, report.ntlmUser, report.ntlmDomain, error);
+  if (fault == Fault::kNtlmNoResult) {
+    report.ntlmEnd = "closed after NTLM message 3";
+    return;
+  }
+  report.ntlmResult = report.ntlmProven ? 1 : 0;
+  out.reset();
+  out.begin_message(MSG_NTLM_RESULT);
+  // The agent reads this word without byte-order conversion, so it goes out
+  // in the order of a little-endian agent: 1 arrives as 1.
+  out.add_u32(ATTR_NTLM_STATUS, report.ntlmResult << 24);
+  out.end_group(MSG_NTLM_RESULT);
+  report.ntlmResultSent = WriteMessage(ssl, out, fault);
+  report.ntlmEnd = report.ntlmProven ? "proven" : "not proven" + (error.empty() ? "" : ": " + error);
 }
 
 void CLabAuthenticator::Finish(const ConnectionReport& report) {

@@ -41,9 +41,34 @@ enum class Fault {
   kLongVersion,         // a hello whose version text is 32 bytes long
   kDribble,             // TLS at full speed, then every message one byte per interval
   kDribbleTls,          // every byte on the wire one per interval, the handshake first
+  kNtlmNoChallenge,     // NTLM: close after the agent's message 1
+  kNtlmWrongReply,      // NTLM: answer message 1 with a result message instead of message 2
+  kNtlmBadChallenge,    // NTLM: message 2 whose token is not base64
+  kNtlmNoResult,        // NTLM: close after the agent's message 3
 };
 const char* FaultName(Fault fault);
 bool ParseFault(const std::string& text, Fault& out);
+
+// The server side of one NTLM exchange. Tokens are the raw NTLM messages.
+// The lab never prints or logs them.
+class INtlmAcceptance {
+ public:
+  virtual ~INtlmAcceptance() = default;
+  // NEGOTIATE in, CHALLENGE out. False with a reason when refused.
+  virtual bool Challenge(const std::string& negotiate, std::string& challenge,
+                         std::string& error) = 0;
+  // AUTHENTICATE in: true when the user's response proves the password.
+  // `user` and `domain` are those the client named, whether proven or not.
+  virtual bool Verify(const std::string& authenticate, std::string& user, std::string& domain,
+                      std::string& error) = 0;
+};
+
+class INtlmAcceptor {
+ public:
+  virtual ~INtlmAcceptor() = default;
+  // A fresh exchange for one connection; null when none can be started.
+  virtual std::unique_ptr<INtlmAcceptance> Begin(std::string& error) = 0;
+};
 
 struct LabOptions {
   std::vector<SocketAddress> listen;  // port 0: any free port
@@ -63,6 +88,10 @@ struct LabOptions {
   uint32_t dribbleMs = 2000;       // dribble faults: pause before each byte
   uint32_t ioTimeoutMs = 10000;    // limit of every read and write
   uint32_t maxMessage = 1u << 20;  // largest message accepted from an agent
+  // Plays the server side of the NTLM relay after an event acknowledgement
+  // with result 2; without one the relay's message 1 is read and the
+  // exchange ends there.
+  std::shared_ptr<INtlmAcceptor> ntlm;
 };
 
 // Reads the session records of a received message; `code` gets the
@@ -98,6 +127,17 @@ struct ConnectionReport {
   bool eventAckSent = false;
   uint32_t eventResult = 0;
   uint32_t keepAliveInterval = 0;
+  // The NTLM relay (after an event acknowledgement with result 2).
+  bool ntlmStarted = false;
+  uint32_t ntlmKey = 0;
+  bool ntlmProven = false;
+  std::string ntlmUser;
+  std::string ntlmDomain;
+  uint32_t ntlmResult = 0;    // what message 141 said, when sent
+  bool ntlmResultSent = false;
+  std::string ntlmEnd;        // "proven", "not proven", or what ended it early
+  // The agent's NTLM messages as received, for tests; never printed.
+  std::vector<std::vector<uint8_t>> ntlmFrames;
   std::string end;  // "complete", or what ended the dialogue early
 };
 
@@ -142,6 +182,8 @@ class CLabAuthenticator {
   void AcceptLoop(size_t listener);
   void Serve(CSocket socket, SocketAddress peer, std::string listener, uint64_t number);
   void Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // The server side of the relay: messages 136 to 141.
+  void NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault);
   // Writes a whole message; with the dribble fault one byte per interval.
   // False when the peer is gone or the server stops.
   bool WriteMessage(SSL* ssl, const CEncoder& message, Fault fault);

@@ -14,6 +14,7 @@
 #include "platform/os.h"
 #include "tools/lab_authenticator/lab_output.h"
 #include "tools/lab_authenticator/lab_server.h"
+#include "tools/lab_authenticator/ntlm_acceptor.h"
 
 using namespace lindqvar;
 using namespace lindqvar::lab;
@@ -51,10 +52,14 @@ const char kUsage[] =
     "                          digest checks out, else 0)\n"
     "  --event-result N        event acknowledgement result (default 1)\n"
     "  --keepalive SECONDS     keep-alive interval sent with the event acknowledgement\n"
+    "NTLM proof of the user:\n"
+    "  --ntlm-users FILE       ask for NTLM proof of every event's user (event result\n"
+    "                          2) and check it against FILE, lines DOMAIN:user:password\n"
     "Faults:\n"
     "  --fault NAME            reject-hello, close-after-hello-ack, stall, stall-tls,\n"
     "                          oversized-frame, malformed-frame, short-frame, long-version,\n"
-    "                          dribble, dribble-tls\n"
+    "                          dribble, dribble-tls, ntlm-no-challenge, ntlm-wrong-reply,\n"
+    "                          ntlm-bad-challenge, ntlm-no-result\n"
     "  --fault-connections N   only the first N connections misbehave (default: all)\n"
     "  --oversized-length N    length announced by oversized-frame (default 67108864)\n"
     "  --stall-ms N            longest stall (default 60000)\n"
@@ -176,6 +181,12 @@ int main(int argc, char** argv) {
       if (!in || !std::getline(in, psk)) return Fail(std::string("cannot read ") + v);
       if (!psk.empty() && psk.back() == '\r') psk.pop_back();
       pskGiven = true;
+    } else if (arg == "--ntlm-users") {
+      if (!value(v)) return Fail("--ntlm-users needs a file");
+      std::string error;
+      options.ntlm = MakeGssNtlmAcceptor(v, error);
+      if (!options.ntlm) return Fail(error);
+      options.eventResult = 2;
     } else if (arg == "--fault") {
       if (!value(v) || !ParseFault(v, options.fault)) return Fail("unknown --fault; see --help");
     } else if (arg == "--flags" || arg == "--hello-id" || arg == "--hello-result" ||

@@ -1,0 +1,130 @@
+#include "protocol/ntlm_relay.h"
+
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "protocol/codec.h"
+#include "protocol/tls.h"
+
+namespace lindqvar {
+
+namespace {
+
+bool SendNtlmMessage(CTlsConnection& connection, uint8_t code, uint32_t key,
+                     const std::string& token) {
+  CEncoder message(kReplyEncoderCapacity);
+  message.begin_message(code);
+  message.add_u32(ATTR_ID, key);
+  message.add_bytes(ATTR_NTLM_TOKEN, token.c_str(), static_cast<uint32_t>(token.size()));
+  message.end_group(code);
+  uint32_t length = 0;
+  const uint8_t* bytes = message.get_buffer(&length);
+  // A failed write shows as the next read failing.
+  return bytes && connection.Write(bytes, length) > 0;
+}
+
+}  // namespace
+
+void CNtlmRelay::NtlmAuthenticate(CTlsConnection& connection, uint32_t session) {
+  NtlmOutcome outcome;
+  // A thread of its own, so that the impersonation ends with it.
+  std::thread relay([&] { Relay(connection, session, outcome); });
+  relay.join();
+  std::lock_guard<std::mutex> lock(m_outcomeLock);
+  m_lastOutcome = outcome;
+}
+
+NtlmOutcome CNtlmRelay::LastOutcome() const {
+  std::lock_guard<std::mutex> lock(m_outcomeLock);
+  return m_lastOutcome;
+}
+
+void CNtlmRelay::Relay(CTlsConnection& connection, uint32_t session, NtlmOutcome& outcome) {
+  std::unique_ptr<IUserToken> impersonation;
+  std::unique_ptr<char[]> challenge;
+  const uint32_t socketKey = static_cast<uint32_t>(connection.socket.native());
+  uint32_t key = 0;
+  auto fail = [&](const char* text) {
+    m_log.Error("%s", text);
+    outcome.failure = text;
+  };
+
+  do {
+    std::unique_ptr<IUserToken> token;
+    if (!m_support.GetTokenOfSession(session, token) || !token) {
+      m_log.Error("Failed to get token of session %d", static_cast<int>(session));
+      outcome.failure = "Failed to get token of session";
+      break;
+    }
+    if (!m_impersonation.DuplicateForImpersonation(*token, impersonation)) {
+      impersonation.reset();
+      outcome.failure = "DuplicateToken failed";
+      break;  // silently, as nothing can be done about it
+    }
+    // From here on this thread acts as the session's user; it is not
+    // reverted, the thread ends after the relay.
+    m_impersonation.SetThreadToken(*impersonation);
+    token.reset();
+
+    key = ++m_dwNtlmKey;
+    outcome.key = key;
+
+    std::string first;
+    m_package.MakeFirstToken(socketKey, key, first, m_pIdentity);
+    SendNtlmMessage(connection, MSG_NTLM_NEGOTIATE, key, first);
+
+    CDecoder decoder;
+    if (!connection.ReceiveMessage(decoder)) {
+      fail("ReceiveServerReply(), failed to receive NTLM message 2 from authenticator");
+      break;
+    }
+    if (!decoder.next() || decoder.code() != MSG_NTLM_CHALLENGE) {
+      fail("msg_decode_NTLM_auth_type2(), failed to decode NTLM message 2 from authenticator");
+      break;
+    }
+    uint32_t challengeLength = 0;
+    while (decoder.next()) {
+      if (decoder.code() == ATTR_ID) {
+        (void)decoder.value_u32();  // read, not checked
+      } else if (decoder.code() == ATTR_NTLM_TOKEN &&
+                 (decoder.type() == TYPE_BYTES || decoder.type() == TYPE_STRING)) {
+        challengeLength = decoder.value_size();
+        challenge.reset(new char[challengeLength + 1]());
+        std::memcpy(challenge.get(), decoder.value_data(), challengeLength);
+      }
+    }
+
+    std::string final;
+    m_package.MakeFinalToken(socketKey, key, challenge.get(), challengeLength, final);
+    if (final.empty()) {
+      fail("Failed to generate message 3\n");
+      break;
+    }
+    SendNtlmMessage(connection, MSG_NTLM_AUTHENTICATE, key, final);
+
+    if (!connection.ReceiveMessage(decoder)) {
+      fail("failed to receive NTLM auth result after message 3 from authenticator");
+      break;
+    }
+    int32_t result = -1;
+    if (decoder.next() && decoder.code() == MSG_NTLM_RESULT) {
+      while (decoder.next())
+        if (decoder.code() == ATTR_NTLM_STATUS && decoder.type() == TYPE_U32)
+          result = static_cast<int32_t>(decoder.value_raw_u32());
+    }
+    outcome.result = result;
+    if (result == 1)
+      m_log.Debug("NTLM auth succeeded");
+    else
+      m_log.Error("NTLM auth failed");
+  } while (false);
+
+  // Clean-up, in this order: the impersonation token, the challenge, the
+  // key's NTLM context.
+  impersonation.reset();
+  challenge.reset();
+  if (key) m_package.DropExchange(socketKey, key);
+}
+
+}  // namespace lindqvar

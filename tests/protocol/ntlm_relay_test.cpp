@@ -1,0 +1,220 @@
+// The NTLM relay against the lab authenticator on 127.0.0.1, with the fake
+// package and a scripted acceptor that checks the fake's tokens.
+#include <gssapi/gssapi.h>
+#include <gssapi/gssapi_ext.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include <set>
+
+#include "protocol/ntlm_relay.h"
+#include "tools/lab_authenticator/ntlm_acceptor.h"
+#include "tests/protocol/tls_test_support.h"
+
+namespace lindqvar::testing {
+namespace {
+
+using lab::Fault;
+
+constexpr char kKey[] = "lab-preshared-16";
+
+// One attribute as the wire has it (big-endian length, code, type, value).
+std::vector<uint8_t> Attribute(uint8_t code, uint8_t type, const std::vector<uint8_t>& value) {
+  const uint32_t n = static_cast<uint32_t>(value.size()) + 6;
+  std::vector<uint8_t> out{uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n), code, type};
+  out.insert(out.end(), value.begin(), value.end());
+  return out;
+}
+std::vector<uint8_t> NtlmFrame(uint8_t code, uint32_t key, const std::string& base64) {
+  std::vector<uint8_t> body = Attribute(1, 3, {uint8_t(key >> 24), uint8_t(key >> 16), uint8_t(key >> 8), uint8_t(key)});
+  const auto token = Attribute(160, 1, std::vector<uint8_t>(base64.begin(), base64.end()));
+  body.insert(body.end(), token.begin(), token.end());
+  return Attribute(code, 6, body);
+}
+
+class NtlmRelayTest : public ::testing::Test {
+ protected:
+  NtlmRelayTest() {
+    agent.support.sessionUsers[7] = {"CORP", "alice"};
+    agent.client->SetNtlmRelay(&relay);
+  }
+  lab::LabOptions Options(Fault fault = Fault::kNone) {
+    auto options = CLabFixture::Options(kKey);
+    options.eventResult = 2;
+    options.fault = fault;
+    options.ntlm = acceptor;
+    return options;
+  }
+  size_t LinesWith(const std::string& text) const {
+    size_t n = 0;
+    for (const auto& line : agent.support.Lines()) n += line.text == text;
+    return n;
+  }
+  void ExpectNoSecretLogged() {
+    for (const auto& line : agent.support.Lines())
+      for (const char* secret : {"NEGOTIATE", "CHALLENGE", "AUTHENTICATE", "TkVHT1RJQVRF", "Q0hBTExFTkdF"})
+        EXPECT_EQ(std::string::npos, line.text.find(secret)) << line.text;
+  }
+
+  CDeliveryHarness agent{kKey};
+  FakeSecurityPackage package;
+  FakeImpersonation impersonation;
+  std::string printed;
+  CNtlmPackage ntlm{package, [this](const std::string& s) { printed += s; }};
+  CNtlmRelay relay{agent.log, agent.support, impersonation, ntlm};
+  std::shared_ptr<ScriptedAcceptor> acceptor =
+      std::make_shared<ScriptedAcceptor>(std::set<std::string>{"CORP\\alice"});
+};
+
+TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays) {
+  CLabFixture lab(Options());
+  agent.AddServer("127.0.0.1", lab.Port());
+  for (uint32_t key : {100001u, 100002u}) {
+    SCOPED_TRACE(key);
+    ASSERT_TRUE(agent.Deliver(7));
+    const auto r = lab.WaitReports(key - 100000).back();
+    EXPECT_EQ("complete", r.end);
+    EXPECT_EQ("proven", r.ntlmEnd);
+    EXPECT_EQ("alice", r.ntlmUser);
+    EXPECT_EQ("CORP", r.ntlmDomain);
+    EXPECT_EQ(key, r.ntlmKey);
+    // The agent's messages, byte for byte: its key and its tokens as base64.
+    ASSERT_EQ(2u, r.ntlmFrames.size());
+    EXPECT_EQ(NtlmFrame(136, key, "TkVHT1RJQVRF"), r.ntlmFrames[0]);
+    const std::string answer = "AUTHENTICATE CORP\\alice CHALLENGE-" + std::to_string(key - 100000);
+    std::string encoded(base64_encoded_size(uint32_t(answer.size())), '\0');
+    encoded.resize(base64_encode(reinterpret_cast<const uint8_t*>(answer.data()), uint32_t(answer.size()), encoded.data()));
+    EXPECT_EQ(NtlmFrame(138, key, encoded), r.ntlmFrames[1]);
+    EXPECT_EQ(key, relay.LastKey());
+    EXPECT_EQ(1, relay.LastOutcome().result);
+  }
+  EXPECT_EQ(2u, LinesWith("NTLM auth succeeded"));
+  // The tokens were made as the session's user on the relay's own thread.
+  EXPECT_EQ(2, impersonation.threadTokensSet.load());
+  EXPECT_EQ("", FakeImpersonation::ThreadUser());
+  EXPECT_EQ(0u, ntlm.ExchangeCount());
+  EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
+  ExpectNoSecretLogged();
+}
+
+TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCounts) {
+  struct Row {
+    const char* name;
+    Fault fault;
+    uint32_t eventResult;
+    uint32_t session;
+    const char* text;     // the relay's one log line; null: none
+    const char* labEnd;   // how the lab saw the relay; null: no relay
+  } rows[] = {
+      {"no token for the session", Fault::kNone, 2, 8, "Failed to get token of session 8", "no NTLM message 1"},
+      {"no message 2", Fault::kNtlmNoChallenge, 2, 7,
+       "ReceiveServerReply(), failed to receive NTLM message 2 from authenticator", "closed after NTLM message 1"},
+      {"wrong first record", Fault::kNtlmWrongReply, 2, 7,
+       "msg_decode_NTLM_auth_type2(), failed to decode NTLM message 2 from authenticator", "no NTLM message 3"},
+      {"no message 3", Fault::kNtlmBadChallenge, 2, 7, "Failed to generate message 3\n", "no NTLM message 3"},
+      {"no result", Fault::kNtlmNoResult, 2, 7,
+       "failed to receive NTLM auth result after message 3 from authenticator", "closed after NTLM message 3"},
+      {"user not proven", Fault::kNone, 2, 9, "NTLM auth failed", "not proven"},
+      {"result other than 2", Fault::kNone, 1, 7, nullptr, nullptr},
+  };
+  agent.support.sessionUsers[9] = {"CORP", "mallory"};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto options = Options(row.fault);
+    options.eventResult = row.eventResult;
+    CLabFixture lab(options);
+    agent.servers.clear();
+    agent.AddServer("127.0.0.1", lab.Port());
+    const size_t before = agent.support.Lines().size();
+    const uint32_t keyBefore = relay.LastKey();
+    EXPECT_TRUE(agent.Deliver(row.session));
+    const auto r = lab.WaitReports(1)[0];
+    EXPECT_EQ(row.labEnd != nullptr, r.ntlmStarted);
+    if (row.labEnd) EXPECT_EQ(row.labEnd, r.ntlmEnd);
+    const auto lines = agent.support.Lines();
+    size_t relayLines = 0;
+    for (size_t i = before; i < lines.size(); ++i)
+      for (const char* t : {"Failed to get token", "ReceiveServerReply(), failed to receive NTLM",
+                            "msg_decode_NTLM", "Failed to generate", "failed to receive NTLM auth",
+                            "NTLM auth"})
+        relayLines += lines[i].text.rfind(t, 0) == 0;
+    EXPECT_EQ(row.text ? 1u : 0u, relayLines);
+    if (row.text) EXPECT_EQ(1u, LinesWith(row.text));
+    // A key is taken only once the user's token is in hand.
+    EXPECT_EQ(keyBefore + (row.labEnd && row.session != 8 ? 1 : 0), relay.LastKey());
+    EXPECT_EQ(0u, ntlm.ExchangeCount());
+    EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
+  }
+  ExpectNoSecretLogged();
+}
+
+// The lab's real acceptor, fed by the same GSSAPI mechanism as initiator.
+namespace gss_check {
+
+gss_OID_desc kNtlm = {10, const_cast<char*>("\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a")};
+
+// NEGOTIATE, then AUTHENTICATE for the acceptance's challenge.
+bool Initiate(const std::string& who, const std::string& password, lab::INtlmAcceptance& acceptance,
+              std::string& user, std::string& domain) {
+  OM_uint32 minor = 0;
+  gss_OID_set_desc mechs = {1, &kNtlm};
+  gss_buffer_desc nameText{who.size(), const_cast<char*>(who.data())};
+  gss_buffer_desc targetText{8, const_cast<char*>("host@lab")};
+  gss_buffer_desc pw{password.size(), const_cast<char*>(password.data())};
+  gss_name_t name = GSS_C_NO_NAME, target = GSS_C_NO_NAME;
+  gss_cred_id_t cred = GSS_C_NO_CREDENTIAL;
+  gss_ctx_id_t ctx = GSS_C_NO_CONTEXT;
+  gss_import_name(&minor, &nameText, GSS_C_NT_USER_NAME, &name);
+  gss_import_name(&minor, &targetText, GSS_C_NT_HOSTBASED_SERVICE, &target);
+  EXPECT_EQ(GSS_S_COMPLETE, gss_acquire_cred_with_password(&minor, name, &pw, GSS_C_INDEFINITE, &mechs,
+                                                            GSS_C_INITIATE, &cred, nullptr, nullptr));
+  std::string token, challenge, error;
+  bool proven = false;
+  gss_buffer_desc in = GSS_C_EMPTY_BUFFER, out = GSS_C_EMPTY_BUFFER;
+  gss_init_sec_context(&minor, cred, &ctx, target, &kNtlm, 0, 0, nullptr, &in, nullptr, &out, nullptr, nullptr);
+  token.assign(static_cast<char*>(out.value), out.length);
+  gss_release_buffer(&minor, &out);
+  if (acceptance.Challenge(token, challenge, error)) {
+    in = {challenge.size(), challenge.data()};
+    gss_init_sec_context(&minor, cred, &ctx, target, &kNtlm, 0, 0, nullptr, &in, nullptr, &out, nullptr, nullptr);
+    token.assign(static_cast<char*>(out.value), out.length);
+    gss_release_buffer(&minor, &out);
+    proven = acceptance.Verify(token, user, domain, error);
+  }
+  gss_delete_sec_context(&minor, &ctx, GSS_C_NO_BUFFER);
+  gss_release_cred(&minor, &cred);
+  gss_release_name(&minor, &name);
+  gss_release_name(&minor, &target);
+  return proven;
+}
+
+}  // namespace gss_check
+
+TEST(NtlmAcceptor, TheAccountFileDecidesAndTheNamedUserIsReportedEitherWay) {
+  const std::string file = ::testing::TempDir() + "lindqvar-ntlm-users";
+  std::ofstream(file) << "WORKGROUP:alice:right-password\n";
+  std::string error;
+  ASSERT_EQ(nullptr, lab::MakeGssNtlmAcceptor(file + ".missing", error));
+  auto acceptor = lab::MakeGssNtlmAcceptor(file, error);
+  ASSERT_NE(nullptr, acceptor) << error;
+  struct Row {
+    const char* who;
+    const char* password;
+    bool proven;
+  } rows[] = {{"WORKGROUP\\alice", "right-password", true},
+              {"WORKGROUP\\alice", "wrong-password", false},
+              {"WORKGROUP\\bob", "right-password", false}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.who) + " " + row.password);
+    auto acceptance = acceptor->Begin(error);
+    std::string user, domain;
+    EXPECT_EQ(row.proven, gss_check::Initiate(row.who, row.password, *acceptance, user, domain));
+    EXPECT_EQ(row.who, domain + "\\" + user);
+  }
+  std::remove(file.c_str());
+}
+
+}  // namespace
+}  // namespace lindqvar::testing
