@@ -1,0 +1,44 @@
+// A delivery pass whose acknowledgement asks for NTLM (the relay runs with
+// the fake security package against the lab's scripted acceptor) against
+// the same pass without the relay, same server, same run.
+#include <benchmark/benchmark.h>
+
+#include <set>
+
+#include "protocol/ntlm_relay.h"
+#include "tests/fakes/fake_security_package.h"
+#include "tests/protocol/tls_test_support.h"
+
+namespace lindqvar::testing {
+namespace {
+
+constexpr char kKey[] = "lab-preshared-16";
+
+void Pass(benchmark::State& state, bool withRelay) {
+  auto acceptor = std::make_shared<ScriptedAcceptor>(std::set<std::string>{"CORP\\alice"});
+  auto options = CLabFixture::Options(kKey);
+  options.eventResult = withRelay ? 2 : 1;
+  options.ntlm = acceptor;
+  CLabFixture lab(options);
+  CDeliveryHarness agent(kKey);
+  agent.support.sessionUsers[7] = {"CORP", "alice"};
+  FakeSecurityPackage package;
+  FakeImpersonation impersonation;
+  CNtlmPackage ntlm(package, [](const std::string&) {});
+  CNtlmRelay relay(agent.log, agent.support, impersonation, ntlm);
+  agent.client->SetNtlmRelay(&relay);
+  agent.AddServer("127.0.0.1", lab.Port());
+  for (auto _ : state) {
+    if (!agent.Deliver(7)) state.SkipWithError("the pass failed");
+  }
+}
+
+void BM_PassWithoutRelay(benchmark::State& state) { Pass(state, false); }
+void BM_PassWithRelay(benchmark::State& state) { Pass(state, true); }
+BENCHMARK(BM_PassWithoutRelay)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_PassWithRelay)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+
+}  // namespace
+}  // namespace lindqvar::testing
+
+BENCHMARK_MAIN();
