@@ -218,6 +218,7 @@ class ReportingTest : public ManagerTest {
     fake.network.names["ws1"] = {FakeNetwork::V4(10, 0, 0, 5)};
     fake.network.domain = u"corp.example";
     fake.timings.consoleIdlePolls = 1;
+    fake.timings.keepAliveUnitMs = 1000;  // no keep-alive report unless a test asks for one
   }
   void User(uint32_t session, const std::u16string& name) {
     testing::FakeAccounts::User u;
@@ -461,7 +462,7 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
     ready.Wait(kInfinite);
     fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
     WaitForLine("SendAndReceive(), Local IP:");
-    fake.support.SetSettings(1, u"127.0.0.1:1", u"psk");  // another port: a change
+    fake.support.SetSettings(1, u"127.0.0.2:1", u"psk");  // another host and port: a change
     control->Set();
   });
   const char* argv[] = {"agent", "-s", "ctl"};
