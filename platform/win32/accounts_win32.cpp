@@ -26,14 +26,19 @@ HANDLE Native(IUserToken& token) { return static_cast<HANDLE>(token.native()); }
 
 }  // namespace
 
-CAccountsWin32::CAccountsWin32() {
-  // Not linked statically: systems without it still run the agent, and the
-  // AD lookup then fails for every session.
-  if (HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll")) {
-    m_queryUserToken = reinterpret_cast<QueryUserTokenFn>(
-        reinterpret_cast<void*>(::GetProcAddress(wtsapi, "WTSQueryUserToken")));
-  }
+QueryUserTokenFn WtsQueryUserToken() {
+  static const QueryUserTokenFn function = [] {
+    HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll");
+    return wtsapi ? reinterpret_cast<QueryUserTokenFn>(reinterpret_cast<void*>(
+                        ::GetProcAddress(wtsapi, "WTSQueryUserToken")))
+                  : nullptr;
+  }();
+  return function;
 }
+
+// Without WTSQueryUserToken the agent still runs; the AD lookup then fails
+// for every session.
+CAccountsWin32::CAccountsWin32() : m_queryUserToken(WtsQueryUserToken()) {}
 
 bool CAccountsWin32::HasQueryUserToken() { return m_queryUserToken != nullptr; }
 

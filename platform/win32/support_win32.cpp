@@ -2,12 +2,11 @@
 
 #include "platform/win32/windows_include.h"
 
-#include <wtsapi32.h>
-
 #include <cstring>
 #include <vector>
 
 #include "platform/os.h"
+#include "platform/win32/accounts_win32.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
 
@@ -246,8 +245,13 @@ class UserToken : public IUserToken {
 }  // namespace
 
 bool CSupportLibraryWin32::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) {
+  const QueryUserTokenFn queryUserToken = WtsQueryUserToken();
+  if (!queryUserToken) {
+    ::SetLastError(ERROR_PROC_NOT_FOUND);
+    return false;
+  }
   HANDLE h = nullptr;
-  if (!::WTSQueryUserToken(session, &h) || !h) return false;
+  if (!queryUserToken(session, &h) || !h) return false;
   token = std::make_unique<UserToken>(h);
   return true;
 }
