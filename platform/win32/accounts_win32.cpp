@@ -28,7 +28,11 @@ HANDLE Native(IUserToken& token) { return static_cast<HANDLE>(token.native()); }
 
 QueryUserTokenFn WtsQueryUserToken() {
   static const QueryUserTokenFn function = [] {
+    // The agent imports Wtsapi32's other functions, so the library is
+    // loaded; a program that imports none of them loads it from the system
+    // folder (and keeps it for its lifetime).
     HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll");
+    if (!wtsapi) wtsapi = ::LoadLibraryExW(L"Wtsapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
     return wtsapi ? reinterpret_cast<QueryUserTokenFn>(reinterpret_cast<void*>(
                         ::GetProcAddress(wtsapi, "WTSQueryUserToken")))
                   : nullptr;

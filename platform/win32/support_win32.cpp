@@ -9,6 +9,7 @@
 #include "platform/win32/accounts_win32.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
+#include "platform/win32/support_key_win32.h"
 
 namespace lindqvar::win32 {
 
@@ -24,10 +25,6 @@ struct LogFile {
 namespace lindqvar {
 // The library's log handle is an opaque pointer to this context.
 struct LogContext : win32::LogFile {};
-// A key opened by reg_openkeyW.
-struct SupportKeyObject {
-  win32::ScopedRegKey key;
-};
 }  // namespace lindqvar
 
 namespace lindqvar::win32 {
@@ -207,7 +204,8 @@ bool CSupportLibraryWin32::cfg_get_velmora_guid(std::u16string& guid) {
 
 SupportKeyHandle CSupportLibraryWin32::reg_openkeyW(SupportHive, std::u16string_view path) {
   auto* k = new SupportKeyObject();
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(std::u16string(path)), 0, KEY_READ | KEY_WOW64_64KEY,
+  k->view = KEY_WOW64_64KEY;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(std::u16string(path)), 0, KEY_READ | k->view,
                       k->key.receive()) != ERROR_SUCCESS) {
     delete k;
     return nullptr;
