@@ -260,24 +260,24 @@ TEST(UpperCaseTest, SurrogatePairsAreLeftAlone) {
 }
 
 TEST(UpperCaseTest, WideUnitTable) {
-  EXPECT_EQ(WideToUpper(u'a'), u'A');
-  EXPECT_EQ(WideToUpper(u'z'), u'Z');
-  EXPECT_EQ(WideToUpper(u'A'), u'A');
-  EXPECT_EQ(WideToUpper(u'{'), u'{');
-  EXPECT_EQ(WideToUpper(u'\u00B5'), u'\u039C');  // micro sign
-  EXPECT_EQ(WideToUpper(u'\u00DF'), u'\u00DF');  // ß has no one-unit upper case
-  EXPECT_EQ(WideToUpper(u'\u00F7'), u'\u00F7');  // ÷ sits between two runs
-  EXPECT_EQ(WideToUpper(u'\u0101'), u'\u0100');  // alternating upper/lower
-  EXPECT_EQ(WideToUpper(u'\u0100'), u'\u0100');
-  EXPECT_EQ(WideToUpper(u'\u0131'), u'I');
-  EXPECT_EQ(WideToUpper(u'\u01C5'), u'\u01C4');  // title case Dž
-  EXPECT_EQ(WideToUpper(u'\u03C2'), u'\u03A3');  // final sigma
-  EXPECT_EQ(WideToUpper(u'\u0450'), u'\u0400');
-  EXPECT_EQ(WideToUpper(u'\u24D0'), u'\u24B6');  // circled a
-  EXPECT_EQ(WideToUpper(u'\uFF41'), u'\uFF21');  // full-width a
-  EXPECT_EQ(WideToUpper(char16_t{0xD801}), char16_t{0xD801});  // a surrogate unit
-  EXPECT_EQ(WideToUpper(u'\uFFFF'), u'\uFFFF');
-  EXPECT_EQ(WideToUpper(u'\0'), u'\0');
+  EXPECT_EQ(WideToUpperTable(u'a'), u'A');
+  EXPECT_EQ(WideToUpperTable(u'z'), u'Z');
+  EXPECT_EQ(WideToUpperTable(u'A'), u'A');
+  EXPECT_EQ(WideToUpperTable(u'{'), u'{');
+  EXPECT_EQ(WideToUpperTable(u'\u00B5'), u'\u039C');  // micro sign
+  EXPECT_EQ(WideToUpperTable(u'\u00DF'), u'\u00DF');  // ß has no one-unit upper case
+  EXPECT_EQ(WideToUpperTable(u'\u00F7'), u'\u00F7');  // ÷ sits between two runs
+  EXPECT_EQ(WideToUpperTable(u'\u0101'), u'\u0100');  // alternating upper/lower
+  EXPECT_EQ(WideToUpperTable(u'\u0100'), u'\u0100');
+  EXPECT_EQ(WideToUpperTable(u'\u0131'), u'I');
+  EXPECT_EQ(WideToUpperTable(u'\u01C5'), u'\u01C4');  // title case Dž
+  EXPECT_EQ(WideToUpperTable(u'\u03C2'), u'\u03A3');  // final sigma
+  EXPECT_EQ(WideToUpperTable(u'\u0450'), u'\u0400');
+  EXPECT_EQ(WideToUpperTable(u'\u24D0'), u'\u24B6');  // circled a
+  EXPECT_EQ(WideToUpperTable(u'\uFF41'), u'\uFF21');  // full-width a
+  EXPECT_EQ(WideToUpperTable(char16_t{0xD801}), char16_t{0xD801});  // a surrogate unit
+  EXPECT_EQ(WideToUpperTable(u'\uFFFF'), u'\uFFFF');
+  EXPECT_EQ(WideToUpperTable(u'\0'), u'\0');
 }
 
 // --- decoder -------------------------------------------------------------------
