@@ -118,8 +118,7 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
 }
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
-  // No upper bound on the announced length: the server is trusted to send
-  // messages of a sensible size.
+  // A message longer than kMaxMessageLength fails the receive.
   return ReceiveMessage(decoder, [&connection](void* buffer, int count) {
     return connection.Read(buffer, count);
   });

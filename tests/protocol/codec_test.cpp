@@ -567,6 +567,21 @@ TEST(ReceiveTest, LengthsTooSmallOrAboveTheLimitAreRefused) {
   EXPECT_EQ(ReceiveMessage(d, big.Reader(), 1 << 16), 0u);
   EXPECT_EQ(d.total_length(), 0u);  // nothing allocated
 
+  // By default up to 1 MiB is taken; one byte more is refused before it is
+  // read, even when the whole message is there.
+  for (const uint32_t total : {kMaxMessageLength, kMaxMessageLength + 1}) {
+    FakeStream s;
+    s.data.assign(total, 0);
+    s.data[0] = static_cast<uint8_t>(total >> 24);
+    s.data[1] = static_cast<uint8_t>(total >> 16);
+    s.data[2] = static_cast<uint8_t>(total >> 8);
+    s.data[3] = static_cast<uint8_t>(total);
+    s.data[5] = TYPE_GROUP;
+    CDecoder m;
+    EXPECT_EQ(ReceiveMessage(m, s.Reader()), total == kMaxMessageLength ? 1u : 0u) << total;
+    EXPECT_EQ(s.at, total == kMaxMessageLength ? total : 4u) << total;
+  }
+
   FakeStream six;
   six.data = {0, 0, 0, 6, MSG_HELLO_ACK, TYPE_GROUP};
   EXPECT_EQ(ReceiveMessage(d, six.Reader(), 6), 1u);
