@@ -7,7 +7,7 @@
 namespace lindqvar {
 
 int AgentMain(int argc, const char* const* argv, const Platform& platform,
-              const NamedEventFactory& createNamedEvent) {
+              const NamedEventFactory& createNamedEvent, const LeaveRunning& leaveRunning) {
   constexpr int kExitCode = 0;  // the same on every path
   auto manager = std::make_unique<CSessionManager>(platform);
 
@@ -29,7 +29,18 @@ int AgentMain(int argc, const char* const* argv, const Platform& platform,
     const uint32_t changed = manager->ReloadSettings();
     if (control) control->Reset();
     // Changed settings end the process; the parent starts a fresh agent.
-    if (changed != 0) break;
+    // Stop is not run. Idle workers end at once; one held up in a send is
+    // not waited for beyond the grace time.
+    if (changed != 0) {
+      if (!manager->EndWorkers(platform.timings.processEndGraceMs)) {
+        if (leaveRunning)
+          leaveRunning(std::move(manager));
+        else
+          (void)manager.release();
+        return kExitCode;
+      }
+      break;
+    }
   }
   manager.reset();
   return kExitCode;

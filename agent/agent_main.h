@@ -14,9 +14,16 @@ namespace lindqvar {
 // control event. May return null; the control loop then polls.
 using NamedEventFactory = std::function<std::unique_ptr<Event>(const std::string& name)>;
 
+class CSessionManager;
+
+// Receives the manager when a settings change ends the process while a
+// worker is still busy (e.g. inside a send): the end of the process is to
+// take the workers with it. Without one the manager is left as it is.
+using LeaveRunning = std::function<void(std::unique_ptr<CSessionManager> manager)>;
+
 // Scans the arguments, starts the manager and runs the control loop until
 // the parent asks for a stop or the settings changed. Always returns 0.
 int AgentMain(int argc, const char* const* argv, const Platform& platform,
-              const NamedEventFactory& createNamedEvent);
+              const NamedEventFactory& createNamedEvent, const LeaveRunning& leaveRunning = {});
 
 }  // namespace lindqvar

@@ -6,12 +6,16 @@
 
 #include "agent/catalogue.h"
 #include "agent/state.h"
+#include "agent/verification_settings.h"
 #include "platform/os.h"
 
 namespace lindqvar {
 
 namespace {
 constexpr char16_t kLogName[] = u"FA_LINDQ";
+// Re-send passes after a failure before the timer gives up until an
+// ordinary pass resets the count.
+constexpr uint32_t kMaxResendTries = 20;
 
 bool IsLoopbackOrLinkLocalV4(const uint8_t* a) {
   return a[0] == 127 || (a[0] == 169 && a[1] == 254);
@@ -24,7 +28,21 @@ CSessionManager::CSessionManager(const Platform& platform)
       m_support(*platform.support),
       m_registry(*platform.registry),
       m_network(*platform.network),
-      m_log(*platform.support) {
+      m_log(*platform.support),
+      m_addresses(m_log, *platform.network, *platform.adapters, *platform.hyperv, std::string(), 0),
+      m_identifiers(m_log, *platform.support, *platform.registry),
+      m_delivery(m_log, *platform.support, *platform.network, m_platform.timings,
+                 m_dwKeepAliveInterval, *this),
+      m_sessions(m_log,
+                 [this](CTerminalSession& record, uint32_t session) {
+                   const UserLookup system{*m_platform.accounts, *m_platform.registry,
+                                           *m_platform.console, m_platform.timings};
+                   return LoadSessionUser(system, record, session, m_log,
+                                          m_settings.PreferAzure());
+                 }),
+      m_events(SessionEventParts{m_log, *platform.support, *platform.sessions, *platform.window,
+                                 m_platform.timings, m_sessions, m_addresses, m_identifiers,
+                                 *this}) {
   SetState(kNotConfigured);
 }
 
@@ -77,7 +95,7 @@ uint32_t CSessionManager::Stop() {
     m_log.SetHandle(nullptr);
     m_support.log_deinitialize(h);
   }
-  ClearPendingSessions();
+  m_sessions.ClearPendingSessions();
   m_settings.ClearServers();
   m_network.Cleanup();
   return 0;
@@ -88,6 +106,21 @@ void CSessionManager::StopWorkers() {
   for (WorkerThread& t : m_threads) t.Join();
 }
 
+bool CSessionManager::EndWorkers(uint32_t graceMs) {
+  m_stopEvent.Set();
+  const uint32_t start = TickCount();
+  for (;;) {
+    bool running = false;
+    for (const WorkerThread& t : m_threads)
+      running = running || (t.Started() && t.ExitCode() == WorkerThread::kStillActive);
+    if (!running) break;
+    if (TickCount() - start >= graceMs) return false;
+    SleepMs(m_platform.timings.threadExitPollMs);
+  }
+  for (WorkerThread& t : m_threads) t.Join();
+  return true;
+}
+
 uint32_t CSessionManager::Init() {
   SleepMs(m_platform.timings.startupDelayMs);
   m_network.Startup();
@@ -96,7 +129,10 @@ uint32_t CSessionManager::Init() {
 
   m_hostName = m_network.HostName();
   if (m_hostName.size() > 255) m_hostName.resize(255);
+  m_addresses.SetHostName(m_hostName);
 
+  m_addresses.LoadHyperVExternalPorts();
+  m_addresses.BuildVirtualAdapterList();
   CollectHostAddresses();
   m_log.Debug("m_count:%d, m_count6:%d", static_cast<int>(m_count), static_cast<int>(m_count6));
 
@@ -109,13 +145,52 @@ uint32_t CSessionManager::Init() {
   }
 
   m_settings.Load(m_support, m_log);
+  m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
-
+  m_identifiers.LoadClientUuid();
   ReadComputerDomain();
+  EnumerateSessions();
   return 1;
 }
 
+void CSessionManager::EnumerateSessions() {
+  uint32_t current = kNoSession;
+  std::vector<SessionInfo> sessions;
+  ISessions& wts = *m_platform.sessions;
+  if (!wts.Enumerate(sessions)) {
+    m_log.Debug("failed to call WTSEnumerateSessions");
+  } else {
+    m_log.Debug("Succeeded to call WTSEnumerateSessions, dwSICount:%d",
+                static_cast<int>(sessions.size()));
+    for (const SessionInfo& info : sessions) {
+      if (m_sessions.AddSession(info.id) == 0)
+        m_log.Debug("failed to add session %d", static_cast<int>(info.id));
+      else
+        m_log.Debug("Succeede to add session %d", static_cast<int>(info.id));
+      if (info.state == SessionState::kActive) {
+        // A later active session replaces an earlier one.
+        current = info.id;
+        m_log.Debug("Found current user, session ID: %d", static_cast<int>(current));
+      }
+    }
+  }
+  if (current == kNoSession) {
+    current = wts.ActiveConsoleSession();
+    m_log.Debug("call WTSGetActiveConsoleSessionId, session ID: %d", static_cast<int>(current));
+  }
+  if (current == kNoSession) return;
+  m_log.Debug("current active session %d", static_cast<int>(current));
+  if (!m_sessions.FindSession(current)) {
+    m_log.Debug("Did not find current logon session %d in session list", static_cast<int>(current));
+    return;
+  }
+  m_log.Debug("Found current logon session %d in session list", static_cast<int>(current));
+  m_events.SendSessionEvent(current, 1, 0);
+}
+
 void CSessionManager::CollectHostAddresses() {
+  std::lock_guard<std::mutex> lock(m_csAddresses);
   m_IPv4 = {};
   m_IPv6 = {};
   m_count = 0;
@@ -125,7 +200,7 @@ void CSessionManager::CollectHostAddresses() {
   for (const ResolvedAddress& a : addresses) {
     if (a.family == kFamilyIPv4) {
       if (IsLoopbackOrLinkLocalV4(a.bytes.data())) continue;
-      if (m_count < 4) {
+      if (m_count < 4 && m_addresses.IsAddressAllowed(a)) {
         uint32_t v;
         std::memcpy(&v, a.bytes.data(), 4);  // stays in network byte order
         m_IPv4[m_count++] = v;
@@ -133,7 +208,7 @@ void CSessionManager::CollectHostAddresses() {
     } else if (a.family == kFamilyIPv6) {
       const uint16_t first = FirstGroup(a.bytes.data());
       if (first == 0 || m_count6 >= 4) continue;
-      if ((first & 0xffc0) == 0xfe80) continue;
+      if (!m_addresses.IsAddressAllowed(a) || (first & 0xffc0) == 0xfe80) continue;
       std::memcpy(m_IPv6[m_count6++].data(), a.bytes.data(), 16);
     }
   }
@@ -157,25 +232,51 @@ void CSessionManager::ReadComputerDomain() {
 
 uint32_t CSessionManager::ReloadSettings() {
   const uint32_t changed = m_settings.IsChanged(m_support);
-  {
-    // Senders read the server list and the key under the session-table
-    // lock; replacing them under it too keeps a re-read from pulling them
-    // out from under a delivery in progress.
-    std::lock_guard<std::recursive_mutex> lock(m_csSessions);
-    m_settings.Apply(m_support, m_log);
-  }
+  // Swaps in a new snapshot; a pass in progress keeps the one it took.
+  m_settings.Apply(m_support, m_log);
+  m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  // Server verification is not part of the change test: it applies from the
+  // next connection on without ending the agent.
+  m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }
 
 int64_t CSessionManager::WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) {
-  switch (message) {
-    case kWmDestroy:
-      m_platform.window->PostQuit();
-      return 0;
-    default:
-      return m_platform.window->DefaultProc(message, wParam, lParam);
-  }
+  return m_events.WindowProc(message, wParam, lParam);
+}
+
+IpAddress CSessionManager::LocalAddress() {
+  std::lock_guard<std::mutex> lock(m_csAddresses);
+  IpAddress a;
+  if (m_count == 0 && m_count6 != 0)
+    a.SetIPv6(m_IPv6[0].data());
+  else
+    a.SetIPv4(m_IPv4[0]);
+  return a;
+}
+
+uint32_t CSessionManager::LocalIPv4() {
+  std::lock_guard<std::mutex> lock(m_csAddresses);
+  return m_IPv4[0];
+}
+
+uint32_t CSessionManager::ServerIPv4() {
+  const IpAddress last = m_delivery.Resolver().LastAddress();
+  return last.Family() == kFamilyIPv4 ? last.IPv4() : 0;
+}
+
+WorkstationFacts CSessionManager::Workstation() {
+  WorkstationFacts w;
+  w.computerName = m_hostName;
+  w.dnsDomain = m_domainName;
+  w.preferAzure = m_settings.PreferAzure();
+  return w;
+}
+
+bool CSessionManager::DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) {
+  CDecoder decoder;
+  return m_delivery.send_to_all_servers(session, event, decoder, isRetry);
 }
 
 uint32_t CSessionManager::NotificationThread() {
@@ -213,10 +314,15 @@ uint32_t CSessionManager::AddressWatchThread() {
 
 uint32_t CSessionManager::AddressHandlerThread() {
   for (;;) {
-    const int which = Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite);
-    if (which == 0) return 1;
-    // An address change is reported once address discovery and event
-    // delivery are part of the agent.
+    if (Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite) == 0) return 1;
+    // Checks at about 0, 5 and 10 seconds after the change; signals that
+    // arrive meanwhile fold into one further check.
+    for (int round = 0; round < 3; ++round) {
+      m_events.CheckAddressChange();
+      if (round < 2 &&
+          m_stopEvent.Wait(m_platform.timings.addressRoundWaitMs) == WaitResult::kSignaled)
+        return 1;
+    }
   }
 }
 
@@ -225,7 +331,7 @@ uint32_t CSessionManager::KeepAliveThread() {
     const uint32_t waitMs = m_dwKeepAliveInterval.load() * m_platform.timings.keepAliveUnitMs;
     const WaitResult r = m_stopEvent.Wait(waitMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout) SendKeepAliveEvent();
+    if (r == WaitResult::kTimeout) m_events.SendKeepAliveEvent();
   }
 }
 
@@ -233,8 +339,9 @@ uint32_t CSessionManager::ResendThread() {
   for (;;) {
     const WaitResult r = m_stopEvent.Wait(m_platform.timings.resendPeriodMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout && m_bResendPending.load() == 1 && m_dwResendTries.load() < 20) {
-      ResendLogonEvent();
+    if (r == WaitResult::kTimeout && m_delivery.LastDeliveryFailed() == 1 &&
+        m_delivery.RetryCount() < kMaxResendTries) {
+      m_events.ResendLogonEvent();
     }
   }
 }
@@ -243,53 +350,10 @@ uint32_t CSessionManager::PendingSessionThread() {
   for (;;) {
     const WaitResult r = m_stopEvent.Wait(m_platform.timings.pendingRetryPeriodMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout) RetryPendingSessions();
+    if (r == WaitResult::kTimeout)
+      m_sessions.RetryPendingSessions(
+          [this](uint32_t session) { m_events.SendSessionEvent(session, 1, 0); });
   }
-}
-
-void CSessionManager::SendKeepAliveEvent() {
-  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
-  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::SendKeepAliveEvent",
-              934, static_cast<int>(m_bLogon), static_cast<int>(m_dwCurrentSession));
-  // Nothing is sent while no user is reported as logged on; the session
-  // table that would report one is not part of the agent yet.
-}
-
-void CSessionManager::ResendLogonEvent() {
-  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
-  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", "CSessionManager::ResendLogonEvent",
-              1002, static_cast<int>(m_bLogon), static_cast<int>(m_dwCurrentSession));
-}
-
-void CSessionManager::RetryPendingSessions() {
-  std::lock_guard<std::recursive_mutex> lock(m_csPending);
-  // Records reach this list only from logon notifications whose user is not
-  // yet known; their retry lands with the session table.
-}
-
-void CSessionManager::AddPendingSession(uint32_t session) {
-  std::lock_guard<std::recursive_mutex> lock(m_csPending);
-  m_pending.push_back(std::make_unique<PendingSession>(PendingSession{session, 0}));
-}
-
-void CSessionManager::RemovePendingSession(uint32_t session) {
-  std::lock_guard<std::recursive_mutex> lock(m_csPending);
-  for (auto it = m_pending.begin(); it != m_pending.end(); ++it) {
-    if ((*it)->session == session) {
-      m_pending.erase(it);
-      return;
-    }
-  }
-}
-
-void CSessionManager::ClearPendingSessions() {
-  std::lock_guard<std::recursive_mutex> lock(m_csPending);
-  m_pending.clear();
-}
-
-size_t CSessionManager::PendingSessionCount() {
-  std::lock_guard<std::recursive_mutex> lock(m_csPending);
-  return m_pending.size();
 }
 
 }  // namespace lindqvar

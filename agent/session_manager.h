@@ -1,32 +1,32 @@
 // The agent: one CSessionManager for the life of the process. It owns the
 // settings, the reachability state, the worker threads and their events,
-// and (as they are added) the session table, the address lists and the
-// delivery to the authentication servers.
+// the session table, the local addresses and identifiers, and the delivery
+// to the authentication servers. The algorithms live in the classes it
+// owns; this class wires them together and runs the threads.
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "agent/settings.h"
+#include "identity/address_discovery.h"
+#include "identity/identifiers.h"
 #include "platform/event.h"
 #include "platform/log.h"
 #include "platform/platform.h"
 #include "platform/worker_thread.h"
+#include "protocol/delivery.h"
+#include "session/session_events.h"
+#include "session/session_table.h"
 #include "session/vir_window.h"
 
 namespace lindqvar {
 
-// Window messages the manager handles.
-inline constexpr uint32_t kWmDestroy = 0x0002;
-inline constexpr uint32_t kWmPowerBroadcast = 0x0218;
-inline constexpr uint32_t kWmWtsSessionChange = 0x02B1;
-
-class CSessionManager : public CVirWindow {
+class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessionEventHost {
  public:
   // The worker threads, in the order Start creates them.
   enum ThreadIndex : size_t {
@@ -56,45 +56,58 @@ class CSessionManager : public CVirWindow {
   uint32_t Init();
 
   // The settings re-read of the control loop: the change test, then the
-  // apply step whatever its result. Returns the change test's result.
+  // apply step whatever its result. Returns the change test's result. Never
+  // waits for a delivery: passes keep the snapshot they started with.
   uint32_t ReloadSettings();
+
+  // When a settings change ends the process: signals the workers and waits
+  // up to `graceMs` for them. True when all ended (the manager can then be
+  // destroyed); false when one is still busy, e.g. inside a send, and is
+  // left for the end of the process to take.
+  bool EndWorkers(uint32_t graceMs);
 
   uint32_t State() const { return m_dwState.load(); }
   // Sets the state and writes it through to the registry.
   void SetState(uint32_t state);
 
+  // Sends one session event (see CSessionEvents). 1 when acknowledged.
+  uint32_t SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
+    return m_events.SendSessionEvent(session, logon, wakeup);
+  }
+
   uint32_t KeepAliveInterval() const { return m_dwKeepAliveInterval.load(); }
+  const CAuthenticatorClient& Delivery() const { return m_delivery; }
   const CAgentSettings& Settings() const { return m_settings; }
   const std::string& HostName() const { return m_hostName; }
   const std::string& DomainName() const { return m_domainName; }
   uint32_t IPv4Count() const { return m_count; }
   uint32_t IPv6Count() const { return m_count6; }
   uint32_t ThreadExitCode(ThreadIndex i) const { return m_threads[i].ExitCode(); }
-
-  // The list of sessions whose user is not yet known.
-  void AddPendingSession(uint32_t session);
-  void RemovePendingSession(uint32_t session);
-  void ClearPendingSessions();
-  size_t PendingSessionCount();
+  CSessionTable& Sessions() { return m_sessions; }
+  CSessionEvents& Events() { return m_events; }
 
  private:
-  struct PendingSession {
-    uint32_t session;
-    uint32_t tries;
-  };
-
   uint32_t NotificationThread();
   uint32_t AddressWatchThread();
   uint32_t AddressHandlerThread();
   uint32_t KeepAliveThread();
   uint32_t ResendThread();
   uint32_t PendingSessionThread();
-  void SendKeepAliveEvent();
-  void ResendLogonEvent();
-  void RetryPendingSessions();
   void CollectHostAddresses();
   void ReadComputerDomain();
+  void EnumerateSessions();
   void StopWorkers();
+
+  // IDeliveryHost
+  DeliveryConfigPtr DeliveryConfiguration() override { return m_settings.Delivery(); }
+  void SetDeliveryState(uint32_t state) override { SetState(state); }
+  IpAddress LocalAddress() override;
+  // ISessionEventHost
+  bool DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) override;
+  WorkstationFacts Workstation() override;
+  uint32_t LocalIPv4() override;
+  uint32_t ServerIPv4() override;
+  void RequestResend() override { m_delivery.RequestResend(); }
 
   Platform m_platform;
   ISupportLibrary& m_support;
@@ -106,32 +119,27 @@ class CSessionManager : public CVirWindow {
   Event m_addressEvent{Event::ResetPolicy::kAutomatic, Event::InitialState::kNotSignaled};
   std::array<WorkerThread, kThreadCount> m_threads;
 
-  // The session-table lock (held for every whole send), the pending-list
-  // lock, and the lock of the address-resolution state. The pending-list
-  // lock may be held while the table lock is taken, never the reverse.
-  std::recursive_mutex m_csSessions;
-  std::recursive_mutex m_csPending;
-  std::recursive_mutex m_csResolve;
-
   std::atomic<uint32_t> m_dwState{0};
   std::atomic<uint32_t> m_dwKeepAliveInterval{180};
   std::atomic<uint32_t> m_bNotifyRegistered{0};
   uint32_t m_bModeFlag = 1;
-  uint32_t m_bLogTickCount = 1;
-  uint32_t m_bLogon = 0;
-  uint32_t m_dwCurrentSession = 0;
-  std::atomic<uint32_t> m_bResendPending{0};
-  std::atomic<uint32_t> m_dwResendTries{0};
 
   CAgentSettings m_settings;
+  // Set by Init before any worker runs, read by them afterwards.
   std::string m_hostName;
   std::string m_domainName;
+  // The first address collection; guarded by its own lock.
+  std::mutex m_csAddresses;
   std::array<uint32_t, 4> m_IPv4{};
   uint32_t m_count = 0;
   std::array<std::array<uint8_t, 16>, 4> m_IPv6{};
   uint32_t m_count6 = 0;
 
-  std::list<std::unique_ptr<PendingSession>> m_pending;
+  CAddressDiscovery m_addresses;
+  CIdentifiers m_identifiers;
+  CAuthenticatorClient m_delivery;
+  CSessionTable m_sessions;
+  CSessionEvents m_events;
 };
 
 }  // namespace lindqvar

@@ -94,9 +94,10 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   ParseServerList(WideToAnsi(fresh.serverList), freshList);
   const std::string freshKey = WideToUtf8(fresh.presharedKey);
 
-  if (std::strcmp(freshKey.c_str(), m_presharedKey.c_str()) != 0) return 1;
+  const ServerList& inForce = Servers();
+  if (std::strcmp(freshKey.c_str(), PresharedKey().c_str()) != 0) return 1;
   if (fresh.enabled == 0) return 1;
-  if (freshList.size() != m_servers.size()) return 1;
+  if (freshList.size() != inForce.size()) return 1;
   // _stricmp in the "C" locale: only A-Z and a-z pair up.
   const auto hostEqualsNoCase = [](const char* a, const char* b) {
     for (;; ++a, ++b) {
@@ -112,10 +113,9 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   // change of a server whose host stayed is no change either. The list
   // applied right after the test puts the new hosts and ports in force.
   for (const auto& candidate : freshList) {
-    const bool matched =
-        std::any_of(m_servers.begin(), m_servers.end(), [&](const auto& inForce) {
-          return candidate->port == inForce->port || hostEqualsNoCase(candidate->host, inForce->host);
-        });
+    const bool matched = std::any_of(inForce.begin(), inForce.end(), [&](const auto& entry) {
+      return candidate->port == entry->port || hostEqualsNoCase(candidate->host, entry->host);
+    });
     if (!matched) return 1;
   }
   return 0;
@@ -129,8 +129,23 @@ void CAgentSettings::Load(ISupportLibrary& support, CLog& log) {
   log.Debug("prefer azure:%d", static_cast<int>(record.preferAzure));
   m_addressCategory.store(record.addressCategory);
   m_preferAzure.store(record.preferAzure);
-  ParseServerList(servers, m_servers);
-  m_presharedKey = WideToUtf8(record.presharedKey);
+  auto config = std::make_shared<DeliveryConfig>();
+  ParseServerList(servers, config->servers);
+  config->presharedKey = WideToUtf8(record.presharedKey);
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_config = std::move(config);
+}
+
+DeliveryConfigPtr CAgentSettings::Delivery() const {
+  std::lock_guard<std::mutex> lock(m_configLock);
+  return m_config;
+}
+
+void CAgentSettings::ClearServers() {
+  auto config = std::make_shared<DeliveryConfig>();
+  config->presharedKey = PresharedKey();
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_config = std::move(config);
 }
 
 void CAgentSettings::Apply(ISupportLibrary& support, CLog& log) {

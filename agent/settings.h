@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "protocol/server_entry.h"
@@ -41,8 +42,12 @@ class CAgentSettings {
  public:
   uint32_t AddressCategory() const { return m_addressCategory.load(); }
   uint32_t PreferAzure() const { return m_preferAzure.load(); }
-  const ServerList& Servers() const { return m_servers; }
-  const std::string& PresharedKey() const { return m_presharedKey; }  // UTF-8
+  // The list and key in force. Only for the thread that loads and applies
+  // the settings; senders take Delivery() snapshots.
+  const ServerList& Servers() const { return m_config->servers; }
+  const std::string& PresharedKey() const { return m_config->presharedKey; }  // UTF-8
+  // A snapshot of the servers and key in force, for one delivery pass.
+  DeliveryConfigPtr Delivery() const;
 
   // 1 when a fresh read differs from what is in force: the key differs, the
   // agent is disabled, the number of servers differs, or a new entry has no
@@ -62,13 +67,14 @@ class CAgentSettings {
   void Apply(ISupportLibrary& support, CLog& log);
 
   // Empties the server list (at Stop).
-  void ClearServers() { m_servers.clear(); }
+  void ClearServers();
 
  private:
   std::atomic<uint32_t> m_addressCategory{0};
   std::atomic<uint32_t> m_preferAzure{0};
-  ServerList m_servers;
-  std::string m_presharedKey;
+  // Replaced whole by Load; passes that took the old one keep it alive.
+  mutable std::mutex m_configLock;
+  DeliveryConfigPtr m_config = std::make_shared<DeliveryConfig>();
 };
 
 }  // namespace lindqvar

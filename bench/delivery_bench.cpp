@@ -41,6 +41,7 @@ class QuietSupport : public ISupportLibrary {
   void log_debug(LogHandle, std::string_view) override {}
   void log_error(LogHandle, std::string_view) override {}
   void LogW(uint32_t, const char16_t*) override {}
+  void LogW(uint32_t, uint32_t, std::span<const LogField>) override {}
   uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
   void cfg_get_lindqvar_settings(uint8_t*) override {}
   void cfg_get_logging_info(uint8_t*) override {}
@@ -67,8 +68,10 @@ class NoNetwork : public INetwork {
 
 class Host : public IDeliveryHost {
  public:
+  DeliveryConfigPtr DeliveryConfiguration() override { return config; }
   void SetDeliveryState(uint32_t) override {}
   IpAddress LocalAddress() override { return IpAddress(); }
+  DeliveryConfigPtr config;
 };
 
 // The same one-record logon event as the delivery tests send.
@@ -205,7 +208,8 @@ void BM_DeliveryPassVersusMinimalOpenSslClient(benchmark::State& state) {
   std::string key = kKey;
   std::atomic<uint32_t> keepAlive{180};
   Timings timings;
-  CAuthenticatorClient agent(log, support, network, timings, servers, key, keepAlive, host);
+  host.config = MakeDeliveryConfig(servers, key);
+  CAuthenticatorClient agent(log, support, network, timings, keepAlive, host);
   CEncoder event(kEventEncoderCapacity);
   BuildEvent(event);
   CDecoder decoder;

@@ -8,6 +8,11 @@
 #   client.pass2               the alternative pass phrase (24 characters)
 #   other-ca.pem / .key        an unrelated CA, for tests of a lab server
 #                              that trusts someone else
+#   other-server.pem / .key    a server certificate like server.pem, issued by
+#                              the unrelated CA (a server agents must not trust
+#                              when they verify servers)
+#   server-alt.pem / .key      a second server certificate from the development
+#                              CA, same names (one a pin list can leave out)
 # Nothing here is ever committed: it lives in the build tree only.
 #
 #   cmake -DOPENSSL=<openssl> -DOUT=<dir> -P make_dev_pki.cmake
@@ -56,11 +61,17 @@ foreach(ca ca other-ca)
       -addext "keyUsage=critical,keyCertSign,cRLSign")
 endforeach()
 
-run(req -newkey rsa:2048 -nodes -sha256 -keyout server.key.tmp -out server.csr
-    -subj "/O=Lindqvar Lab/CN=localhost")
-random_hex(8 serial)
-run(x509 -req -in server.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
-    -days ${days} -sha256 -extfile server.ext -out server.pem.tmp)
+foreach(pair server:ca server-alt:ca other-server:other-ca)
+  string(REPLACE ":" ";" pair "${pair}")
+  list(GET pair 0 name)
+  list(GET pair 1 issuer)
+  run(req -newkey rsa:2048 -nodes -sha256 -keyout ${name}.key.tmp -out ${name}.csr
+      -subj "/O=Lindqvar Lab/CN=localhost")
+  random_hex(8 serial)
+  run(x509 -req -in ${name}.csr -CA ${issuer}.pem.tmp -CAkey ${issuer}.key.tmp
+      -set_serial 0x${serial} -days ${days} -sha256 -extfile server.ext -out ${name}.pem.tmp)
+  file(REMOVE "${OUT}/${name}.csr")
+endforeach()
 
 run(genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -aes-128-cbc
     -pass file:client.pass -out client.key.tmp)
@@ -70,8 +81,8 @@ random_hex(8 serial)
 run(x509 -req -in client.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
     -days ${days} -sha256 -extfile client.ext -out client.pem.tmp)
 
-file(REMOVE "${OUT}/server.csr" "${OUT}/client.csr" "${OUT}/server.ext"
-     "${OUT}/client.ext")
-foreach(f ca.key other-ca.key other-ca.pem server.key server.pem client.key client.pem ca.pem)
+file(REMOVE "${OUT}/client.csr" "${OUT}/server.ext" "${OUT}/client.ext")
+foreach(f ca.key other-ca.key other-ca.pem server.key server.pem server-alt.key server-alt.pem
+        other-server.key other-server.pem client.key client.pem ca.pem)
   file(RENAME "${OUT}/${f}.tmp" "${OUT}/${f}")
 endforeach()

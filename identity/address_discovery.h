@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "identity/address_lists.h"
 #include "platform/adapters.h"
 #include "platform/hyperv.h"
 #include "platform/log.h"
@@ -20,9 +21,6 @@
 
 namespace lindqvar {
 
-using IPv4List = std::array<uint32_t, 4>;  // network byte order
-using IPv6Address = std::array<uint8_t, 16>;
-using IPv6List = std::array<IPv6Address, 4>;
 
 // One Hyper-V external switch port. `hasMac` is false when the port's
 // permanent address was missing, not a string or all zeros: such a port

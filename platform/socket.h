@@ -81,8 +81,10 @@ class CSocket {
   // TLS). Results as the system's send/recv.
   int Send(const void* data, size_t size);
   int Receive(void* data, size_t size);
-  // Waits until the socket is readable; false on time-out.
+  // Waits until the socket is readable / writable; false on time-out or
+  // failure of the wait.
   bool WaitReadable(uint32_t timeoutMs);
+  bool WaitWritable(uint32_t timeoutMs);
 
   // shutdown(both), then closesocket / close.
   void ShutdownBoth();

@@ -54,14 +54,22 @@ ConnectWait CSocket::WaitConnected(uint32_t timeoutMicroseconds) {
   return (p.revents & POLLOUT) ? ConnectWait::kConnected : ConnectWait::kPending;
 }
 
-bool CSocket::WaitReadable(uint32_t timeoutMs) {
-  pollfd p{H(m_socket), POLLIN, 0};
+namespace {
+
+bool WaitFor(int socket, short events, uint32_t timeoutMs) {
+  pollfd p{socket, events, 0};
   int n;
   do {
     n = ::poll(&p, 1, static_cast<int>(timeoutMs));
   } while (n < 0 && errno == EINTR);
   return n > 0;
 }
+
+}  // namespace
+
+bool CSocket::WaitReadable(uint32_t timeoutMs) { return WaitFor(H(m_socket), POLLIN, timeoutMs); }
+
+bool CSocket::WaitWritable(uint32_t timeoutMs) { return WaitFor(H(m_socket), POLLOUT, timeoutMs); }
 
 void CSocket::Close() {
   if (valid()) ::close(H(release()));

@@ -41,15 +41,23 @@ ConnectWait CSocket::WaitConnected(uint32_t timeoutMicroseconds) {
   return ConnectWait::kPending;
 }
 
-bool CSocket::WaitReadable(uint32_t timeoutMs) {
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(H(m_socket), &readable);
+namespace {
+
+bool WaitFor(SOCKET socket, bool write, uint32_t timeoutMs) {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(socket, &set);
   timeval tv{};
   tv.tv_sec = static_cast<long>(timeoutMs / 1000);
   tv.tv_usec = static_cast<long>((timeoutMs % 1000) * 1000);
-  return ::select(0, &readable, nullptr, nullptr, &tv) > 0;
+  return ::select(0, write ? nullptr : &set, write ? &set : nullptr, nullptr, &tv) > 0;
 }
+
+}  // namespace
+
+bool CSocket::WaitReadable(uint32_t timeoutMs) { return WaitFor(H(m_socket), false, timeoutMs); }
+
+bool CSocket::WaitWritable(uint32_t timeoutMs) { return WaitFor(H(m_socket), true, timeoutMs); }
 
 void CSocket::Close() {
   if (valid()) ::closesocket(H(release()));

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -63,6 +64,12 @@ struct CatalogueEvent {
   const char16_t* description;
 };
 
+// One key/value pair of a catalogue event.
+struct LogField {
+  std::u16string_view key;
+  std::u16string value;
+};
+
 class ISupportLibrary {
  public:
   virtual ~ISupportLibrary() = default;
@@ -76,6 +83,8 @@ class ISupportLibrary {
 
   // Writes a catalogue event (id and optional insertion text).
   virtual void LogW(uint32_t eventId, const char16_t* data) = 0;
+  // Writes a catalogue event with a level and key/value pairs.
+  virtual void LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) = 0;
 
   // What the parent service wants of the component: kDesiredStatusStop or
   // anything else (re-read the settings).

@@ -60,6 +60,7 @@ const char* ExchangeStageName(ExchangeStage stage) {
     case ExchangeStage::kResolve: return "resolve";
     case ExchangeStage::kSocket: return "socket";
     case ExchangeStage::kConnect: return "connect";
+    case ExchangeStage::kVerify: return "verify";
     case ExchangeStage::kHello: return "hello";
     case ExchangeStage::kHelloParse: return "hello-parse";
     case ExchangeStage::kHelloAck: return "hello-ack";
@@ -72,15 +73,11 @@ const char* ExchangeStageName(ExchangeStage stage) {
 
 CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support,
                                            INetwork& network, const Timings& timings,
-                                           const ServerList& servers,
-                                           const std::string& presharedKey,
                                            std::atomic<uint32_t>& keepAliveInterval,
                                            IDeliveryHost& host,
                                            const CertificateMaterial& material)
     : m_log(log),
       m_support(support),
-      m_servers(servers),
-      m_presharedKey(presharedKey),
       m_keepAliveInterval(keepAliveInterval),
       m_host(host),
       m_resolver(network, log),
@@ -93,6 +90,7 @@ void CAuthenticatorClient::SetTickLogging(bool on) {
 
 bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder& event,
                                                CDecoder& decoder, bool isRetry) {
+  std::lock_guard<std::mutex> pass(m_passLock);
   if (!isRetry) {
     m_bSendFailed = 0;
     m_dwRetryCount = 0;
@@ -100,12 +98,16 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
     ++m_dwRetryCount;
   }
 
+  m_pass = m_host.DeliveryConfiguration();
   bool anySucceeded = false;
-  for (const auto& server : m_servers) {
-    if (!server) continue;
-    SetCurrentServer(*server);
-    if (SendAndReceive(session, &event, decoder)) anySucceeded = true;
+  if (m_pass) {
+    for (const auto& server : m_pass->servers) {
+      if (!server) continue;
+      SetCurrentServer(*server);
+      if (SendAndReceive(session, &event, decoder)) anySucceeded = true;
+    }
   }
+  m_pass.reset();
 
   m_host.SetDeliveryState(anySucceeded ? 2 : 1);
   if (anySucceeded) {
@@ -118,10 +120,9 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
 }
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
-  // A message longer than kMaxMessageLength fails the receive.
-  return ReceiveMessage(decoder, [&connection](void* buffer, int count) {
-    return connection.Read(buffer, count);
-  });
+  // A message longer than kMaxMessageLength fails the receive. The
+  // connection bounds the time it may take.
+  return connection.ReceiveMessage(decoder);
 }
 
 void CAuthenticatorClient::Report(ExchangeReport& report, ExchangeStage stage) {
@@ -168,17 +169,16 @@ uint32_t CAuthenticatorClient::SendAndReceive(uint32_t session, const CEncoder* 
                                                        m_currentServer.host
                                                  : sizeof m_currentServer.host);
     target.port = m_currentServer.port;
-    if (!m_tls.SslClientInit(connection, target)) break;
+    const uint32_t tlsUp = m_tls.SslClientInit(connection, target);
+    report.certificate = connection.serverCheck;
+    if (!tlsUp) {
+      // A refused server never sees the hello, nor (later) the NTLM relay.
+      if (connection.serverCheck.refused) stage = ExchangeStage::kVerify;
+      break;
+    }
     if (m_pObserver && connection.ssl) {
       report.tlsVersion = SSL_get_version(connection.ssl);
       report.cipher = SSL_get_cipher_name(connection.ssl);
-      if (X509* peer = SSL_get1_peer_certificate(connection.ssl)) {
-        char subject[256] = {};
-        X509_NAME_oneline(X509_get_subject_name(peer), subject, sizeof subject);
-        report.peerSubject = subject;
-        report.peerVerifyResult = SSL_get_verify_result(connection.ssl);
-        X509_free(peer);
-      }
     }
 
     stage = ExchangeStage::kHello;
@@ -289,8 +289,10 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
 
   uint8_t response[16] = {};
   if (flags & 1) {
+    // Outside a pass (a single exchange) the key in force now is used.
+    const DeliveryConfigPtr config = m_pass ? m_pass : m_host.DeliveryConfiguration();
     uint8_t key[16];
-    preshared_key_block(m_presharedKey, key);
+    preshared_key_block(config ? config->presharedKey : std::string(), key);
     compute_response(challenge, key, response);
     // Both hold key material now (the challenge was XORed with the key).
     OPENSSL_cleanse(key, sizeof key);

@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/timings.h"
@@ -45,6 +47,8 @@ void SetFatalRangeHandler(FatalRangeHandler handler);
 class IDeliveryHost {
  public:
   virtual ~IDeliveryHost() = default;
+  // The servers and key in force now.
+  virtual DeliveryConfigPtr DeliveryConfiguration() = 0;
   // Sets the agent state (1 unreachable, 2 reachable) and writes it through.
   // Called once at the end of every pass.
   virtual void SetDeliveryState(uint32_t state) = 0;
@@ -66,6 +70,7 @@ enum class ExchangeStage {
   kResolve,      // no address for the server
   kSocket,       // socket() failed
   kConnect,      // TCP connect or TLS set-up failed
+  kVerify,       // server verification is on and the server's certificate failed it
   kHello,        // no hello received (also a failed TLS handshake)
   kHelloParse,   // the first message was not a hello
   kHelloAck,     // no hello acknowledgement received
@@ -82,8 +87,9 @@ struct ExchangeReport {
   // TLS facts, when the session came up.
   std::string tlsVersion;
   std::string cipher;
-  std::string peerSubject;
-  long peerVerifyResult = -1;  // X509_V_OK (0) when the chain checks out
+  // The server's certificate: whether it passes verification (whatever the
+  // setting), its fingerprint, and whether it was refused.
+  ServerCertificateCheck certificate;
   // Hello.
   uint32_t helloId = 0;
   uint32_t helloFlags = 0;
@@ -112,13 +118,11 @@ enum class ExchangeMode {
 
 class CAuthenticatorClient {
  public:
-  // `servers` and `presharedKey` are read at every pass and may be replaced
-  // between passes; `keepAliveInterval` (seconds) is updated from event
-  // acknowledgements.
+  // The servers and key come from the host at the start of every pass;
+  // `keepAliveInterval` (seconds) is updated from event acknowledgements.
   CAuthenticatorClient(CLog& log, ISupportLibrary& support, INetwork& network,
-                       const Timings& timings, const ServerList& servers,
-                       const std::string& presharedKey,
-                       std::atomic<uint32_t>& keepAliveInterval, IDeliveryHost& host,
+                       const Timings& timings, std::atomic<uint32_t>& keepAliveInterval,
+                       IDeliveryHost& host,
                        const CertificateMaterial& material = BuiltInCertificateMaterial());
   virtual ~CAuthenticatorClient() = default;
   CAuthenticatorClient(const CAuthenticatorClient&) = delete;
@@ -129,11 +133,15 @@ class CAuthenticatorClient {
   void SetTickLogging(bool on);
   void SetNtlmRelay(INtlmRelay* relay) { m_pNtlmRelay = relay; }
   void SetObserver(IExchangeObserver* observer) { m_pObserver = observer; }
+  // Opt-in server verification for the exchanges that start from now on.
+  void SetServerVerification(const ServerVerification& verification) {
+    m_tls.SetServerVerification(verification);
+  }
 
   // Offers the event to every server in list order (no early stop), sets
   // the agent state once, and keeps the failed flag and retry counter for
   // the re-send logic. True when at least one server accepted it. Passes
-  // must not overlap: the owner serialises them.
+  // never overlap: a pass waits for the one in progress.
   bool send_to_all_servers(uint32_t session, const CEncoder& event, CDecoder& decoder,
                            bool isRetry);
 
@@ -153,8 +161,17 @@ class CAuthenticatorClient {
   void SetCurrentServer(const ServerEntry& server) { m_currentServer = server; }
   const ServerEntry& CurrentServer() const { return m_currentServer; }
 
+  // The re-send state: the failed flag is up after a failed pass (or when an
+  // event found no address to report) until a pass succeeds; the counter
+  // counts re-send passes since the last ordinary one.
   uint32_t LastDeliveryFailed() const { return m_bSendFailed.load(); }
   uint32_t RetryCount() const { return m_dwRetryCount.load(); }
+  // An event could not be sent for lack of a local address: raise the flag
+  // and start counting re-sends afresh.
+  void RequestResend() {
+    m_bSendFailed = 1;
+    m_dwRetryCount = 0;
+  }
   CServerResolver& Resolver() { return m_resolver; }
   CTlsClient& Tls() { return m_tls; }
 
@@ -165,8 +182,6 @@ class CAuthenticatorClient {
 
   CLog& m_log;
   ISupportLibrary& m_support;
-  const ServerList& m_servers;
-  const std::string& m_presharedKey;
   std::atomic<uint32_t>& m_keepAliveInterval;
   IDeliveryHost& m_host;
   CServerResolver m_resolver;
@@ -176,6 +191,11 @@ class CAuthenticatorClient {
 
   uint32_t m_bLogTickCount = 1;
   ServerEntry m_currentServer;
+  // Held for a whole pass: the current server and the pass's snapshot
+  // belong to one pass at a time.
+  std::mutex m_passLock;
+  // The snapshot of the pass that is running; null between passes.
+  DeliveryConfigPtr m_pass;
   std::atomic<uint32_t> m_bSendFailed{0};
   std::atomic<uint32_t> m_dwRetryCount{0};
   // Filled while an exchange runs, for the observer.

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace lindqvar {
@@ -19,5 +20,26 @@ static_assert(sizeof(ServerEntry) == 388, "a server entry is a fixed 388-byte bl
 
 // The server list in force, in configured order.
 using ServerList = std::vector<std::unique_ptr<ServerEntry>>;
+
+// The servers and the preshared key of one delivery pass. A pass works on
+// the snapshot it took at its start; a settings re-read swaps in a new one
+// without waiting for a pass to end.
+struct DeliveryConfig {
+  ServerList servers;
+  std::string presharedKey;  // UTF-8
+};
+using DeliveryConfigPtr = std::shared_ptr<const DeliveryConfig>;
+
+// A snapshot holding copies of the entries.
+inline DeliveryConfigPtr MakeDeliveryConfig(const ServerList& servers,
+                                            const std::string& presharedKey) {
+  auto config = std::make_shared<DeliveryConfig>();
+  config->servers.reserve(servers.size());
+  for (const auto& s : servers) {
+    if (s) config->servers.push_back(std::make_unique<ServerEntry>(*s));
+  }
+  config->presharedKey = presharedKey;
+  return config;
+}
 
 }  // namespace lindqvar

@@ -2,6 +2,7 @@
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -56,14 +57,73 @@ UniqueBio TextBio(const CSecureBuffer& text) {
 
 CTlsConnection::~CTlsConnection() { close_connection(*this); }
 
+void CTlsConnection::StartExchange(uint32_t messageLimitMs, uint32_t exchangeLimitMs) {
+  m_limited = true;
+  m_expired = false;
+  m_messageLimitMs = messageLimitMs;
+  m_exchangeDeadline = Clock::now() + std::chrono::milliseconds(exchangeLimitMs);
+  m_messageDeadline = m_exchangeDeadline;
+}
+
+void CTlsConnection::BeginMessage() {
+  if (!m_limited) return;
+  m_messageDeadline = std::min(m_exchangeDeadline,
+                               Clock::now() + std::chrono::milliseconds(m_messageLimitMs));
+}
+
+uint32_t CTlsConnection::ExchangeTimeLeftMs() const {
+  if (!m_limited) return UINT32_MAX;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_exchangeDeadline - Clock::now());
+  return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
+}
+
+template <typename Call>
+int CTlsConnection::Drive(Call call) {
+  if (!ssl || m_expired) return -1;
+  for (;;) {
+    ERR_clear_error();  // SSL_get_error reads the queue: no stale entries
+    const int result = call();
+    if (result > 0) return result;
+    const int error = SSL_get_error(ssl, result);
+    if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) return result;
+    // Without limits the call is the plain one: it blocks in the socket.
+    if (!m_limited) return result;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(m_messageDeadline - Clock::now()).count();
+    if (left <= 0) {
+      m_expired = true;
+      return -1;
+    }
+    const auto waitMs = static_cast<uint32_t>(left);
+    const bool ready = error == SSL_ERROR_WANT_WRITE ? socket.WaitWritable(waitMs)
+                                                     : socket.WaitReadable(waitMs);
+    if (!ready) {
+      // The limit passed (or the wait itself failed): a TLS stream cut off
+      // in the middle of a record cannot go on.
+      m_expired = true;
+      return -1;
+    }
+  }
+}
+
+int CTlsConnection::Handshake() {
+  BeginMessage();
+  return Drive([this] { return SSL_connect(ssl); });
+}
+
 int CTlsConnection::Write(const uint8_t* data, uint32_t size) {
-  if (!ssl) return -1;
-  return SSL_write(ssl, data, static_cast<int>(size));
+  BeginMessage();
+  return Drive([&] { return SSL_write(ssl, data, static_cast<int>(size)); });
 }
 
 int CTlsConnection::Read(void* data, int size) {
-  if (!ssl) return -1;
-  return SSL_read(ssl, data, size);
+  return Drive([&] { return SSL_read(ssl, data, size); });
+}
+
+uint32_t CTlsConnection::ReceiveMessage(CDecoder& decoder) {
+  BeginMessage();
+  return lindqvar::ReceiveMessage(
+      decoder, [this](void* buffer, int count) { return Read(buffer, count); });
 }
 
 uint32_t close_connection(CTlsConnection& connection) {
@@ -192,6 +252,24 @@ SSL_CTX* CTlsClient::Context() {
   return ctx;
 }
 
+void CTlsClient::SetServerVerification(const ServerVerification& verification) {
+  std::lock_guard<std::mutex> lock(m_verificationLock);
+  const ServerVerification& old = m_verification;
+  if (old.verify == verification.verify && old.pinsConfigured == verification.pinsConfigured &&
+      old.pins == verification.pins && old.problems == verification.problems)
+    return;
+  m_verification = verification;
+  for (const std::string& problem : verification.problems)
+    m_log.Error("Server verification setting: %s", problem.c_str());
+  m_log.Debug("Server verification is %s, %d pinned certificate(s)",
+              verification.verify ? "on" : "off", static_cast<int>(verification.pins.size()));
+}
+
+ServerVerification CTlsClient::CurrentServerVerification() const {
+  std::lock_guard<std::mutex> lock(m_verificationLock);
+  return m_verification;
+}
+
 uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& target) {
   m_log.Debug("%s is called", kSslClientInit);
   uint32_t result = 0;
@@ -199,6 +277,9 @@ uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& 
     SSL_CTX* context = Context();
     if (!context) break;
 
+    // The exchange's clock starts here: connect, handshake and every
+    // message after it share the exchange limit.
+    connection.StartExchange(m_timings.socketTimeoutMs, m_timings.exchangeLimitMs);
     CSocket& socket = connection.socket;
     socket.SetNonBlocking(true);
     socket.SetTimeouts(m_timings.socketTimeoutMs);
@@ -210,11 +291,15 @@ uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& 
 
     m_log.Debug("%s:%d,  check if connection is ready", kSslClientInit, kConnectReadyLine);
     bool connected = false;
-    for (uint32_t poll = 0; poll < m_timings.connectPolls; ++poll) {
+    for (uint32_t poll = 0; poll < m_timings.connectPolls && connection.ExchangeTimeLeftMs() > 0;
+         ++poll) {
       const ConnectWait wait = socket.WaitConnected(m_timings.connectPollUs);
       if (wait == ConnectWait::kError || wait == ConnectWait::kFailed) break;
       if (wait == ConnectWait::kConnected) {
-        socket.SetNonBlocking(false);
+        // The socket stays non-blocking: the TLS calls wait for it within
+        // their limits (see CTlsConnection), so a server that sends slowly
+        // cannot hold a read past them. The system's limits are set all the
+        // same.
         socket.SetTimeouts(m_timings.socketTimeoutMs);
         connected = true;
         break;
@@ -239,9 +324,22 @@ uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& 
     } else {
       m_log.Debug("To send SNI server name to BRK, we need FQDN of BRK");
     }
-    // Any result but 0 counts: a handshake that failed otherwise shows up as
-    // the first read failing.
-    if (SSL_connect(connection.ssl) != 0) result = 1;
+    ServerCertificateCheck& check = connection.serverCheck;
+    check = ServerCertificateCheck{};
+    check.settings = CurrentServerVerification();
+    PrepareServerVerification(connection.ssl, target.name, check);
+    const int handshake = connection.Handshake();
+    FinishServerVerification(connection.ssl, check);
+    if (check.settings.verify && (check.seen || handshake == 1) && !check.Passes()) {
+      check.refused = true;
+      m_log.Error("SslClientInit(), server verification failed for authenticator %s port %d: %s",
+                  target.name.c_str(), static_cast<int>(target.port),
+                  check.Reason(target.name).c_str());
+      break;
+    }
+    // Any result but 0 counts: a handshake that failed otherwise (or did not
+    // finish within its limit) shows up as the first read failing.
+    if (handshake != 0) result = 1;
   } while (false);
 
   if (!result) m_log.Error("SslClientInit(), failed to initialize ssl context");

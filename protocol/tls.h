@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -15,7 +16,9 @@
 #include "platform/socket.h"
 #include "platform/timings.h"
 #include "protocol/certificate_material.h"
+#include "protocol/codec.h"
 #include "protocol/ip_address.h"
+#include "protocol/server_verification.h"
 
 namespace lindqvar {
 
@@ -24,6 +27,15 @@ class ISupportLibrary;
 
 // One connection: the socket and the TLS session on it. Both are released
 // by close_connection, which the destructor runs when the owner has not.
+//
+// Time limits: once StartExchange has run (SslClientInit runs it before the
+// connect), the socket stays non-blocking and every TLS call waits for the
+// socket only as long as its limits allow. Each message written or
+// received, and the TLS handshake, must complete within the message limit as
+// a whole, however the peer spreads its bytes; nothing at all goes on past
+// the exchange limit, counted from StartExchange. A call whose limit passes
+// fails as a read that timed out does, and the connection is spent: every
+// later call fails at once. Without StartExchange no limit applies.
 class CTlsConnection {
  public:
   CTlsConnection() = default;
@@ -31,13 +43,45 @@ class CTlsConnection {
   CTlsConnection(const CTlsConnection&) = delete;
   CTlsConnection& operator=(const CTlsConnection&) = delete;
 
-  // SSL_write of the whole block at once; the result is SSL_write's.
+  void StartExchange(uint32_t messageLimitMs, uint32_t exchangeLimitMs);
+
+  // SSL_connect, within the message limit; the result is SSL_connect's.
+  int Handshake();
+  // Writes the whole block (one message) within the message limit. The
+  // result is SSL_write's, or -1 once a limit has passed.
   int Write(const uint8_t* data, uint32_t size);
-  // SSL_read; the result is SSL_read's (> 0 bytes read, else failure).
+  // Receives one message (length-prefixed framing, see codec.h) within the
+  // message limit. 1, or 0 on failure (the decoder then holds no message).
+  uint32_t ReceiveMessage(CDecoder& decoder);
+  // SSL_read within the limit of the message being received (started by
+  // ReceiveMessage or BeginMessage); the result is SSL_read's, or -1 once a
+  // limit has passed.
   int Read(void* data, int size);
+  // Starts the message limit for the Read calls that follow.
+  void BeginMessage();
+  // True once a limit has passed (or a wait for the socket failed).
+  bool Expired() const { return m_expired; }
+  // Milliseconds left before the exchange limit (UINT32_MAX without one).
+  uint32_t ExchangeTimeLeftMs() const;
 
   CSocket socket;
   SSL* ssl = nullptr;  // freed by close_connection
+  // The server's certificate as SslClientInit found it, and the settings
+  // it was held to (attached to `ssl`, so it lives at least as long).
+  ServerCertificateCheck serverCheck;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  // Runs `call` (an SSL_* call on `ssl`) until it completes or fails,
+  // waiting for the socket between attempts while the limits allow.
+  template <typename Call>
+  int Drive(Call call);
+
+  bool m_limited = false;
+  uint32_t m_messageLimitMs = 0;
+  Clock::time_point m_exchangeDeadline{};
+  Clock::time_point m_messageDeadline{};
+  bool m_expired = false;
 };
 
 // Quiet TLS shutdown and SSL_free, then shutdown(both) and close of the
@@ -91,12 +135,22 @@ class CTlsClient {
   CTlsClient(const CTlsClient&) = delete;
   CTlsClient& operator=(const CTlsClient&) = delete;
 
-  // Connects the caller's socket (already created with the target's family)
-  // and runs the TLS handshake. 1 when the TLS session is set up (an
-  // SSL_connect result of 0 is the only handshake failure seen here; a
-  // failed handshake shows as the first read failing), else 0. The socket
-  // and any SSL object are left for close_connection.
+  // Starts the connection's limits (the timings' socket limit per message,
+  // the exchange limit for everything from here to the close), connects the
+  // caller's socket (already created with the target's family) and runs the
+  // TLS handshake. 1 when the TLS session is set up (an SSL_connect result
+  // of 0 is the only handshake failure seen here; a failed handshake, or one
+  // that did not finish within its limit, shows as the first read failing),
+  // else 0. The socket and any SSL object are left for close_connection.
+  // With server verification on, a server whose certificate does not pass
+  // (see server_verification.h) fails here, with one error line that names
+  // it and the reason, before the agent sends anything of the dialogue.
   uint32_t SslClientInit(CTlsConnection& connection, const TlsTarget& target);
+
+  // Server verification for the connections that start from now on (the
+  // default is off). Each problem of new settings is logged once.
+  void SetServerVerification(const ServerVerification& verification);
+  ServerVerification CurrentServerVerification() const;
 
   // The context, made on first use under a lock; null while it cannot be
   // made. A context whose identity or CA loading failed is kept as it is.
@@ -109,6 +163,8 @@ class CTlsClient {
   const CertificateMaterial& m_material;
   std::mutex m_contextLock;
   std::atomic<SSL_CTX*> m_context{nullptr};
+  mutable std::mutex m_verificationLock;
+  ServerVerification m_verification;
 };
 
 }  // namespace lindqvar

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/event.h"
+#include "platform/socket.h"
 #include "platform/win32/windows_include.h"
 
 namespace lindqvar::win32 {
@@ -26,30 +27,7 @@ std::string CNetworkWin32::HostName() {
 }
 
 int CNetworkWin32::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
-  out.clear();
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_protocol = IPPROTO_TCP;
-  addrinfo* list = nullptr;
-  const int rc = ::getaddrinfo(name.c_str(), nullptr, &hints, &list);
-  if (rc != 0) return rc;
-  for (const addrinfo* ai = list; ai; ai = ai->ai_next) {
-    ResolvedAddress a;
-    if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in)) {
-      a.family = kFamilyIPv4;
-      std::memcpy(a.bytes.data(), &reinterpret_cast<const sockaddr_in*>(ai->ai_addr)->sin_addr, 4);
-    } else if (ai->ai_family == AF_INET6 && ai->ai_addrlen >= sizeof(sockaddr_in6)) {
-      a.family = kFamilyIPv6;
-      std::memcpy(a.bytes.data(), &reinterpret_cast<const sockaddr_in6*>(ai->ai_addr)->sin6_addr,
-                  16);
-    } else {
-      continue;
-    }
-    out.push_back(a);
-  }
-  ::freeaddrinfo(list);
-  return 0;
+  return ResolveName(name, out);
 }
 
 bool CNetworkWin32::PhysicalDnsDomain(std::u16string& domain, uint32_t& error) {

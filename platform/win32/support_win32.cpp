@@ -139,15 +139,39 @@ void CSupportLibraryWin32::log_error(LogHandle handle, std::string_view line) {
   if (handle->level >= kLevelErrors && handle->file) AppendLine(handle->file.get(), "ERROR", line);
 }
 
-void CSupportLibraryWin32::LogW(uint32_t eventId, const char16_t* data) {
-  const CatalogueEvent* event = nullptr;
+const CatalogueEvent* CSupportLibraryWin32::FindEvent(uint32_t eventId) const {
   for (const auto& e : m_catalogue) {
-    if (e.id == eventId) event = &e;
+    if (e.id == eventId) return &e;
   }
+  return nullptr;
+}
+
+void CSupportLibraryWin32::LogW(uint32_t eventId, const char16_t* data) {
+  const CatalogueEvent* event = FindEvent(eventId);
   const std::u16string text =
       event ? RenderTitle(*event, data) : u"event " + AnsiToWide(std::to_string(eventId));
-  const WORD type = event && event->severity == 4 ? EVENTLOG_WARNING_TYPE
-                                                  : EVENTLOG_INFORMATION_TYPE;
+  WriteEvent(eventId, event && event->severity == 4 ? 4 : 6, text);
+}
+
+void CSupportLibraryWin32::LogW(uint32_t eventId, uint32_t level,
+                                std::span<const LogField> fields) {
+  // The title, then the pairs as key=value, each after one blank:
+  // "Single Sign-On event action=1 domain=... user=alice".
+  const CatalogueEvent* event = FindEvent(eventId);
+  std::u16string text =
+      event ? RenderTitle(*event, nullptr) : u"event " + AnsiToWide(std::to_string(eventId));
+  for (const LogField& f : fields) {
+    text += u' ';
+    text += f.key;
+    text += u'=';
+    text += f.value;
+  }
+  WriteEvent(eventId, level, text);
+}
+
+void CSupportLibraryWin32::WriteEvent(uint32_t eventId, uint32_t level, const std::u16string& text) {
+  // Levels as in the catalogue: 4 warning, anything else informational.
+  const WORD type = level == 4 ? EVENTLOG_WARNING_TYPE : EVENTLOG_INFORMATION_TYPE;
   std::lock_guard<std::mutex> lock(m_eventMutex);
   BOOL reported = FALSE;
   {
@@ -158,7 +182,8 @@ void CSupportLibraryWin32::LogW(uint32_t eventId, const char16_t* data) {
     }
   }
   // Catalogue events also go to the log file, whatever the level, so that
-  // the start and stop of the agent can be read in one place.
+  // the start and stop of the agent and every delivery can be read in one
+  // place.
   ScopedFileHandle file(OpenForAppend(LogFilePath(kAgentLogName)));
   if (file) {
     const std::string line = std::to_string(eventId) + " " + WideToUtf8(text) +

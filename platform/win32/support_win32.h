@@ -23,6 +23,7 @@ class CSupportLibraryWin32 : public ISupportLibrary {
   void log_debug(LogHandle handle, std::string_view line) override;
   void log_error(LogHandle handle, std::string_view line) override;
   void LogW(uint32_t eventId, const char16_t* data) override;
+  void LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) override;
   uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
   void cfg_get_lindqvar_settings(uint8_t* record) override;
   void cfg_get_logging_info(uint8_t* record) override;
@@ -40,6 +41,10 @@ class CSupportLibraryWin32 : public ISupportLibrary {
   static std::u16string LogFilePath(std::u16string_view name);
 
  private:
+  const CatalogueEvent* FindEvent(uint32_t eventId) const;
+  // To the Windows event log and the agent's log file.
+  void WriteEvent(uint32_t eventId, uint32_t level, const std::u16string& text);
+
   std::span<const CatalogueEvent> m_catalogue;
   std::mutex m_eventMutex;
 };

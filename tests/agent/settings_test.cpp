@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/state.h"
+#include "agent/verification_settings.h"
+
 #include "platform/log.h"
 #include "tests/fakes/fake_platform.h"
 
@@ -165,6 +168,66 @@ TEST_F(SettingsChange, ApplySetsTheLevelOnlyWithALogHandleAndReplacesEverything)
   EXPECT_TRUE(support.HasLine("Address Category:2"));
   EXPECT_TRUE(support.HasLine("prefer azure:1"));
   for (const auto& line : support.Lines()) EXPECT_EQ(line.text.find("new key"), std::string::npos);
+}
+
+// --- server verification values ---------------------------------------------
+
+// Registry bytes of a value: a DWORD, or UTF-16LE text (NULs in `text`
+// separate the strings of a REG_MULTI_SZ).
+std::vector<uint8_t> Dword(uint32_t v) {
+  return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
+}
+std::vector<uint8_t> Utf16(const std::string& text) {
+  std::vector<uint8_t> out;
+  for (char c : text) out.insert(out.end(), {uint8_t(c), 0});
+  out.insert(out.end(), {0, 0});
+  return out;
+}
+
+TEST(ServerVerificationValues, DefaultOffAndWhatEachValueTurnsInto) {
+  // Plain lower case, and grouped upper case as the openssl command prints it.
+  const std::string a(64, 'a');
+  std::string b = "BB";
+  for (int i = 1; i < 32; ++i) b += ":BB";
+  struct Case {
+    const char* what;
+    bool keyExists;
+    int verifyType;  // 0: absent
+    std::vector<uint8_t> verify;
+    int pinType;
+    std::vector<uint8_t> pins;
+    bool verifyOn, pinsConfigured;
+    size_t validPins, problems;
+  } cases[] = {
+      {"no key", false, 0, {}, 0, {}, false, false, 0, 0},
+      {"no values", true, 0, {}, 0, {}, false, false, 0, 0},
+      {"off", true, 4, Dword(0), 0, {}, false, false, 0, 0},
+      {"on", true, 4, Dword(1), 0, {}, true, false, 0, 0},
+      {"any other number is on", true, 4, Dword(7), 0, {}, true, false, 0, 0},
+      {"a string is no switch", true, 1, Utf16("1"), 0, {}, false, false, 0, 1},
+      {"two pins", true, 4, Dword(1), 7, Utf16(a + std::string(1, '\0') + b + std::string(1, '\0')), true, true, 2, 0},
+      {"pins in one string", true, 4, Dword(1), 1, Utf16(a + "; " + b), true, true, 2, 0},
+      {"a bad entry matches nothing", true, 4, Dword(1), 7, Utf16(a.substr(1) + std::string(1, '\0') + b), true, true, 1, 1},
+      {"an empty list is none", true, 4, Dword(1), 7, Utf16(""), true, false, 0, 0},
+      {"a list of the wrong type", true, 4, Dword(1), 4, Dword(1), true, true, 0, 1},
+  };
+  for (const Case& c : cases) {
+    testing::FakeRegistry registry;
+    if (c.keyExists) registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+    if (c.verifyType)
+      registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kVerifyServerValue, c.verifyType, c.verify);
+    if (c.pinType)
+      registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kServerPinsValue, c.pinType, c.pins);
+    const ServerVerification v = ReadServerVerification(registry);
+    EXPECT_EQ(c.verifyOn, v.verify) << c.what;
+    EXPECT_EQ(c.pinsConfigured, v.pinsConfigured) << c.what;
+    EXPECT_EQ(c.validPins, v.pins.size()) << c.what;
+    EXPECT_EQ(c.problems, v.problems.size()) << c.what;
+    if (c.validPins == 2) {
+      EXPECT_EQ(std::string(64, 'A'), Sha256Text(v.pins[0])) << c.what;
+      EXPECT_EQ(std::string(64, 'B'), Sha256Text(v.pins[1])) << c.what;
+    }
+  }
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/os.h"
+
 namespace lindqvar::testing {
 
 namespace {
@@ -95,6 +97,19 @@ void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
   m_events.push_back(eventId);
 }
 
+void FakeSupport::LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) {
+  std::string text = std::to_string(eventId) + " " + std::to_string(level);
+  for (const LogField& f : fields) text += " " + WideToUtf8(f.key) + "=" + WideToUtf8(f.value);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_events.push_back(eventId);
+  m_fieldEvents.push_back(std::move(text));
+}
+
+std::vector<std::string> FakeSupport::FieldEvents() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_fieldEvents;
+}
+
 uint32_t FakeSupport::get_desired_status(uint32_t component, std::u16string_view key) {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_lastKey = std::u16string(key);
@@ -159,8 +174,20 @@ class FakeRegistryKey : public IRegistryKey {
     value = v->second;
     return 0;
   }
-  // Strings are stored with their terminator, DWORDs as four bytes.
+  // A value stored as raw bytes comes as it is; strings come with their
+  // terminator, DWORDs as four bytes.
   uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
+    {
+      std::lock_guard<std::mutex> lock(m_registry.m_mutex);
+      auto it = m_registry.m_keys.find(m_id);
+      if (it == m_registry.m_keys.end()) return 1018;
+      auto v = it->second.raw.find(std::u16string(name));
+      if (v != it->second.raw.end()) {
+        type = v->second.first;
+        data = v->second.second;
+        return 0;
+      }
+    }
     std::u16string text;
     uint32_t result = QueryString(name, text);
     if (result == 0) {
@@ -221,6 +248,12 @@ void FakeRegistry::SetString(RegistryHive hive, const std::u16string& path,
                              const std::u16string& name, const std::u16string& value) {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_keys[{hive, Lower(path)}].strings[name] = value;
+}
+
+void FakeRegistry::SetValue(RegistryHive hive, const std::u16string& path,
+                            const std::u16string& name, uint32_t type, std::vector<uint8_t> data) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_keys[{hive, Lower(path)}].raw[name] = {type, std::move(data)};
 }
 
 std::vector<uint32_t> FakeRegistry::AccessMasks() const {
@@ -287,6 +320,7 @@ class FakeWatch : public IAddressChangeWatch {
 }  // namespace
 
 int FakeNetwork::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
+  std::lock_guard<std::mutex> lock(m_namesLock);
   auto it = names.find(name);
   if (it == names.end()) return resolveError;
   out = it->second;
@@ -303,7 +337,14 @@ bool FakeNetwork::PhysicalDnsDomain(std::u16string& d, uint32_t& error) {
 }
 
 std::unique_ptr<IAddressChangeWatch> FakeNetwork::CreateAddressChangeWatch() {
-  return std::make_unique<FakeWatch>(armError);
+  auto watch = std::make_unique<FakeWatch>(armError);
+  m_watchChanged = &watch->Changed();
+  return watch;
+}
+
+void FakeNetwork::SetNames(const std::string& name, std::vector<ResolvedAddress> addresses) {
+  std::lock_guard<std::mutex> lock(m_namesLock);
+  names[name] = std::move(addresses);
 }
 
 ResolvedAddress FakeNetwork::V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
@@ -374,6 +415,7 @@ Timings FakePlatform::ShortTimings() {
   t.startupDelayMs = 0;
   t.pumpIntervalMs = 1;
   t.threadExitPollMs = 1;
+  t.processEndGraceMs = 200;
   t.resendPeriodMs = 20;
   t.pendingRetryPeriodMs = 20;
   t.addressRoundWaitMs = 20;
@@ -382,6 +424,7 @@ Timings FakePlatform::ShortTimings() {
   t.connectPolls = 20;
   t.connectPollUs = 10000;
   t.socketTimeoutMs = 500;
+  t.exchangeLimitMs = 2000;
   t.consoleIdlePolls = 5;
   t.consoleIdlePollMs = 10;
   return t;

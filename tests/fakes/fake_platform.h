@@ -33,6 +33,8 @@ class FakeSupport : public ISupportLibrary {
   bool HasLine(const std::string& text) const;
   size_t CountLines(const std::string& text) const;
   std::vector<uint32_t> CatalogueEvents() const;
+  // Events written with a level and pairs: "<id> <level> key=value key=value".
+  std::vector<std::string> FieldEvents() const;
   std::vector<uint32_t> LevelsSet() const;
   int OpenLogs() const { return m_openLogs; }
   std::u16string LastStatusKey() const;
@@ -43,6 +45,7 @@ class FakeSupport : public ISupportLibrary {
   void log_debug(LogHandle handle, std::string_view line) override;
   void log_error(LogHandle handle, std::string_view line) override;
   void LogW(uint32_t eventId, const char16_t* data) override;
+  void LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) override;
   uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
   void cfg_get_lindqvar_settings(uint8_t* record) override;
   void cfg_get_logging_info(uint8_t* record) override;
@@ -63,6 +66,7 @@ class FakeSupport : public ISupportLibrary {
   uint8_t m_logging[logging_record::kSize] = {};
   std::vector<Line> m_lines;
   std::vector<uint32_t> m_events;
+  std::vector<std::string> m_fieldEvents;
   std::vector<uint32_t> m_levels;
   std::atomic<uint32_t> m_desired{0};
   std::u16string m_lastKey;
@@ -81,6 +85,9 @@ class FakeRegistry : public IRegistry {
                 uint32_t& value) const;
   void SetString(RegistryHive hive, const std::u16string& path, const std::u16string& name,
                  const std::u16string& value);
+  // A value of any type, as stored (what QueryValue answers for it).
+  void SetValue(RegistryHive hive, const std::u16string& path, const std::u16string& name,
+                uint32_t type, std::vector<uint8_t> data);
   size_t DwordWrites() const { return m_dwordWrites; }
   std::vector<uint32_t> AccessMasks() const;
 
@@ -100,6 +107,7 @@ class FakeRegistry : public IRegistry {
   struct Values {
     std::map<std::u16string, uint32_t> dwords;
     std::map<std::u16string, std::u16string> strings;
+    std::map<std::u16string, std::pair<uint32_t, std::vector<uint8_t>>> raw;
   };
   static std::u16string Lower(std::u16string_view s);
   mutable std::mutex m_mutex;
@@ -123,6 +131,11 @@ class FakeNetwork : public INetwork {
   static ResolvedAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
   static ResolvedAddress V6(std::initializer_list<uint16_t> groups);
 
+  // Replaces a name's addresses while the agent's threads may resolve it.
+  void SetNames(const std::string& name, std::vector<ResolvedAddress> addresses);
+  // The change event of the last watch made, for tests that signal a change.
+  Event* WatchChanged() const { return m_watchChanged.load(); }
+
   std::string hostName = "workstation";
   std::map<std::string, std::vector<ResolvedAddress>> names;
   int resolveError = 11001;  // for names not in the map
@@ -131,6 +144,10 @@ class FakeNetwork : public INetwork {
   std::u16string domain;
   uint32_t armError = 0;  // what the address-change watch's Arm returns
   std::atomic<int> startups{0}, cleanups{0};
+
+ private:
+  mutable std::mutex m_namesLock;
+  std::atomic<Event*> m_watchChanged{nullptr};
 };
 
 class FakeSessions : public ISessions {

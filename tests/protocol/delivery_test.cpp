@@ -2,6 +2,9 @@
 // the agent's real TLS and the compiled-in client identity.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <future>
 #include <regex>
 
 #include "protocol/delivery.h"
@@ -175,19 +178,115 @@ TEST_F(DeliveryTest, AServerClosingAfterTheHelloAckFailsAtTheEventAck) {
   EXPECT_EQ(std::vector<uint32_t>{1}, agent.states);
 }
 
-TEST_F(DeliveryTest, SilentServersFailAtTheHelloWithinTheReadLimit) {
-  for (Fault fault : {Fault::kStall, Fault::kStallTls}) {
+TEST_F(DeliveryTest, SilentAndDribblingServersFailWithinTheLimitsAndThePassGoesOn) {
+  // Dribbled bytes come 100 ms apart, well inside the read limit: only a
+  // limit on the whole message (or exchange) ends such an exchange.
+  struct Case {
+    Fault fault;
+    uint32_t messageLimitMs;
+    uint32_t exchangeLimitMs;
+  } cases[] = {
+      {Fault::kStall, 300, 20000},
+      {Fault::kStallTls, 300, 20000},
+      {Fault::kDribble, 300, 20000},     // the hello: 80 bytes
+      {Fault::kDribbleTls, 300, 20000},  // the handshake
+      {Fault::kDribble, 20000, 600},     // each message in time, the exchange not
+  };
+  for (const Case& c : cases) {
+    const std::string row = std::string(lab::FaultName(c.fault)) + " " +
+                            std::to_string(c.messageLimitMs) + "/" + std::to_string(c.exchangeLimitMs);
     auto options = CLabFixture::Options(kKey);
-    options.fault = fault;
-    CLabFixture lab(options);
+    options.fault = c.fault;
+    options.dribbleMs = 100;
+    CLabFixture faulty(options);
+    CLabFixture healthy(CLabFixture::Options(kKey));
     CDeliveryHarness agent(kKey);
-    agent.timings.socketTimeoutMs = 300;
+    agent.timings.socketTimeoutMs = c.messageLimitMs;
+    agent.timings.exchangeLimitMs = c.exchangeLimitMs;
     agent.Rebuild();
-    agent.AddServer("127.0.0.1", lab.Port());
-    EXPECT_FALSE(agent.Deliver()) << lab::FaultName(fault);
-    EXPECT_TRUE(agent.Logged(
-        "ReceiveServerReply(), failed to receive hello message from authenticator, TID:"))
-        << lab::FaultName(fault);
+    agent.AddServer("127.0.0.1", faulty.Port());
+    agent.AddServer("127.0.0.1", healthy.Port());
+
+    // The pass must end on its own within the tighter limit and some slack;
+    // if it does not, the faulty server is stopped to release it.
+    auto pass = std::async(std::launch::async, [&agent] { return agent.Deliver(); });
+    const auto bound = std::chrono::milliseconds(
+        std::min(c.messageLimitMs, c.exchangeLimitMs) + 3000);
+    if (pass.wait_for(bound) != std::future_status::ready) {
+      ADD_FAILURE() << row << ": the pass did not end within " << bound.count() << " ms";
+      faulty.Server().Stop();
+    }
+    EXPECT_TRUE(pass.get()) << row;
+    EXPECT_EQ(std::vector<uint32_t>{2}, agent.states) << row;
+    EXPECT_EQ("complete", healthy.WaitReports(1)[0].end) << row;
+    EXPECT_EQ(1u, agent.LinesStartingWith(
+                          "ReceiveServerReply(), failed to receive hello message from "
+                          "authenticator, TID:")
+                      .size())
+        << row;
+    EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size()) << row;
+  }
+}
+
+TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
+  // The healthy server on ::1 carries the development CA's other
+  // certificate, which the pin row lists.
+  const std::string pinOfHealthy = CertificateFingerprint(PkiFile("server-alt.pem"));
+  struct Case {
+    const char* certificate;  // of the tested server, from the development PKI
+    const char* host;         // as configured
+    bool pinHealthy;          // pin list: only the healthy server's certificate
+    std::string reason;
+  } cases[] = {
+      {"other-server", "127.0.0.1", false,
+       "does not verify against the built-in CA bundle: unable to get local issuer certificate"},
+      {"server", "authenticator.lab.test", false, "is not issued for authenticator.lab.test"},
+      {"server", "127.0.0.1", true,
+       "fingerprint " + CertificateFingerprint(PkiFile("server.pem")) +
+           " is not in ServerCertificateSha256"},
+  };
+  for (const Case& c : cases) {
+    for (bool on : {false, true}) {
+      const std::string row = std::string(c.certificate) + " as " + c.host +
+                              (c.pinHealthy ? " pinned" : "") + (on ? ", on" : ", off");
+      auto options = CLabFixture::Options(kKey);
+      options.certFile = PkiFile(std::string(c.certificate) + ".pem");
+      options.keyFile = PkiFile(std::string(c.certificate) + ".key");
+      CLabFixture tested(options);
+      auto healthyOptions = CLabFixture::Options(kKey);
+      healthyOptions.certFile = PkiFile("server-alt.pem");
+      healthyOptions.keyFile = PkiFile("server-alt.key");
+      CLabFixture healthy(healthyOptions, "::1");
+      CDeliveryHarness agent(kKey);
+      agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
+      agent.AddServer(c.host, tested.Port());
+      agent.AddServer("[::1]", healthy.Port());
+      // Off is the default; the pin row sets its list also with the switch off.
+      if (on || c.pinHealthy) {
+        ServerVerification v;
+        v.verify = on;
+        if (c.pinHealthy) AddServerPins(pinOfHealthy, v);
+        agent.client->SetServerVerification(v);
+      }
+
+      EXPECT_TRUE(agent.Deliver()) << row;
+      EXPECT_EQ(std::vector<uint32_t>{2}, agent.states) << row;
+      EXPECT_EQ("complete", healthy.WaitReports(1)[0].end) << row;
+      const ConnectionReport r = tested.WaitReports(1)[0];
+      const auto refusals = agent.LinesStartingWith(
+          "SslClientInit(), server verification failed for authenticator " + std::string(c.host) +
+          " port " + std::to_string(tested.Port()) + ": ");
+      if (on) {
+        // Refused in the handshake: the server never got as far as the hello.
+        EXPECT_FALSE(r.tlsUp) << row;
+        EXPECT_FALSE(r.helloReplyReceived) << row;
+        ASSERT_EQ(1u, refusals.size()) << row;
+        EXPECT_NE(std::string::npos, refusals[0].find(c.reason)) << row << ": " << refusals[0];
+      } else {
+        EXPECT_EQ("complete", r.end) << row;
+        EXPECT_TRUE(refusals.empty()) << row;
+      }
+    }
   }
 }
 
@@ -319,8 +418,8 @@ TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
   FipsSupport fips;
   CDeliveryHarness host(kKey);
   host.AddServer("127.0.0.1", lab.Port());
-  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.servers,
-                              host.presharedKey, host.keepAlive, host, material.Get());
+  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.keepAlive, host,
+                              material.Get());
   CEncoder event(kEventEncoderCapacity);
   CDeliveryHarness::BuildEvent(event);
   CDecoder decoder;

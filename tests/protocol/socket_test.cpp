@@ -49,8 +49,10 @@ TEST_P(SocketTest, NonBlockingConnectAcceptAndStreamBothWays) {
   EXPECT_EQ(bound.family, peer.family);
   EXPECT_EQ(bound.AddressText(), peer.AddressText());
 
-  EXPECT_EQ(5, client.Send("hello", 5));
   char buffer[16] = {};
+  EXPECT_FALSE(server.WaitReadable(20));  // nothing sent yet
+  ASSERT_TRUE(client.WaitWritable(2000));
+  EXPECT_EQ(5, client.Send("hello", 5));
   ASSERT_TRUE(server.WaitReadable(2000));
   EXPECT_EQ(5, server.Receive(buffer, sizeof buffer));
   EXPECT_STREQ("hello", buffer);

@@ -86,6 +86,17 @@ X509* ParseCertificate(const std::string& pem) {
   return cert;
 }
 
+std::string CertificateFingerprint(const std::string& pemFile) {
+  X509* cert = ParseCertificate(ReadFile(pemFile));
+  uint8_t digest[32] = {};
+  unsigned int size = 0;
+  if (cert) X509_digest(cert, EVP_sha256(), digest, &size);
+  X509_free(cert);
+  std::string hex = Hex(digest, size);
+  for (char& c : hex) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return hex;
+}
+
 CTestMaterial::CTestMaterial(const std::string& ca, const std::string& certificate,
                              const std::string& key, const std::string& passPhrase,
                              const std::string& alternativePassPhrase) {
@@ -160,8 +171,8 @@ CDeliveryHarness::CDeliveryHarness(const std::string& key, const CertificateMate
 }
 
 void CDeliveryHarness::Rebuild() {
-  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, servers,
-                                                  presharedKey, keepAlive, *this, m_material);
+  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, keepAlive,
+                                                  *this, m_material);
 }
 
 void CDeliveryHarness::BuildEvent(CEncoder& e) {

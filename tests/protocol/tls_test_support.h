@@ -37,6 +37,9 @@ TestIdentity MakeIdentity(const char* keyType, int bits, const char* curve, cons
                           const std::string& passPhrase = "");
 // The certificate of a PEM text (owned by the caller: X509_free).
 X509* ParseCertificate(const std::string& pem);
+// SHA-256 of the DER form of the first certificate in a PEM file, as
+// Sha256Text writes it.
+std::string CertificateFingerprint(const std::string& pemFile);
 
 // Certificate material encrypted under a test key, the way the build step
 // encrypts it; the encrypted items live in this object.
@@ -100,7 +103,10 @@ class CDeliveryHarness : public IDeliveryHost {
   std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
   bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
 
-  // IDeliveryHost
+  // IDeliveryHost: the servers and key as the test last set them.
+  DeliveryConfigPtr DeliveryConfiguration() override {
+    return MakeDeliveryConfig(servers, presharedKey);
+  }
   void SetDeliveryState(uint32_t state) override;
   IpAddress LocalAddress() override { return localAddress; }
 

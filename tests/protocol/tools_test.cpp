@@ -165,7 +165,15 @@ TEST(DiagProgram, CheckPassesAServerThatAcceptsTheKeyAndSendsNoEvent) {
   const RunResult r = RunProgram(Diag("check --server 127.0.0.1:" + std::to_string(lab.Port()) +
                                " --key-file " + KeyFile("diag-key")));
   EXPECT_EQ(diag::kExitOk, r.exitCode) << r.output;
-  EXPECT_NE(std::string::npos, r.output.find("verified against the built-in CA bundle")) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("Server verification off: every server is accepted"))
+      << r.output;
+  EXPECT_NE(std::string::npos,
+            r.output.find("SHA-256 " + CertificateFingerprint(PkiFile("server.pem")) + "\n"))
+      << r.output;
+  EXPECT_NE(std::string::npos,
+            r.output.find("server verification: passes (the chain verifies against the built-in "
+                          "CA bundle, the certificate is issued for 127.0.0.1)"))
+      << r.output;
   EXPECT_NE(std::string::npos, r.output.find("hello accepted")) << r.output;
   EXPECT_NE(std::string::npos, r.output.find("1 of 1 server(s) passed")) << r.output;
   const auto reports = lab.WaitReports(1);
@@ -215,6 +223,32 @@ TEST(DiagProgram, ExitCodesTellWhatWentWrong) {
   EXPECT_EQ(diag::kExitUsage, r.exitCode) << r.output;
   EXPECT_NE(std::string::npos, r.output.find("send needs --user, --domain and --workstation"));
   r = RunProgram(Diag("check --server 127.0.0.1:99999"));
+  EXPECT_EQ(diag::kExitUsage, r.exitCode) << r.output;
+
+  // Server verification: reported whatever the setting, enforced when asked.
+  auto foreign = CLabFixture::Options("diag-key");
+  foreign.certFile = PkiFile("other-server.pem");
+  foreign.keyFile = PkiFile("other-server.key");
+  CLabFixture foreignLab(foreign);
+  const std::string foreignServer = "--server 127.0.0.1:" + std::to_string(foreignLab.Port());
+  r = RunProgram(Diag("check " + foreignServer + " --key diag-key"));
+  EXPECT_EQ(diag::kExitOk, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("SHA-256 " + CertificateFingerprint(PkiFile("other-server.pem"))))
+      << r.output;
+  EXPECT_NE(std::string::npos,
+            r.output.find("unable to get local issuer certificate; with VerifyServer 0 the agent "
+                          "connects all the same"))
+      << r.output;
+  r = RunProgram(Diag("check " + foreignServer + " " + goodServer + " --key diag-key --verify-server"));
+  EXPECT_EQ(diag::kExitSomeFailed, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("the agent refuses this server")) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("FAILED at verify")) << r.output;
+  r = RunProgram(Diag("check " + goodServer + " --key diag-key --verify-server --pin " +
+                      CertificateFingerprint(PkiFile("server.pem"))));
+  EXPECT_EQ(diag::kExitOk, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("pin list of 1 fingerprint(s) (--pin)")) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("it is in the pin list")) << r.output;
+  r = RunProgram(Diag("check " + goodServer + " --pin 0123"));
   EXPECT_EQ(diag::kExitUsage, r.exitCode) << r.output;
 
   auto options = CLabFixture::Options("diag-key");

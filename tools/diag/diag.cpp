@@ -13,6 +13,7 @@
 
 #include "agent/settings.h"
 #include "agent/state.h"
+#include "agent/verification_settings.h"
 #include "platform/log.h"
 #include "platform/os.h"
 #include "platform/socket.h"
@@ -52,7 +53,14 @@ const char kUsage[] =
     "  --client-guid TEXT     client GUID sent in the hello (default: the endpoint\n"
     "                         client's own, on Windows)\n"
     "  --fips                 behave as the agent does in FIPS mode\n"
-    "  --timeout-ms N         limit of every read and write (default 5000)\n"
+    "  --verify-server        refuse servers that fail verification, as the agent\n"
+    "                         does with VerifyServer 1 (whatever the setting, every\n"
+    "                         server's result and fingerprint are shown)\n"
+    "  --pin SHA256           a fingerprint for the pin list (repeatable); replaces\n"
+    "                         the agent's ServerCertificateSha256\n"
+    "  --timeout-ms N         limit of every message read or written (default 5000,\n"
+    "                         as the agent); the whole exchange with one server is\n"
+    "                         limited to four times that\n"
     "  --verbose              also show every debug line the agent's code logs\n"
     "  --help\n"
     "\n"
@@ -129,6 +137,7 @@ class CDiagSupport : public ISupportLibrary {
   }
   void log_error(LogHandle, std::string_view line) override { Print("log error", line); }
   void LogW(uint32_t, const char16_t*) override {}
+  void LogW(uint32_t, uint32_t, std::span<const LogField>) override {}
   uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
   void cfg_get_lindqvar_settings(uint8_t* record) override {
     if (m_system) m_system->cfg_get_lindqvar_settings(record);
@@ -190,11 +199,14 @@ class CDiagNetwork : public INetwork {
 
 class CDiagHost : public IDeliveryHost {
  public:
+  explicit CDiagHost(DeliveryConfigPtr config) : m_config(std::move(config)) {}
+  DeliveryConfigPtr DeliveryConfiguration() override { return m_config; }
   void SetDeliveryState(uint32_t state) override { m_state = state; }
   IpAddress LocalAddress() override { return IpAddress(); }
   uint32_t State() const { return m_state; }
 
  private:
+  DeliveryConfigPtr m_config;
   uint32_t m_state = 0;
 };
 
@@ -206,6 +218,8 @@ const char* StageAdvice(ExchangeStage stage) {
     case ExchangeStage::kConnect:
       return "no TCP connection: nothing listens there, the connection was refused, or a "
              "firewall drops it";
+    case ExchangeStage::kVerify:
+      return "server verification is on and the server's certificate failed it (see above)";
     case ExchangeStage::kHello:
       return "no hello from the server: the TLS handshake failed (does the server accept the "
              "agent's client certificate?) or the server said nothing in time";
@@ -234,18 +248,22 @@ class CDiagObserver : public IExchangeObserver {
 
   void OnExchange(const ExchangeReport& r) override {
     if (r.address.IsValid()) std::fprintf(m_out, "      address %s\n", r.address.Text());
-    if (!r.tlsVersion.empty()) {
+    if (!r.tlsVersion.empty())
       std::fprintf(m_out, "      TLS %s, %s\n", r.tlsVersion.c_str(), r.cipher.c_str());
-      if (!r.peerSubject.empty()) {
-        if (r.peerVerifyResult == X509_V_OK)
-          std::fprintf(m_out, "      server certificate %s: verified against the built-in CA bundle\n",
-                       r.peerSubject.c_str());
-        else
-          std::fprintf(m_out,
-                       "      server certificate %s: not verified against the built-in CA bundle "
-                       "(%s); the agent connects all the same\n",
-                       r.peerSubject.c_str(), X509_verify_cert_error_string(r.peerVerifyResult));
-      }
+    const ServerCertificateCheck& c = r.certificate;
+    if (c.seen) {
+      std::fprintf(m_out, "      server certificate %s\n      SHA-256 %s\n", c.subject.c_str(),
+                   Sha256Text(c.sha256).c_str());
+      const std::string host = r.server.host;
+      if (c.Passes())
+        std::fprintf(m_out,
+                     "      server verification: passes (the chain verifies against the built-in "
+                     "CA bundle, the certificate is issued for %s%s)\n",
+                     host.c_str(), c.settings.pinsConfigured ? ", it is in the pin list" : "");
+      else
+        std::fprintf(m_out, "      server verification: FAILS: %s; %s\n", c.Reason(host).c_str(),
+                     c.settings.verify ? "the agent refuses this server"
+                                       : "with VerifyServer 0 the agent connects all the same");
     }
     if (r.stage > ExchangeStage::kHelloParse)
       std::fprintf(m_out, "      hello from \"%s\" (id %u, flags %u: %s)\n", r.serverVersion.c_str(),
@@ -404,6 +422,17 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
       if (!value(o.clientGuid)) return false;
     } else if (a == "--fips") {
       o.fips = true;
+    } else if (a == "--verify-server") {
+      o.verifyServer = true;
+    } else if (a == "--pin") {
+      if (!value(v)) return false;
+      Sha256 pin;
+      if (!ParseSha256Fingerprint(v, pin)) {
+        error = "--pin " + v + " is not a SHA-256 fingerprint (64 hex digits)";
+        return false;
+      }
+      o.pins += (o.pinsGiven ? ";" : "") + v;
+      o.pinsGiven = true;
     } else if (a == "--timeout-ms") {
       if (!value(v) || !ParseUnsigned(v, o.timeoutMs) || o.timeoutMs == 0) {
         error = "--timeout-ms needs a number above 0";
@@ -433,7 +462,8 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
   return true;
 }
 
-int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out) {
+int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
+            std::FILE* out) {
   SocketLibraryScope sockets;
   if (!sockets.ok()) {
     std::fprintf(out, "The socket library cannot start.\n");
@@ -481,15 +511,40 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out)
 
   if (!DescribeClientIdentity(out, support.cfg_is_fips_mode_enabled())) return kExitSetup;
 
+  // Server verification: the agent's values, then the command line.
+  ServerVerification verification;
+  if (registry) verification = ReadServerVerification(*registry);
+  if (options.verifyServer) verification.verify = true;
+  if (options.pinsGiven) {
+    verification.pins.clear();
+    verification.pinsConfigured = false;
+    AddServerPins(options.pins, verification);
+  }
+  for (const std::string& problem : verification.problems)
+    std::fprintf(out, "WARNING: %s\n", problem.c_str());
+  std::fprintf(out, "Server verification %s%s", verification.verify ? "on" : "off",
+               options.verifyServer ? " (--verify-server)" : registry ? " (VerifyServer)" : "");
+  if (verification.pinsConfigured)
+    std::fprintf(out, ", pin list of %zu fingerprint(s)%s", verification.pins.size(),
+                 options.pinsGiven ? " (--pin)" : " (ServerCertificateSha256)");
+  std::fprintf(out, "%s\n",
+               verification.verify ? ": servers that fail it are refused"
+                                   : ": every server is accepted; each one's result is shown");
+
+  // --timeout-ms scales both limits; the defaults are the agent's own.
   Timings timings;
+  const uint64_t exchangeLimit =
+      uint64_t{timings.exchangeLimitMs} * options.timeoutMs / timings.socketTimeoutMs;
   timings.socketTimeoutMs = options.timeoutMs;
+  timings.exchangeLimitMs = static_cast<uint32_t>(std::min<uint64_t>(exchangeLimit, UINT32_MAX));
   std::atomic<uint32_t> keepAlive{180};
-  CDiagHost host;
+  CDiagHost host(MakeDeliveryConfig(servers, key));
   CDiagNetwork network;
-  CAuthenticatorClient client(log, support, network, timings, servers, key, keepAlive, host);
+  CAuthenticatorClient client(log, support, network, timings, keepAlive, host);
   const bool eventMode = options.command == "send";
   CDiagObserver observer(out, servers.size(), eventMode);
   client.SetObserver(&observer);
+  client.SetServerVerification(verification);
   g_fatalOut = out;
   SetFatalRangeHandler(&OnFatalHello);
 

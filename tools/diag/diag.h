@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/registry.h"
 #include "platform/support.h"
 #include "tools/diag/diag_event.h"
 
@@ -35,6 +36,9 @@ struct DiagOptions {
   uint32_t session = 1;
   std::string clientGuid;                 // empty: the system's, if any
   bool fips = false;
+  bool verifyServer = false;              // --verify-server: as with VerifyServer 1
+  bool pinsGiven = false;
+  std::string pins;                       // --pin: fingerprints, ";"-separated
   uint32_t timeoutMs = 5000;
   bool verbose = false;
   bool help = false;
@@ -46,8 +50,10 @@ extern const char kUsage[];
 bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std::string& error);
 
 // Runs the command and returns its exit code. `system` is the machine's
-// support library (agent settings, client GUID, FIPS flag), or null where
-// there is none; whatever the command line gives takes precedence.
-int RunDiag(const DiagOptions& options, ISupportLibrary* system, std::FILE* out);
+// support library (agent settings, client GUID, FIPS flag) and `registry`
+// the machine's registry (server verification values), or null where there
+// are none; whatever the command line gives takes precedence.
+int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
+            std::FILE* out);
 
 }  // namespace lindqvar::diag

@@ -6,6 +6,7 @@
 #include "tools/diag/diag.h"
 
 #ifdef _WIN32
+#include "platform/win32/registry_win32.h"
 #include "platform/win32/support_win32.h"
 #endif
 
@@ -26,8 +27,9 @@ int main(int argc, char** argv) {
   // The agent's own settings, client GUID and FIPS switch, read the way the
   // agent reads them.
   lindqvar::win32::CSupportLibraryWin32 system({});
-  return RunDiag(options, &system, stdout);
+  lindqvar::win32::CRegistryWin32 registry;
+  return RunDiag(options, &system, &registry, stdout);
 #else
-  return RunDiag(options, nullptr, stdout);
+  return RunDiag(options, nullptr, nullptr, stdout);
 #endif
 }

@@ -31,12 +31,6 @@ std::string OpenSslError() {
   return text;
 }
 
-int WriteMessage(SSL* ssl, const CEncoder& encoder) {
-  uint32_t length = 0;
-  const uint8_t* data = encoder.get_buffer(&length);
-  return SSL_write(ssl, data, static_cast<int>(length));
-}
-
 uint32_t ReadMessage(SSL* ssl, CDecoder& decoder, uint32_t maxLength) {
   return ReceiveMessage(
       decoder, [ssl](void* buffer, int count) { return SSL_read(ssl, buffer, count); }, maxLength);
@@ -60,6 +54,9 @@ std::string IPv6Text(const uint8_t* bytes) {
   std::memcpy(a.bytes.data(), bytes, 16);
   return a.AddressText();
 }
+
+
+}  // namespace
 
 // Reads the session records of an event message (already received).
 std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
@@ -100,7 +97,6 @@ std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
   return records;
 }
 
-}  // namespace
 
 const char* FaultName(Fault fault) {
   switch (fault) {
@@ -113,6 +109,8 @@ const char* FaultName(Fault fault) {
     case Fault::kMalformedFrame: return "malformed-frame";
     case Fault::kShortFrame: return "short-frame";
     case Fault::kLongVersion: return "long-version";
+    case Fault::kDribble: return "dribble";
+    case Fault::kDribbleTls: return "dribble-tls";
   }
   return "none";
 }
@@ -120,7 +118,7 @@ const char* FaultName(Fault fault) {
 bool ParseFault(const std::string& text, Fault& out) {
   for (Fault f : {Fault::kNone, Fault::kRejectHello, Fault::kCloseAfterHelloAck, Fault::kStall,
                   Fault::kStallTls, Fault::kOversizedFrame, Fault::kMalformedFrame,
-                  Fault::kShortFrame, Fault::kLongVersion}) {
+                  Fault::kShortFrame, Fault::kLongVersion, Fault::kDribble, Fault::kDribbleTls}) {
     if (text == FaultName(f)) {
       out = f;
       return true;
@@ -299,7 +297,9 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
     report.end = "stalled before TLS";
   } else if (SSL* ssl = SSL_new(m_ctx)) {
     SSL_set_fd(ssl, static_cast<int>(socket.native()));
-    if (SSL_accept(ssl) == 1) {
+    const bool accepted =
+        fault == Fault::kDribbleTls ? DribbledAccept(ssl, socket) : SSL_accept(ssl) == 1;
+    if (accepted) {
       report.tlsUp = true;
       report.tlsVersion = SSL_get_version(ssl);
       if (const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) report.serverName = sni;
@@ -342,6 +342,60 @@ void CLabAuthenticator::Linger(CSocket& socket, uint32_t limitMs) {
   }
 }
 
+bool CLabAuthenticator::DribblePause() {
+  const auto until =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(m_options.dribbleMs);
+  while (std::chrono::steady_clock::now() < until) {
+    if (m_stopping.load()) return false;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        std::chrono::milliseconds(10), until - std::chrono::steady_clock::now()));
+  }
+  return !m_stopping.load();
+}
+
+bool CLabAuthenticator::WriteMessage(SSL* ssl, const CEncoder& message, Fault fault) {
+  uint32_t length = 0;
+  const uint8_t* data = message.get_buffer(&length);
+  if (fault != Fault::kDribble) return SSL_write(ssl, data, static_cast<int>(length)) > 0;
+  // One byte per TLS record: the agent's reads return one byte at a time.
+  for (uint32_t i = 0; i < length; ++i) {
+    if (!DribblePause() || SSL_write(ssl, data + i, 1) != 1) return false;
+  }
+  return true;
+}
+
+bool CLabAuthenticator::DribbledAccept(SSL* ssl, CSocket& socket) {
+  // The handshake runs on memory buffers: what the client sends is fed in as
+  // it arrives, what the server writes goes out one byte per interval.
+  BIO* in = BIO_new(BIO_s_mem());
+  BIO* out = BIO_new(BIO_s_mem());
+  if (!in || !out) {
+    BIO_free(in);
+    BIO_free(out);
+    return false;
+  }
+  SSL_set_bio(ssl, in, out);  // the SSL owns both now
+  for (;;) {
+    const int r = SSL_accept(ssl);
+    char byte;
+    while (BIO_read(out, &byte, 1) == 1) {
+      if (!DribblePause() || socket.Send(&byte, 1) != 1) return false;
+    }
+    if (r == 1) break;
+    if (SSL_get_error(ssl, r) != SSL_ERROR_WANT_READ) return false;
+    char buffer[4096];
+    if (!socket.WaitReadable(m_options.ioTimeoutMs)) return false;
+    const int n = socket.Receive(buffer, sizeof buffer);
+    if (n <= 0 || BIO_write(in, buffer, n) != n) return false;
+  }
+  // The client speaks next only after the hello, so nothing is left over.
+  if (BIO_pending(in) != 0) return false;
+  BIO* wire = BIO_new_socket(static_cast<int>(socket.native()), BIO_NOCLOSE);
+  if (!wire) return false;
+  SSL_set_bio(ssl, wire, wire);
+  return true;
+}
+
 void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   // The hello.
   uint8_t challenge[16];
@@ -382,7 +436,10 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
     digest[0] = 0x7F;
     digest[1] = digest[2] = digest[3] = 0xFF;
   }
-  WriteMessage(ssl, hello);
+  if (!WriteMessage(ssl, hello, fault)) {
+    report.end = "the hello could not be sent";
+    return;
+  }
   report.helloSent = true;
 
   // The agent's hello.
@@ -432,7 +489,10 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   ack.begin_message(MSG_HELLO_ACK);
   ack.add_u32(ATTR_HELLO_RESULT, helloResult);
   ack.end_group(MSG_HELLO_ACK);
-  WriteMessage(ssl, ack);
+  if (!WriteMessage(ssl, ack, fault)) {
+    report.end = "the hello acknowledgement could not be sent";
+    return;
+  }
   report.helloAckSent = true;
   report.helloResult = helloResult;
   if (helloResult != 1) {
@@ -463,7 +523,10 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   eventAck.add_u32(ATTR_EVENT_RESULT, m_options.eventResult);
   if (m_options.keepAliveInterval) eventAck.add_u32(ATTR_KEEPALIVE_INTERVAL, m_options.keepAliveInterval);
   eventAck.end_group(MSG_EVENT_ACK);
-  WriteMessage(ssl, eventAck);
+  if (!WriteMessage(ssl, eventAck, fault)) {
+    report.end = "the event acknowledgement could not be sent";
+    return;
+  }
   report.eventAckSent = true;
   report.eventResult = m_options.eventResult;
   report.keepAliveInterval = m_options.keepAliveInterval;

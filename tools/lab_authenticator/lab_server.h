@@ -20,7 +20,12 @@
 #include <vector>
 
 #include "platform/socket.h"
+#include "protocol/codec.h"
 #include "tools/lab_authenticator/logon_table.h"
+
+namespace lindqvar {
+class CEncoder;
+}
 
 namespace lindqvar::lab {
 
@@ -34,6 +39,8 @@ enum class Fault {
   kMalformedFrame,      // a hello whose last attribute's length runs past the message
   kShortFrame,          // a frame whose length is smaller than an attribute header
   kLongVersion,         // a hello whose version text is 32 bytes long
+  kDribble,             // TLS at full speed, then every message one byte per interval
+  kDribbleTls,          // every byte on the wire one per interval, the handshake first
 };
 const char* FaultName(Fault fault);
 bool ParseFault(const std::string& text, Fault& out);
@@ -53,9 +60,14 @@ struct LabOptions {
   uint32_t faultConnections = 0;   // the fault hits this many connections first; 0: all
   uint32_t oversizedLength = 64u << 20;
   uint32_t stallMs = 60000;        // longest stall
+  uint32_t dribbleMs = 2000;       // dribble faults: pause before each byte
   uint32_t ioTimeoutMs = 10000;    // limit of every read and write
   uint32_t maxMessage = 1u << 20;  // largest message accepted from an agent
 };
+
+// Reads the session records of a received message; `code` gets the
+// message's code (records only when it is MSG_EVENT).
+std::vector<SessionRecord> DecodeEvent(CDecoder& decoder, uint8_t& code);
 
 enum class DigestCheck { kNotChecked, kCorrect, kWrong, kZero, kNotRequired };
 const char* DigestCheckName(DigestCheck check);
@@ -130,6 +142,14 @@ class CLabAuthenticator {
   void AcceptLoop(size_t listener);
   void Serve(CSocket socket, SocketAddress peer, std::string listener, uint64_t number);
   void Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // Writes a whole message; with the dribble fault one byte per interval.
+  // False when the peer is gone or the server stops.
+  bool WriteMessage(SSL* ssl, const CEncoder& message, Fault fault);
+  // The TLS handshake with every byte the server writes held back by the
+  // dribble interval; the dialogue then runs on the socket as usual.
+  bool DribbledAccept(SSL* ssl, CSocket& socket);
+  // Sleeps one dribble interval; false when the server stops meanwhile.
+  bool DribblePause();
   // Waits until the peer closes, the limit passes or the server stops.
   void Linger(CSocket& socket, uint32_t limitMs);
   void Finish(const ConnectionReport& report);

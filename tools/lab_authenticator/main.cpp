@@ -53,10 +53,12 @@ const char kUsage[] =
     "  --keepalive SECONDS     keep-alive interval sent with the event acknowledgement\n"
     "Faults:\n"
     "  --fault NAME            reject-hello, close-after-hello-ack, stall, stall-tls,\n"
-    "                          oversized-frame, malformed-frame, short-frame, long-version\n"
+    "                          oversized-frame, malformed-frame, short-frame, long-version,\n"
+    "                          dribble, dribble-tls\n"
     "  --fault-connections N   only the first N connections misbehave (default: all)\n"
     "  --oversized-length N    length announced by oversized-frame (default 67108864)\n"
     "  --stall-ms N            longest stall (default 60000)\n"
+    "  --dribble-ms N          dribble faults: pause before each byte (default 2000)\n"
     "  --io-timeout-ms N       limit of each read and write (default 10000)\n"
     "Running:\n"
     "  --exit-after N          stop after N connections\n"
@@ -178,7 +180,8 @@ int main(int argc, char** argv) {
       if (!value(v) || !ParseFault(v, options.fault)) return Fail("unknown --fault; see --help");
     } else if (arg == "--flags" || arg == "--hello-id" || arg == "--hello-result" ||
                arg == "--event-result" || arg == "--keepalive" || arg == "--fault-connections" ||
-               arg == "--oversized-length" || arg == "--stall-ms" || arg == "--io-timeout-ms" ||
+               arg == "--oversized-length" || arg == "--stall-ms" || arg == "--dribble-ms" ||
+               arg == "--io-timeout-ms" ||
                arg == "--exit-after") {
       if (!value(v) || !ParseNumber(v, n)) return Fail(arg + " needs a number from 0 to 4294967295");
       const auto u = static_cast<uint32_t>(n);
@@ -190,6 +193,7 @@ int main(int argc, char** argv) {
       else if (arg == "--fault-connections") options.faultConnections = u;
       else if (arg == "--oversized-length") options.oversizedLength = u;
       else if (arg == "--stall-ms") options.stallMs = u;
+      else if (arg == "--dribble-ms") options.dribbleMs = u;
       else if (arg == "--io-timeout-ms") options.ioTimeoutMs = u;
       else exitAfter = n;
     } else {

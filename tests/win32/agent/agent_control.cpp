@@ -2,6 +2,12 @@
 // agent by hand:
 //   agent_control status <control key> <value>   desired status for component 25
 //   agent_control signal <event name>            signal the agent's control event
+//   agent_control post <notification> [session] post a session or power notification to
+//                                                 the agent's hidden window: logon, logoff,
+//                                                 lock, unlock, remote-connect,
+//                                                 remote-disconnect, console-connect,
+//                                                 console-disconnect (session default 1),
+//                                                 or resume
 // Exits 0 on success, 1 on a failure it reports, 2 on bad usage.
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +16,8 @@
 #include "platform/os.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
+
+#include <wtsapi32.h>
 
 using namespace lindqvar;
 using namespace lindqvar::win32;
@@ -46,13 +54,68 @@ int Signal(const char* name) {
   return 1;
 }
 
+// The agent's hidden window, waited for while the agent starts.
+HWND FindDetectorWindow() {
+  for (int i = 0; i < 300; ++i) {
+    if (HWND w = ::FindWindowW(L"244AD2FA-BD34-4EE9-9C06-54D337C8ED71_session_detector_class",
+                               L"session_detector"))
+      return w;
+    ::Sleep(100);
+  }
+  return nullptr;
+}
+
+int Post(const std::string& what, const char* sessionText) {
+  static const struct {
+    const char* name;
+    WPARAM code;
+  } kCodes[] = {{"console-connect", WTS_CONSOLE_CONNECT},
+                {"console-disconnect", WTS_CONSOLE_DISCONNECT},
+                {"remote-connect", WTS_REMOTE_CONNECT},
+                {"remote-disconnect", WTS_REMOTE_DISCONNECT},
+                {"logon", WTS_SESSION_LOGON},
+                {"logoff", WTS_SESSION_LOGOFF},
+                {"lock", WTS_SESSION_LOCK},
+                {"unlock", WTS_SESSION_UNLOCK}};
+  UINT message = WM_WTSSESSION_CHANGE;
+  WPARAM wParam = 0;
+  if (what == "resume") {
+    message = WM_POWERBROADCAST;
+    wParam = PBT_APMRESUMESUSPEND;
+  } else {
+    for (const auto& c : kCodes) {
+      if (what == c.name) wParam = c.code;
+    }
+    if (wParam == 0) {
+      std::fprintf(stderr, "agent_control: unknown notification %s\n", what.c_str());
+      return 2;
+    }
+  }
+  const LPARAM session = sessionText ? std::strtol(sessionText, nullptr, 10) : 1;
+  const HWND window = FindDetectorWindow();
+  // Without a window PostMessageW(NULL, ...) would post to this thread and
+  // still succeed: never post to a null window.
+  if (!window) {
+    std::fprintf(stderr, "agent_control: the agent's window is not there\n");
+    return 1;
+  }
+  if (!::PostMessageW(window, message, wParam, session)) {
+    std::fprintf(stderr, "agent_control: PostMessageW failed (error %lu)\n", ::GetLastError());
+    return 1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 4 && std::string(argv[1]) == "status") return SetStatus(argv[2], argv[3]);
   if (argc == 3 && std::string(argv[1]) == "signal") return Signal(argv[2]);
+  if ((argc == 3 || argc == 4) && std::string(argv[1]) == "post")
+    return Post(argv[2], argc == 4 ? argv[3] : nullptr);
   std::fprintf(stderr,
                "usage: agent_control status <control key> <value>\n"
-               "       agent_control signal <event name>\n");
+               "       agent_control signal <event name>\n"
+               "       agent_control post <notification> [session]\n");
   return 2;
 }

@@ -1,0 +1,226 @@
+#include "session/session_events.h"
+
+#include "platform/os.h"
+
+namespace lindqvar {
+
+namespace {
+
+constexpr int kResumeAttempts = 5;
+
+uint16_t FirstWord(const IPv6Address& a) { return static_cast<uint16_t>(a[0] << 8 | a[1]); }
+
+}  // namespace
+
+int64_t CSessionEvents::WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) {
+  const uint32_t tid = CurrentThreadId();
+  switch (message) {
+    case kWmDestroy:
+      m.window.PostQuit();
+      return 0;
+    case kWmPowerBroadcast:
+      // Other power messages are swallowed, not passed on.
+      if (wParam == kPbtApmResumeSuspend) OnResume(tid);
+      return 0;
+    case kWmWtsSessionChange:
+      if (wParam >= kWtsConsoleConnect && wParam <= kWtsSessionUnlock)
+        OnSessionChange(wParam, static_cast<uint32_t>(lParam), tid);
+      return 0;
+    default:
+      return m.window.DefaultProc(message, wParam, lParam);
+  }
+}
+
+void CSessionEvents::LogReceived(const char* name, uint32_t session, uint32_t tid) {
+  if (m_bLogTickCount)
+    m.log.Debug("Received message %s, session id:%d, TICC:%d, TID:%d", name,
+                static_cast<int>(session), static_cast<int>(TickCount()), static_cast<int>(tid));
+  else
+    m.log.Debug("Received message %s, session id:%d, TID:%d", name, static_cast<int>(session),
+                static_cast<int>(tid));
+}
+
+void CSessionEvents::LogBeforeAfter(const char* when, const char* name) {
+  m.log.Debug("%s processing %s, m_bLogon:%d, m_dwCurrentSession:%d", when, name,
+              static_cast<int>(m_bLogon.load()), static_cast<int>(m_dwCurrentSession.load()));
+}
+
+void CSessionEvents::WithdrawCurrent() {
+  if (m_bLogon.load() == 1) SendSessionEvent(m_dwCurrentSession.load(), 0, 0);
+}
+
+void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t tid) {
+  switch (code) {
+    case kWtsConsoleConnect: {
+      constexpr char kName[] = "WTS_CONSOLE_CONNECT";
+      LogBeforeAfter("Before", kName);
+      if (session == m.sessions.ActiveConsoleSession()) {
+        LogReceived(kName, session, tid);
+        if (m.table.FindSession(session) || m.table.AddSession(session) != 0)
+          SendSessionEvent(session, 1, 0);
+        else
+          WithdrawCurrent();
+      }
+      LogBeforeAfter("After", kName);
+      return;
+    }
+    case kWtsRemoteConnect:
+    case kWtsSessionUnlock: {
+      // One handler for both codes, logged with the unlock texts around it.
+      LogBeforeAfter("Before", "WTS_SESSION_UNLOCK");
+      LogReceived(code == kWtsRemoteConnect ? "WTS_REMOTE_CONNECT" : "WTS_SESSION_UNLOCK", session,
+                  tid);
+      // A session that is not ready yet (2) is reported all the same.
+      if (m.table.AddSession(session) != 0)
+        SendSessionEvent(session, 1, 0);
+      else
+        WithdrawCurrent();
+      LogBeforeAfter("After", "WTS_SESSION_UNLOCK");
+      return;
+    }
+    case kWtsRemoteDisconnect:
+      LogReceived("WTS_REMOTE_DISCONNECT", session, tid);
+      return;
+    case kWtsSessionLock:
+      LogReceived("WTS_SESSION_LOCK", session, tid);
+      return;
+    case kWtsSessionLogon: {
+      constexpr char kName[] = "WTS_SESSION_LOGON";
+      LogBeforeAfter("Before", kName);
+      LogReceived(kName, session, tid);
+      const uint32_t r = m.table.AddSession(session);
+      if (r == 1) {
+        SendSessionEvent(session, 1, 0);
+      } else {
+        if (r == 2) {
+          // Parked for the retry thread, which sends the logon once the
+          // user is known.
+          m.table.AddPendingSession(session);
+          if (m_bLogTickCount)
+            m.log.Debug(
+                "GetUserNameBySessionID(), session is not ready, session id:%d, TICC:%d, TID:%d",
+                static_cast<int>(session), static_cast<int>(TickCount()), static_cast<int>(tid));
+          else
+            m.log.Debug("GetUserNameBySessionID(), session is not ready, session:%d, TID:%d",
+                        static_cast<int>(session), static_cast<int>(tid));
+        }
+        WithdrawCurrent();
+      }
+      LogBeforeAfter("After", kName);
+      return;
+    }
+    case kWtsSessionLogoff:
+      LogReceived("WTS_SESSION_LOGOFF", session, tid);
+      // Sent before the entry goes, so that the event still carries its
+      // user.
+      SendSessionEvent(session, 0, 0);
+      m.table.RemoveSession(session);
+      m.table.RemovePendingSession(session);
+      return;
+    default:  // console disconnect: nothing at all
+      return;
+  }
+}
+
+void CSessionEvents::OnResume(uint32_t tid) {
+  const uint32_t session = m.sessions.ActiveConsoleSession();
+  if (!m.table.FindSession(session)) return;
+  for (int attempt = 0; attempt < kResumeAttempts; ++attempt) {
+    if (SendSessionEvent(session, 1, 1)) return;
+    SleepMs(m.timings.wakeupRetryMs);
+  }
+  if (m_bLogTickCount)
+    m.log.Debug("Failed to  send logon event when computer is recovering from sleep, TICC:%d, TID:%d",
+                static_cast<int>(TickCount()), static_cast<int>(tid));
+  else
+    m.log.Debug("Failed to  send logon event when computer is recovering from sleep, TID:%d",
+                static_cast<int>(tid));
+}
+
+bool CSessionEvents::AddressesChanged(const AddressSet& now) const {
+  if (now.count4 != m_last.count4 || now.count6 != m_last.count6) return true;
+  // Some new address that the last sent set lacks (order and duplicates do
+  // not matter).
+  return AddressListsDiffer(now.count4, now.ipv4, m_last.ipv4, now.count6, now.ipv6,
+                            m_last.ipv6) != 0;
+}
+
+AddressSet CSessionEvents::LastSent() {
+  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+  return m_last;
+}
+
+AddressSet CSessionEvents::GatherAddresses() {
+  AddressSet now;
+  m.addresses.GetIPAddress(&now.ipv4, now.count4, &now.ipv6, now.count6);
+  return now;
+}
+
+WorkstationFacts CSessionEvents::Machine() {
+  WorkstationFacts machine = m.host.Workstation();
+  machine.deviceUuid = m.identifiers.ClientUuid();
+  machine.vrxSerial = m.identifiers.VrxSerial();
+  machine.tenantId = m.identifiers.VrxTenantId();
+  return machine;
+}
+
+uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
+  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+  const AddressSet now = GatherAddresses();
+  m.identifiers.LoadVrxSerial();
+  m.identifiers.LoadVrxTenantId();
+
+  if (logon == 1) m_dwCurrentSession = session;
+  if (m.table.FindSession(session)) {
+    m_bLogon = logon;
+    m.log.Debug("Found session:%d in session table, m_bLogon:%d\n", static_cast<int>(session),
+                static_cast<int>(m_bLogon.load()));
+  } else {
+    m.log.Debug("Did not found session:%d in session table, m_bLogon:%d\n",
+                static_cast<int>(session), static_cast<int>(m_bLogon.load()));
+  }
+
+  if (!m.table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
+    // No address to report: the re-send timer tries again.
+    if (m.table.Allocated()) m.host.RequestResend();
+    return 0;
+  }
+  const CTerminalSession* entry = m.table.FindSession(session);
+  if (!entry) return 0;
+
+  const bool changed = AddressesChanged(now);
+  const WorkstationFacts machine = Machine();
+
+  CEncoder event(kEventEncoderCapacity);
+  event.begin_message(MSG_EVENT);
+  // The withdrawing record tells the server that the user left the old
+  // addresses. The test looks at the previous IPv4 list but at the new IPv6
+  // list, as the servers expect.
+  if ((wakeup || logon) && changed && (m_last.ipv4[0] != 0 || FirstWord(now.ipv6[0]) != 0))
+    build_session_record(event, *entry, machine, m_last.ipv4, m_last.ipv6, 0);
+  build_session_record(event, *entry, machine, now.ipv4, now.ipv6, logon);
+  event.end_group(MSG_EVENT);
+
+  const bool delivered = m.host.DeliverEvent(session, event, false);
+  WriteSessionLog(wakeup ? kActionWakeup : logon ? kActionLogon : kActionLogoff, *entry, delivered);
+  if (delivered && changed) m_last = now;
+  return delivered ? 1 : 0;
+}
+
+void CSessionEvents::WriteSessionLog(uint32_t action, const CTerminalSession& entry,
+                                     bool delivered) {
+  SessionLogRecord r;
+  r.action = action;
+  r.domain = entry.Domain();
+  r.user = entry.UserName();
+  r.computerName = m.host.Workstation().computerName;
+  r.localIPv4 = m.host.LocalIPv4();
+  r.serverIPv4 = m.host.ServerIPv4();
+  r.delivered = delivered;
+  r.tickLogging = m_bLogTickCount != 0;
+  r.tickCount = TickCount();
+  r.threadId = CurrentThreadId();
+  write_session_log(m.support, r);
+}
+
+}  // namespace lindqvar

@@ -1,0 +1,123 @@
+// What the agent does with each session and power notification of its
+// hidden window, and the one routine through which every session event is
+// sent. Keeps the pair (m_bLogon, m_dwCurrentSession): whether, and for
+// which session, a logon is reported to the servers.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "identity/address_discovery.h"
+#include "identity/identifiers.h"
+#include "platform/log.h"
+#include "platform/session_window.h"
+#include "platform/sessions.h"
+#include "platform/support.h"
+#include "platform/timings.h"
+#include "protocol/codec.h"
+#include "protocol/session_message.h"
+#include "session/session_table.h"
+
+namespace lindqvar {
+
+// Window messages and session-change codes the agent handles.
+inline constexpr uint32_t kWmDestroy = 0x0002;
+inline constexpr uint32_t kWmPowerBroadcast = 0x0218;
+inline constexpr uint32_t kWmWtsSessionChange = 0x02B1;
+inline constexpr uint64_t kPbtApmResumeSuspend = 7;
+enum WtsCode : uint64_t {
+  kWtsConsoleConnect = 1,
+  kWtsConsoleDisconnect = 2,
+  kWtsRemoteConnect = 3,
+  kWtsRemoteDisconnect = 4,
+  kWtsSessionLogon = 5,
+  kWtsSessionLogoff = 6,
+  kWtsSessionLock = 7,
+  kWtsSessionUnlock = 8,
+};
+
+// What the sender needs from its owner.
+class ISessionEventHost {
+ public:
+  virtual ~ISessionEventHost() = default;
+  // One delivery pass of the finished event to every server; true when any
+  // accepted it. Passes never overlap: the caller holds the table lock.
+  virtual bool DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) = 0;
+  // Computer name, DNS domain and the prefer-Azure setting (the identifiers
+  // are filled in by the sender).
+  virtual WorkstationFacts Workstation() = 0;
+  // For the local log record: the agent's first IPv4 address and the
+  // server address last resolved (network byte order, 0 when none).
+  virtual uint32_t LocalIPv4() = 0;
+  virtual uint32_t ServerIPv4() = 0;
+  // No local address to report: the re-send timer is to try again.
+  virtual void RequestResend() = 0;
+};
+
+struct SessionEventParts {
+  CLog& log;
+  ISupportLibrary& support;
+  ISessions& sessions;
+  ISessionWindow& window;
+  const Timings& timings;
+  CSessionTable& table;
+  CAddressDiscovery& addresses;
+  CIdentifiers& identifiers;
+  ISessionEventHost& host;
+};
+
+class CSessionEvents {
+ public:
+  explicit CSessionEvents(const SessionEventParts& parts) : m(parts) {}
+
+  // The hidden window's procedure. Runs on the notification thread.
+  int64_t WindowProc(uint32_t message, uint64_t wParam, int64_t lParam);
+
+  // Sends one event for the session (logon 1 reports the user, 0 withdraws
+  // it; wakeup 1 marks a resume). 1 when a server acknowledged it.
+  uint32_t SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup);
+
+  // The keep-alive report, and the re-send of the logon report, for the
+  // session reported as logged on: nothing while none is, or while the
+  // machine has no address.
+  void SendKeepAliveEvent();
+  void ResendLogonEvent();
+  // One round of the address-change check: when the addresses changed and
+  // an IPv4 address is left, reports the new set for the current session.
+  void CheckAddressChange();
+
+  // Log lines with a "TICC" variant use it while this is on (the default).
+  void SetTickLogging(bool on) { m_bLogTickCount = on ? 1 : 0; }
+
+  uint32_t Logon() const { return m_bLogon.load(); }
+  uint32_t CurrentSession() const { return m_dwCurrentSession.load(); }
+  // The addresses of the last successful send that carried a change.
+  AddressSet LastSent();
+
+ private:
+  void OnSessionChange(uint64_t code, uint32_t session, uint32_t tid);
+  void OnResume(uint32_t tid);
+  // The "Received message <name>, session id:..." line in its variant.
+  void LogReceived(const char* name, uint32_t session, uint32_t tid);
+  void LogBeforeAfter(const char* when, const char* name);
+  // Logoff of the session reported as logged on, when there is one.
+  void WithdrawCurrent();
+  bool AddressesChanged(const AddressSet& now) const;
+  // The keep-alive and re-send report.
+  void SendCurrentSession(const char* routine, int line, bool resend);
+  // Gathers the reportable addresses.
+  AddressSet GatherAddresses();
+  // The identifiers and the machine's facts for a record.
+  WorkstationFacts Machine();
+  void WriteSessionLog(uint32_t action, const CTerminalSession& entry, bool delivered);
+
+  SessionEventParts m;
+  uint32_t m_bLogTickCount = 1;
+  // Written only under the table lock; the window procedure reads them
+  // without it.
+  std::atomic<uint32_t> m_bLogon{0};
+  std::atomic<uint32_t> m_dwCurrentSession{0};
+  AddressSet m_last;  // guarded by the table lock
+};
+
+}  // namespace lindqvar

@@ -1,0 +1,409 @@
+// The window procedure's state machine over (m_bLogon, m_dwCurrentSession),
+// the event sender's records, and the event message with its log record.
+#include <gtest/gtest.h>
+
+#include "protocol/session_message.h"
+#include "tests/session/session_fixture.h"
+
+namespace lindqvar::testing {
+namespace {
+
+// --- the state table ---------------------------------------------------------
+
+enum class Known { kInTable, kResolvable, kNotReady, kNoUser };
+
+struct StateRow {
+  const char* name;
+  bool loggedOn;          // start from session 1 reported as logged on (1, 1)
+  uint64_t code;          // WTS_* code; 0x100 + n stands for the resume message
+  uint32_t session;       // the notified session (console session is 2 unless noted)
+  Known known;            // what the user lookup says of it
+  std::vector<std::string> sent;  // deliveries, in order
+  uint32_t nextL, nextC;
+  std::vector<std::string> lines;   // must be logged
+  std::vector<std::string> absent;  // must not be logged
+};
+
+constexpr uint64_t kResume = 0x100;
+const char kBeforeLogon[] = "Before processing WTS_SESSION_LOGON";
+const char kBeforeUnlock[] = "Before processing WTS_SESSION_UNLOCK";
+const char kBeforeConsole[] = "Before processing WTS_CONSOLE_CONNECT";
+
+const StateRow kStateRows[] = {
+    {"console connect, other session", true, kWtsConsoleConnect, 3, Known::kResolvable, {}, 1, 1,
+     {kBeforeConsole, "After processing WTS_CONSOLE_CONNECT, m_bLogon:1, m_dwCurrentSession:1"},
+     {"Received message WTS_CONSOLE_CONNECT"}},
+    {"console connect, in table", true, kWtsConsoleConnect, 2, Known::kInTable, {"USER2:1"}, 1, 2,
+     {"Received message WTS_CONSOLE_CONNECT, session id:2, TICC:"}, {}},
+    {"console connect, added", false, kWtsConsoleConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+     {}, {}},
+    {"console connect, no user, logged on", true, kWtsConsoleConnect, 2, Known::kNoUser,
+     {"USER1:0"}, 0, 1, {}, {}},
+    {"console connect, no user", false, kWtsConsoleConnect, 2, Known::kNoUser, {}, 0, 0, {}, {}},
+    {"console disconnect", true, kWtsConsoleDisconnect, 2, Known::kInTable, {}, 1, 1, {},
+     {"WTS_CONSOLE", "Received"}},
+    {"remote connect", true, kWtsRemoteConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+     {kBeforeUnlock, "Received message WTS_REMOTE_CONNECT, session id:2",
+      "After processing WTS_SESSION_UNLOCK, m_bLogon:1, m_dwCurrentSession:2"}, {}},
+    // Not ready: the logon is attempted all the same, finds no entry and
+    // sends nothing, but the current session moves.
+    {"unlock, not ready", true, kWtsSessionUnlock, 2, Known::kNotReady, {}, 1, 2,
+     {"Did not found session:2 in session table, m_bLogon:1\n"}, {}},
+    {"unlock, no user, logged on", true, kWtsSessionUnlock, 2, Known::kNoUser, {"USER1:0"}, 0, 1,
+     {"Received message WTS_SESSION_UNLOCK, session id:2"}, {}},
+    {"unlock, no user", false, kWtsSessionUnlock, 2, Known::kNoUser, {}, 0, 0, {kBeforeUnlock},
+     {}},
+    {"remote disconnect", true, kWtsRemoteDisconnect, 2, Known::kInTable, {}, 1, 1,
+     {"Received message WTS_REMOTE_DISCONNECT, session id:2"}, {"Before processing"}},
+    {"lock", true, kWtsSessionLock, 2, Known::kInTable, {}, 1, 1,
+     {"Received message WTS_SESSION_LOCK, session id:2"}, {"Before processing"}},
+    {"logon", true, kWtsSessionLogon, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+     {kBeforeLogon, "After processing WTS_SESSION_LOGON, m_bLogon:1, m_dwCurrentSession:2"}, {}},
+    {"logon, not ready, logged on", true, kWtsSessionLogon, 2, Known::kNotReady, {"USER1:0"}, 0, 1,
+     {"GetUserNameBySessionID(), session is not ready, session id:2, TICC:"}, {}},
+    {"logon, no user, logged on", true, kWtsSessionLogon, 2, Known::kNoUser, {"USER1:0"}, 0, 1, {},
+     {"session is not ready"}},
+    {"logon, no user", false, kWtsSessionLogon, 2, Known::kNoUser, {}, 0, 0, {kBeforeLogon}, {}},
+    {"logoff", true, kWtsSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
+     {"Received message WTS_SESSION_LOGOFF, session id:1"}, {"Before processing"}},
+    {"logoff, not in table", true, kWtsSessionLogoff, 9, Known::kNoUser, {}, 1, 1,
+     {"Did not found session:9 in session table, m_bLogon:1\n"}, {}},
+    {"code 9", true, 9, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
+    {"code 0", true, 0, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
+    {"resume, console in table", true, kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
+    {"resume, console not in table", true, kResume, 2, Known::kResolvable, {}, 1, 1, {},
+     {"Found session:2", "Did not found session:2"}},
+};
+
+class StateTableTest : public SessionFixture, public ::testing::WithParamInterface<StateRow> {};
+
+TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
+  const StateRow& row = GetParam();
+  sessions.consoleSession = 2;
+  AddUser(1);
+  if (row.known != Known::kNoUser) AddUser(row.session);
+  if (row.known == Known::kNotReady) notReady.insert(row.session);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  if (row.loggedOn) {
+    ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  }
+  if (row.known == Known::kInTable) {
+    ASSERT_EQ(table.AddSession(row.session), 1u);
+  }
+  host.deliveries.clear();
+  const size_t linesBefore = support.Lines().size();
+
+  if (row.code >= kResume)
+    events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0);
+  else
+    events.WindowProc(kWmWtsSessionChange, row.code, row.session);
+
+  EXPECT_EQ(host.Summary(), row.sent);
+  EXPECT_EQ(events.Logon(), row.nextL);
+  EXPECT_EQ(events.CurrentSession(), row.nextC);
+  std::string logged;
+  const auto lines = support.Lines();
+  for (size_t i = linesBefore; i < lines.size(); ++i) logged += lines[i].text + "\n";
+  for (const std::string& l : row.lines) {
+    EXPECT_NE(logged.find(l), std::string::npos) << l;
+  }
+  for (const std::string& l : row.absent) {
+    EXPECT_EQ(logged.find(l), std::string::npos) << l;
+  }
+  // Only a not-ready logon parks its session.
+  EXPECT_EQ(table.PendingSessionCount(),
+            row.code == kWtsSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
+                         [](const auto& info) {
+                           std::string n = info.param.name;
+                           for (char& c : n)
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           return n;
+                         });
+
+TEST_F(SessionFixture, LogoffRemovesTheEntryAndItsPendingRecordAfterSending) {
+  AddUser(4);
+  notReady.insert(4);
+  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 4);
+  ASSERT_EQ(table.PendingSessionCount(), 1u);
+  notReady.clear();
+  ASSERT_EQ(table.AddSession(4), 1u);
+  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 4);
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER4:0"}));
+  EXPECT_EQ(table.FindSession(4), nullptr);
+  EXPECT_EQ(table.PendingSessionCount(), 0u);
+}
+
+TEST_F(SessionFixture, ResumeTriesFiveTimesThenLogsTheFailure) {
+  sessions.consoleSession = 3;
+  AddUser(3);
+  ASSERT_EQ(table.AddSession(3), 1u);
+  host.accept = false;
+  timings.wakeupRetryMs = 0;
+  events.SetTickLogging(false);
+  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0), 0);
+  EXPECT_EQ(host.deliveries.size(), 5u);
+  EXPECT_EQ(support.CountLines(Format(
+                "Failed to  send logon event when computer is recovering from sleep, TID:%d",
+                static_cast<int>(CurrentThreadId()))),
+            1u);
+  // Other power messages are swallowed; other window messages go on.
+  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, 4, 0), 0);
+  events.WindowProc(0x0400, 0, 0);
+  EXPECT_EQ(window.defaultProcCalls, 1);
+  events.WindowProc(kWmDestroy, 0, 0);
+  EXPECT_EQ(window.quits, 1);
+  EXPECT_EQ(host.deliveries.size(), 5u);
+}
+
+// --- SendSessionEvent --------------------------------------------------------
+
+TEST_F(SessionFixture, AnAddressChangeAddsAWithdrawingRecordOnlyToTheFirstLogon) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);  // same addresses: one record
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 9), FakeNetwork::V4(10, 0, 0, 5)});
+  host.accept = false;  // a failed send does not advance the last sent set
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
+  host.accept = true;
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
+                                                      "USER1:0+USER1:1", "USER1:1"}));
+  const auto& records = host.deliveries[3].records;
+  EXPECT_EQ(records[0].ipv4, (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(records[1].ipv4, (std::vector<std::string>{"10.0.0.9", "10.0.0.5"}));
+  // A logoff after a change withdraws nothing extra.
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 7)});
+  ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
+  EXPECT_EQ(host.Summary().back(), "USER1:0");
+  EXPECT_EQ(events.LastSent().ipv4[0], 0x0700000Au);
+}
+
+TEST_F(SessionFixture, WithoutAddressesNothingIsSentAndTheResendFlagRises) {
+  AddUser(1);
+  // Before the table exists the flag stays down.
+  SetAddresses({});
+  EXPECT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
+  EXPECT_EQ(host.resendRequests, 0);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  EXPECT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
+  EXPECT_TRUE(host.deliveries.empty());
+  EXPECT_EQ(host.resendRequests, 1);
+  EXPECT_EQ(events.CurrentSession(), 1u);
+  EXPECT_EQ(events.Logon(), 1u);
+}
+
+TEST_F(SessionFixture, TheWithdrawingTestMixesThePreviousIPv4AndTheNewIPv6List) {
+  // The first send with IPv6 addresses withdraws the (empty) previous set;
+  // from IPv6 only to IPv4 only there is nothing to withdraw; back to IPv6
+  // the old IPv4 address is withdrawn.
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  SetAddresses({FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})});
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 5)});
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  SetAddresses({FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2})});
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 1), 1u);
+  EXPECT_EQ(host.Summary(),
+            (std::vector<std::string>{"USER1:0+USER1:1", "USER1:1", "USER1:0+USER1:1"}));
+  EXPECT_TRUE(host.deliveries[0].records[0].ipv6.empty());
+  EXPECT_EQ(host.deliveries[2].records[0].ipv4, (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(host.deliveries[2].records[1].ipv6, (std::vector<std::string>{"2001:db8::2"}));
+}
+
+TEST_F(SessionFixture, EveryDeliveryWritesItsLogRecord) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  events.SetTickLogging(false);
+  events.SendSessionEvent(1, 1, 1);
+  host.accept = false;
+  events.SendSessionEvent(1, 0, 0);
+  const std::string tid = std::to_string(CurrentThreadId());
+  EXPECT_EQ(support.FieldEvents(),
+            (std::vector<std::string>{
+                "96980 6 action=4 domain=CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:127.0.0.1,TID:" +
+                    tid + " user=user1",
+                "96980 6 action=2 domain=CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:127.0.0.1,TID:" +
+                    tid + " user=user1"}));
+}
+
+// --- keep-alive, re-send and address change ------------------------------------
+
+TEST_F(SessionFixture, KeepAliveAndResendReportTheLoggedOnSessionOnly) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  events.SendKeepAliveEvent();  // nobody reported as logged on
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  events.SendKeepAliveEvent();
+  events.ResendLogonEvent();
+  SetAddresses({});
+  events.SendKeepAliveEvent();  // no address
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:1"}));
+  EXPECT_FALSE(host.deliveries[1].isRetry);
+  EXPECT_TRUE(host.deliveries[2].isRetry);
+  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:0, "
+                               "m_dwCurrentSession:0"),
+            1u);
+  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:1, "
+                               "m_dwCurrentSession:1"),
+            2u);
+  EXPECT_TRUE(support.HasLine("CSessionManager::ResendLogonEvent:1002, m_bLogon:1, "
+                              "m_dwCurrentSession:1"));
+  // Records: the logon (1) and the keep-alive (5); the re-send writes none.
+  const auto records = support.FieldEvents();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].rfind("96980 6 action=5 ", 0), 0u);
+}
+
+struct AddressRow {
+  const char* name;
+  std::vector<ResolvedAddress> before;  // the last sent set
+  std::vector<ResolvedAddress> now;
+  std::vector<std::string> sent;  // summaries; empty: nothing sent
+  std::vector<std::string> newIPv4;
+  int resendRequests;
+};
+
+class AddressChangeTest : public SessionFixture,
+                          public ::testing::WithParamInterface<AddressRow> {};
+
+const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
+const ResolvedAddress kA6 = FakeNetwork::V4(10, 0, 0, 6);
+const AddressRow kAddressRows[] = {
+    {"unchanged", {kA5}, {kA5}, {}, {}, 0},
+    {"added", {kA5}, {kA5, kA6}, {"USER1:0+USER1:1"}, {"10.0.0.5", "10.0.0.6"}, 0},
+    {"replaced", {kA5}, {FakeNetwork::V4(10, 0, 0, 7)}, {"USER1:0+USER1:1"}, {"10.0.0.7"}, 0},
+    {"removed", {kA5, kA6}, {kA6}, {"USER1:0+USER1:1"}, {"10.0.0.6"}, 0},
+    {"reordered", {kA5, kA6}, {kA6, kA5}, {}, {}, 0},
+    {"ipv6 only", {kA5}, {FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})}, {}, {}, 1},
+    {"none left", {kA5}, {}, {}, {}, 1},
+};
+
+TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
+  const AddressRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  SetAddresses(row.before);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  host.deliveries.clear();
+  SetAddresses(row.now);
+  events.CheckAddressChange();
+  EXPECT_EQ(host.Summary(), row.sent);
+  EXPECT_EQ(host.resendRequests, row.resendRequests);
+  if (!row.sent.empty()) {
+    EXPECT_EQ(host.deliveries[0].records[1].ipv4, row.newIPv4);
+    EXPECT_TRUE(support.HasLine("old ip address:10.0.0.5"));
+    EXPECT_TRUE(support.HasLine("new ip address:" + row.newIPv4.back()));
+    EXPECT_EQ(support.FieldEvents().back().rfind("96980 6 action=3 ", 0), 0u);
+    // The new set is now the last sent one: a second round sends nothing.
+    events.CheckAddressChange();
+    EXPECT_EQ(host.deliveries.size(), 1u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, AddressChangeTest, ::testing::ValuesIn(kAddressRows),
+                         [](const auto& info) {
+                           std::string n = info.param.name;
+                           for (char& c : n)
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           return n;
+                         });
+
+TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 8)});
+  host.accept = false;
+  events.CheckAddressChange();
+  host.accept = true;
+  events.CheckAddressChange();
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:0+USER1:1",
+                                                      "USER1:0+USER1:1"}));
+  EXPECT_EQ(support.FieldEvents().size(), 2u);  // the logon and the successful change
+}
+
+// --- the event message --------------------------------------------------------
+
+TEST(SessionMessage, RecordHasTheFixedOrderAndUpperCasedTexts) {
+  SessionRecordFields f;
+  f.logon = 7;  // any non-zero flag is sent as 1
+  f.domain = "corp";
+  f.user = "mlind";
+  f.workstation = "ws1.corp";
+  f.azureAccount = "m@corp";
+  f.tenantId = "t-1";
+  f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};
+  f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
+  f.ipv6[2] = {0x00, 0x00, 0xff};  // first word 0: empty
+  f.time = 1700000000;
+  CEncoder e(kEventEncoderCapacity);
+  e.begin_message(MSG_EVENT);
+  add_session_record(e, f);
+  e.end_group(MSG_EVENT);
+  uint32_t length = 0;
+  std::vector<uint8_t> bytes(e.get_buffer(&length), e.get_buffer(&length) + length);
+  CDecoder d(bytes.data(), length);
+  std::vector<int> codes;
+  while (d.next()) codes.push_back(d.code());
+  EXPECT_EQ(codes, (std::vector<int>{MSG_EVENT, MSG_SESSION_INFO, ATTR_LOGON, ATTR_FIXED_VALUE,
+                                     ATTR_DOMAIN, ATTR_USER, ATTR_WORKSTATION, ATTR_AZURE_ACCOUNT,
+                                     ATTR_TENANT_ID, ATTR_IPV4, ATTR_IPV4, ATTR_IPV6, ATTR_TIME}));
+  std::vector<uint8_t> copy(e.get_buffer(&length), e.get_buffer(&length) + length);
+  CDecoder again(copy.data(), length);
+  uint8_t code = 0;
+  const auto records = lab::DecodeEvent(again, code);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].logon, 1u);
+  EXPECT_EQ(records[0].fixedValue, 4096u);
+  EXPECT_EQ(records[0].user, "MLIND");
+  EXPECT_EQ(records[0].workstation, "WS1.CORP");
+  EXPECT_EQ(records[0].azureAccount, "M@CORP");
+  EXPECT_EQ(records[0].tenantId, "T-1");
+  EXPECT_EQ(records[0].ipv4, (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
+  EXPECT_EQ(records[0].time, 1700000000u);
+}
+
+TEST(SessionMessage, WorkstationNameTakesTheDnsDomainElseTheUsersDomain) {
+  struct Row {
+    const char* dnsDomain;
+    const char* userDomain;
+    const char* expected;
+  } rows[] = {{"corp.example", "OTHER", "ws1.corp.example"},
+              {"", "CORP", "ws1.CORP"},
+              {"", "", "ws1."}};
+  for (const Row& r : rows) {
+    WorkstationFacts m;
+    m.computerName = "ws1";
+    m.dnsDomain = r.dnsDomain;
+    EXPECT_EQ(WorkstationName(m, r.userDomain), r.expected);
+  }
+}
+
+TEST(SessionMessage, LogDomainTextHasBothTickVariants) {
+  SessionLogRecord r;
+  r.domain = "CORP";
+  r.computerName = "ws1";
+  r.localIPv4 = 0x0500000A;
+  r.serverIPv4 = 0;
+  r.tickCount = 42;
+  r.threadId = 7;
+  r.delivered = true;
+  EXPECT_EQ(SessionLogDomainText(r),
+            "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,succeeded to send session info, "
+            "TICC:42, TID:7");
+  r.delivered = false;
+  EXPECT_EQ(SessionLogDomainText(r),
+            "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,failed to send session info, "
+            "TICC:42, TID:7");
+  r.tickLogging = false;
+  EXPECT_EQ(SessionLogDomainText(r), "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,TID:7");
+}
+
+}  // namespace
+}  // namespace lindqvar::testing
