@@ -249,7 +249,9 @@ TEST_F(UserLookupUnderWine, StringValuesAreReadAsStored) {
     uint32_t length = 99;
     EXPECT_EQ(row.result, RegQueryStringValue(*env, u"USERDNSDOMAIN", value, &length)) << row.bytes.size();
     EXPECT_EQ(row.length, length) << row.bytes.size();
-    if (row.result) EXPECT_EQ(row.text, value) << row.bytes.size();
+    if (row.result) {
+      EXPECT_EQ(row.text, value) << row.bytes.size();
+    }
     std::u16string domain;
     EXPECT_EQ(row.result, GetUserDnsDomain(registry, sid, domain)) << row.bytes.size();
   }
