@@ -31,21 +31,19 @@ uint32_t ReadDword(HKEY root, const std::u16string& path, std::u16string_view na
 namespace {
 
 // The value as stored, however many bytes it has. A value that grows
-// between the size query and the read is asked for again.
+// between the size query and the read is asked for again, a few times.
 LSTATUS QueryRaw(HKEY key, std::u16string_view name, DWORD& type, std::vector<uint8_t>& data) {
   const std::u16string n(name);
-  for (;;) {
+  LSTATUS rc = ERROR_MORE_DATA;
+  for (int attempt = 0; attempt < 4 && rc == ERROR_MORE_DATA; ++attempt) {
     DWORD size = 0;
-    LSTATUS rc = ::RegQueryValueExW(key, W(n), nullptr, &type, nullptr, &size);
+    rc = ::RegQueryValueExW(key, W(n), nullptr, &type, nullptr, &size);
     if (rc != ERROR_SUCCESS) return rc;
     data.assign(size, 0);
-    DWORD read = size;
-    rc = ::RegQueryValueExW(key, W(n), nullptr, &type, data.empty() ? nullptr : data.data(), &read);
-    if (rc == ERROR_MORE_DATA) continue;
-    if (rc != ERROR_SUCCESS) return rc;
-    data.resize(read);
-    return ERROR_SUCCESS;
+    rc = ::RegQueryValueExW(key, W(n), nullptr, &type, data.empty() ? nullptr : data.data(), &size);
+    if (rc == ERROR_SUCCESS) data.resize(size);
   }
+  return rc;
 }
 
 LSTATUS QueryString(HKEY key, std::u16string_view name, std::u16string& out) {
