@@ -98,13 +98,24 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   if (std::strcmp(freshKey.c_str(), PresharedKey().c_str()) != 0) return 1;
   if (fresh.enabled == 0) return 1;
   if (freshList.size() != inForce.size()) return 1;
-  // An entry is matched by the port alone: a server whose host changed but
-  // whose port did not counts as unchanged (the list applied right after
-  // carries the new host anyway), while a changed port always restarts the
-  // agent, also when the host stayed the same.
+  // _stricmp in the "C" locale: only A-Z and a-z pair up.
+  const auto hostEqualsNoCase = [](const char* a, const char* b) {
+    for (;; ++a, ++b) {
+      const char x = (*a >= 'A' && *a <= 'Z') ? static_cast<char>(*a - 'A' + 'a') : *a;
+      const char y = (*b >= 'A' && *b <= 'Z') ? static_cast<char>(*b - 'A' + 'a') : *b;
+      if (x != y) return false;
+      if (x == '\0') return true;
+    }
+  };
+  // An entry matches an entry in force with the same port or, failing that,
+  // the same host ignoring case. Equal ports alone are enough, so a list
+  // whose hosts changed on the same ports counts as unchanged; a port
+  // change of a server whose host stayed is no change either. The list
+  // applied right after the test puts the new hosts and ports in force.
   for (const auto& candidate : freshList) {
-    const bool matched = std::any_of(inForce.begin(), inForce.end(),
-                                     [&](const auto& entry) { return candidate->port == entry->port; });
+    const bool matched = std::any_of(inForce.begin(), inForce.end(), [&](const auto& entry) {
+      return candidate->port == entry->port || hostEqualsNoCase(candidate->host, entry->host);
+    });
     if (!matched) return 1;
   }
   return 0;

@@ -51,9 +51,10 @@ class CAgentSettings {
 
   // 1 when a fresh read differs from what is in force: the key differs, the
   // agent is disabled, the number of servers differs, or a new entry has no
-  // entry in force with the same port. Equal ports alone make a match, so a
-  // list whose hosts changed but whose ports did not counts as unchanged,
-  // and a changed port is a change. Nothing in force changes.
+  // entry in force with the same port or, failing that, the same host
+  // (ignoring case). Equal ports alone make a match, so a list whose hosts
+  // changed but whose ports did not counts as unchanged, and so does a port
+  // change of a host that stayed. Nothing in force changes.
   uint32_t IsChanged(ISupportLibrary& support) const;
 
   // Reads the record and puts category, preference and server list in force

@@ -26,12 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   CDecoder decoder;
   volatile uint32_t sink = 0;
-  // A limit keeps a hostile length from asking for gigabytes; each message
-  // received uses up at least a header's worth of the stream.
-  while (ReceiveMessage(decoder, read, 1u << 20)) {
+  // The agent's own limit keeps a hostile length from asking for
+  // gigabytes; each message received uses up at least a header's worth of
+  // the stream.
+  while (ReceiveMessage(decoder, read)) {
     const uint8_t* b = decoder.buffer();
     const uint32_t total = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-    if (total != decoder.total_length() || total < kAttributeHeaderSize) std::abort();
+    if (total != decoder.total_length() || total < kAttributeHeaderSize ||
+        total > kMaxMessageLength) {
+      std::abort();
+    }
     sink = sink + fuzz::WalkAll(decoder);
   }
   (void)sink;

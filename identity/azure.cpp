@@ -1,8 +1,9 @@
 #include "identity/azure.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <regex>
 
+#include "identity/console_match.h"
 #include "identity/wide_text.h"
 #include "platform/os.h"
 
@@ -12,20 +13,6 @@ namespace {
 
 constexpr const char* kFunction = "GetAZureSessionUserInfo";
 constexpr uint32_t kPipeReadSize = 1024;
-// Longer lines are skipped unmatched: the standard library's regex matcher
-// recurses once per character and would exhaust a thread's stack on a line
-// of some thousands, and the tool's status lines are far shorter.
-constexpr size_t kMaxLineUnits = 1024;
-
-// std::regex has no char16_t traits: the parse works on wchar_t units,
-// copied one for one (UTF-16 units stay as they are on either system).
-std::wstring ToWString(std::u16string_view s) { return std::wstring(s.begin(), s.end()); }
-std::u16string ToU16(const std::wstring& s) {
-  std::u16string out;
-  out.reserve(s.size());
-  for (wchar_t c : s) out.push_back(static_cast<char16_t>(c));
-  return out;
-}
 
 }  // namespace
 
@@ -110,32 +97,30 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
 
 int32_t ParseConsoleOutput(const std::string& output, std::u16string& user,
                            std::u16string& domain, std::u16string& tenantId) {
-  static const std::wregex kLine(L"\\s+(.+)\\s+:\\s+(.+)", std::regex::ECMAScript);
-  static const std::wregex kAccount(L".*,\\s*(.*)@(.*)", std::regex::ECMAScript);
-
-  const std::wstring text = ToWString(AnsiToWide(output));
+  // The output is converted as a NUL-terminated text: whatever follows an
+  // embedded NUL is dropped.
+  const std::u16string text = AnsiToWide(std::string_view(output.c_str()));
   bool joined = false;
   size_t start = 0;
   while (start < text.size()) {
-    size_t end = text.find(L'\n', start);
-    std::wstring line = text.substr(start, end == std::wstring::npos ? std::wstring::npos : end - start);
-    start = end == std::wstring::npos ? text.size() : end + 1;
-    if (!line.empty() && (line.back() == L'\r' || line.back() == L'\n')) line.pop_back();
-    if (line.size() > kMaxLineUnits) continue;
+    const size_t end = std::min(text.find(u'\n', start), text.size());
+    std::u16string_view line(text.data() + start, end - start);
+    start = end + 1;
+    if (!line.empty() && (line.back() == u'\r' || line.back() == u'\n')) line.remove_suffix(1);
 
-    std::wsmatch match;
-    if (!std::regex_match(line, match, kLine) || match.size() != 3) continue;
-    const std::u16string key = ToU16(match[1].str());
-    const std::wstring value = match[2].str();
+    MatchSpan keySpan, valueSpan;
+    if (!MatchStatusLine(line, keySpan, valueSpan)) continue;
+    const std::u16string_view key = keySpan.In(line);
+    const std::u16string_view value = valueSpan.In(line);
     if (WideEqualsNoCase(key, u"AzureAdJoined")) {
-      joined = WideEqualsNoCase(ToU16(value), u"yes");
+      joined = WideEqualsNoCase(value, u"yes");
     } else if (WideEqualsNoCase(key, u"TenantId")) {
-      tenantId = ToU16(value);
+      tenantId = value;
     } else if (WideEqualsNoCase(key, u"Executing Account Name")) {
-      std::wsmatch account;
-      if (std::regex_match(value, account, kAccount) && account.size() == 3) {
-        user = ToU16(account[1].str());
-        domain = ToU16(account[2].str());
+      MatchSpan userSpan, domainSpan;
+      if (MatchAccountValue(value, userSpan, domainSpan)) {
+        user = userSpan.In(value);
+        domain = domainSpan.In(value);
       }
     }
   }

@@ -35,9 +35,9 @@ std::unique_ptr<IRegistryKey> CIdentifiers::OpenEsnacForRead() {
   ScopedSupportKey parent(m_support,
                           m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
   if (!parent) return nullptr;
+  // Opened below the library's key, in that key's registry view.
   std::unique_ptr<IRegistryKey> key;
-  if (m_registry.OpenKey(RegistryHive::kLocalMachine, kEsnacKeyPath, reg_access::kRead, key) !=
-      kErrorSuccess) {
+  if (m_registry.OpenKey(parent.get(), kEsnacSubKey, reg_access::kRead, key) != kErrorSuccess) {
     return nullptr;
   }
   return key;

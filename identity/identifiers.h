@@ -16,6 +16,7 @@ namespace lindqvar {
 // The endpoint client's management data, under HKEY_LOCAL_MACHINE.
 inline constexpr char16_t kEsnacKeyPath[] = u"software\\Orvane\\Velmora\\FA_ESNAC";
 inline constexpr char16_t kVelmoraKeyPath[] = u"software\\Orvane\\Velmora";
+inline constexpr char16_t kEsnacSubKey[] = u"FA_ESNAC";
 
 class CIdentifiers {
  public:

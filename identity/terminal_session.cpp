@@ -174,9 +174,10 @@ uint32_t GetUserDnsDomain(IRegistry& registry, const SidBytes& sid, std::u16stri
       !userKey) {
     return 0;
   }
+  // Opened below the user's key, as that key sees the registry.
   std::unique_ptr<IRegistryKey> environment;
-  if (registry.OpenKey(RegistryHive::kUsers, sidText + u"\\Volatile Environment",
-                       reg_access::kRead, environment) != kErrorSuccess ||
+  if (userKey->OpenSubKey(u"Volatile Environment", reg_access::kRead, environment) !=
+          kErrorSuccess ||
       !environment) {
     return 0;
   }
@@ -192,15 +193,9 @@ uint32_t RegQueryStringValue(IRegistryKey& key, std::u16string_view name, std::u
       (type != kRegSz && type != kRegExpandSz)) {
     return 0;
   }
-  // The text ends at the first terminator or at the end of the data,
-  // whichever comes first; a stored string need not carry its terminator.
-  std::u16string text(data.size() / sizeof(char16_t), u'\0');
-  for (size_t i = 0; i < text.size(); ++i) {
-    text[i] = static_cast<char16_t>(data[2 * i] | (data[2 * i + 1] << 8));
-  }
-  const size_t end = text.find(u'\0');
-  if (end != std::u16string::npos) text.resize(end);
-  value = text;
+  // A value of 0 bytes is refused above; any other size is taken, an odd
+  // one included, and the length is the size in bytes halved.
+  value = RegistryValueText(data);
   if (length) *length = static_cast<uint32_t>(data.size() / sizeof(char16_t));
   return 1;
 }
@@ -211,7 +206,7 @@ bool IsValidSid(const SidBytes& sid) {
   return sid.size() >= kSidHeaderSize + 4u * sid[1];
 }
 
-uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length, uint32_t* error) {
+uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length) {
   if (!IsValidSid(sid)) return 0;
   const uint32_t count = sid[1];
   // The size is reckoned in bytes but compared with the caller's length in
@@ -220,7 +215,7 @@ uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length, 
   const uint32_t required = (count * 12 + 28) * 2;
   if (length < required) {
     length = required;
-    if (error) *error = kErrorInsufficientBuffer;
+    SetLastErrorCode(kErrorInsufficientBuffer);
     return 0;
   }
 

@@ -76,16 +76,16 @@ int QuerySessionUserToken(IAccounts& accounts, CLog& log, uint32_t sessionId,
 // The user's own USERDNSDOMAIN from HKEY_USERS\<SID>\Volatile Environment.
 uint32_t GetUserDnsDomain(IRegistry& registry, const SidBytes& sid, std::u16string& domain);
 
-// A REG_SZ or REG_EXPAND_SZ value (not expanded); `length` (optional) gets
-// the value's size in characters, terminator included.
+// A REG_SZ or REG_EXPAND_SZ value of at least one byte (not expanded), read
+// as RegistryValueText reads it; `length` (optional) gets the value's size
+// in bytes halved, so a stored terminator counts.
 uint32_t RegQueryStringValue(IRegistryKey& key, std::u16string_view name, std::u16string& value,
                              uint32_t* length);
 
 // The SID's text form "S-1-...". `length` is the caller's buffer length; a
 // buffer that is too small gives 0 with the required size in `length` and
-// kErrorInsufficientBuffer in `error` (when given).
-uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length,
-                   uint32_t* error = nullptr);
+// the thread's last error set to kErrorInsufficientBuffer.
+uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length);
 // IsValidSid: revision 1, at most 15 sub-authorities, all of them present.
 bool IsValidSid(const SidBytes& sid);
 

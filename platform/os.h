@@ -19,6 +19,11 @@ uint32_t TickCount();
 // The calling thread's id as the system reports it.
 uint32_t CurrentThreadId();
 
+// The calling thread's last-error value: GetLastError / SetLastError on
+// Windows, a value of the thread's own elsewhere.
+uint32_t LastErrorCode();
+void SetLastErrorCode(uint32_t error);
+
 // The system's 8-bit ("ANSI") code page. On Windows this is CP_ACP; on other
 // systems the agent's ANSI text is UTF-8.
 std::string WideToAnsi(std::u16string_view wide);

@@ -20,6 +20,13 @@ uint32_t TickCount() {
 
 uint32_t CurrentThreadId() { return static_cast<uint32_t>(::syscall(SYS_gettid)); }
 
+namespace {
+thread_local uint32_t t_lastError = 0;
+}  // namespace
+
+uint32_t LastErrorCode() { return t_lastError; }
+void SetLastErrorCode(uint32_t error) { t_lastError = error; }
+
 // Outside Windows the agent's 8-bit text is UTF-8.
 std::string WideToAnsi(std::u16string_view wide) { return WideToUtf8(wide); }
 std::u16string AnsiToWide(std::string_view ansi) { return Utf8ToWide(ansi); }

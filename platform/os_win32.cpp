@@ -9,6 +9,9 @@ uint32_t TickCount() { return ::GetTickCount(); }
 
 uint32_t CurrentThreadId() { return ::GetCurrentThreadId(); }
 
+uint32_t LastErrorCode() { return ::GetLastError(); }
+void SetLastErrorCode(uint32_t error) { ::SetLastError(error); }
+
 std::string WideToAnsi(std::u16string_view wide) {
   if (wide.empty()) return {};
   const auto* src = reinterpret_cast<const wchar_t*>(wide.data());

@@ -120,8 +120,8 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
 }
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
-  // No upper bound on the announced length: the server is trusted to send
-  // messages of a sensible size. The connection bounds the time it may take.
+  // A message longer than kMaxMessageLength fails the receive. The
+  // connection bounds the time it may take.
   return connection.ReceiveMessage(decoder);
 }
 

@@ -28,8 +28,9 @@ class IpAddress {
   // The IPv4 address in network byte order (first four bytes).
   uint32_t IPv4() const;
 
-  // The text forms, made when first asked for: "10.0.0.5", "fe80::1";
-  // "0.0.0.0" while empty.
+  // The text forms, made when first asked for with AddressToString
+  // (platform/address_literal.h): "10.0.0.5", "fe80::1"; "0.0.0.0" while
+  // empty.
   const char* Text() const;
   const char16_t* WideText() const;
 
@@ -44,20 +45,10 @@ class IpAddress {
   mutable char16_t m_wszText[kTextSize] = {};
 };
 
-// Formats an address as the system's address-to-text conversion does, into
-// at most `size` bytes (always terminated). IPv4: dotted decimal. IPv6:
-// lower-case hex words, the first longest run of two or more zero words
-// written "::", and the last 32 bits dotted for IPv4-compatible, -mapped,
-// -translated and ISATAP addresses.
-void FormatIPv4(uint32_t address, char* out, size_t size);
-void FormatIPv6(const uint8_t address[16], char* out, size_t size);
-
-// Tries `text` as an IPv4 literal, then as an IPv6 literal, the way the
-// system's text-to-address conversion takes them: IPv4 in one to four parts
-// (decimal, octal with a leading 0, hex with 0x), optionally ":port"; IPv6
-// with an optional "%scope", optionally in brackets followed by ":port". On
-// success stores the address in `out` and returns 1; else leaves `out` as it
-// is and returns 0.
+// Tries `text` as an IPv4 literal, then as an IPv6 literal, with
+// StringToAddress (platform/address_literal.h: the system's conversion on
+// Windows). On success stores the address in `out` and returns 1; else
+// leaves `out` as it is and returns 0.
 uint32_t parse_address_literal(const char* text, IpAddress& out);
 // 1 when `text` is an IPv4 or IPv6 literal, else 0.
 uint32_t is_address_literal(const char* text);

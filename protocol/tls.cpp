@@ -21,6 +21,9 @@ namespace lindqvar {
 namespace {
 
 constexpr const char kSslClientInit[] = "CSessionManager::SslClientInit";
+// The line number that the connect-readiness line carries, fixed like the
+// numbers in the other "%s:%d" lines of the agent.
+constexpr int kConnectReadyLine = 2496;
 
 // Which pass phrase the callback hands out: 0 the 16-byte blob, 1 the
 // 32-byte one. Process-wide, set by load_client_identity.
@@ -286,7 +289,7 @@ uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& 
     to.port = static_cast<uint16_t>(target.port);
     socket.Connect(to);  // in progress: the polls below tell how it went
 
-    m_log.Debug("%s:%d,  check if connection is ready", "SslClientInit", __LINE__);
+    m_log.Debug("%s:%d,  check if connection is ready", kSslClientInit, kConnectReadyLine);
     bool connected = false;
     for (uint32_t poll = 0; poll < m_timings.connectPolls && connection.ExchangeTimeLeftMs() > 0;
          ++poll) {

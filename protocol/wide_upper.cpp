@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cwctype>
 #include <iterator>
 
 namespace lindqvar {
@@ -214,13 +215,21 @@ constexpr CaseRun kUpperRuns[] = {
 
 }  // namespace
 
-char16_t WideToUpper(char16_t unit) {
+char16_t WideToUpperTable(char16_t unit) {
   const auto* run = std::upper_bound(std::begin(kUpperRuns), std::end(kUpperRuns), unit,
                                      [](char16_t u, const CaseRun& r) { return u < r.first; });
   if (run == std::begin(kUpperRuns)) return unit;
   --run;
   if (unit > run->last || (unit - run->first) % run->step != 0) return unit;
   return static_cast<char16_t>(unit + run->offset);
+}
+
+char16_t WideToUpper(char16_t unit) {
+#ifdef _WIN32
+  return static_cast<char16_t>(std::towupper(static_cast<std::wint_t>(unit)));
+#else
+  return WideToUpperTable(unit);
+#endif
 }
 
 }  // namespace lindqvar

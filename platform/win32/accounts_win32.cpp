@@ -26,14 +26,23 @@ HANDLE Native(IUserToken& token) { return static_cast<HANDLE>(token.native()); }
 
 }  // namespace
 
-CAccountsWin32::CAccountsWin32() {
-  // Not linked statically: systems without it still run the agent, and the
-  // AD lookup then fails for every session.
-  if (HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll")) {
-    m_queryUserToken = reinterpret_cast<QueryUserTokenFn>(
-        reinterpret_cast<void*>(::GetProcAddress(wtsapi, "WTSQueryUserToken")));
-  }
+QueryUserTokenFn WtsQueryUserToken() {
+  static const QueryUserTokenFn function = [] {
+    // The agent imports Wtsapi32's other functions, so the library is
+    // loaded; a program that imports none of them loads it from the system
+    // folder (and keeps it for its lifetime).
+    HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll");
+    if (!wtsapi) wtsapi = ::LoadLibraryExW(L"Wtsapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    return wtsapi ? reinterpret_cast<QueryUserTokenFn>(reinterpret_cast<void*>(
+                        ::GetProcAddress(wtsapi, "WTSQueryUserToken")))
+                  : nullptr;
+  }();
+  return function;
 }
+
+// Without WTSQueryUserToken the agent still runs; the AD lookup then fails
+// for every session.
+CAccountsWin32::CAccountsWin32() : m_queryUserToken(WtsQueryUserToken()) {}
 
 bool CAccountsWin32::HasQueryUserToken() { return m_queryUserToken != nullptr; }
 

@@ -7,9 +7,14 @@
 
 namespace lindqvar::win32 {
 
+// WTSQueryUserToken is never linked statically: the programs must load on
+// systems that lack it. Its address is looked up once, in the already
+// loaded Wtsapi32.dll; null where it is missing.
+using QueryUserTokenFn = BOOL(WINAPI*)(ULONG, PHANDLE);
+QueryUserTokenFn WtsQueryUserToken();
+
 class CAccountsWin32 : public IAccounts {
  public:
-  // Looks WTSQueryUserToken up once, in the already loaded Wtsapi32.dll.
   CAccountsWin32();
 
   bool HasQueryUserToken() override;
@@ -22,7 +27,6 @@ class CAccountsWin32 : public IAccounts {
   void AbandonToken(std::unique_ptr<IUserToken> token) override;
 
  private:
-  using QueryUserTokenFn = BOOL(WINAPI*)(ULONG, PHANDLE);
   QueryUserTokenFn m_queryUserToken = nullptr;
 };
 

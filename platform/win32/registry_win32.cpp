@@ -4,6 +4,7 @@
 
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
+#include "platform/win32/support_key_win32.h"
 
 namespace lindqvar::win32 {
 
@@ -28,20 +29,36 @@ uint32_t ReadDword(HKEY root, const std::u16string& path, std::u16string_view na
 }
 
 namespace {
-LSTATUS QueryString(HKEY key, std::u16string_view name, std::u16string& out) {
+
+// The value as stored, however many bytes it has. A value that grows
+// between the size query and the read is asked for again, a few times.
+LSTATUS QueryRaw(HKEY key, std::u16string_view name, DWORD& type, std::vector<uint8_t>& data) {
   const std::u16string n(name);
-  DWORD type = 0, size = 0;
-  LSTATUS rc = ::RegQueryValueExW(key, W(n), nullptr, &type, nullptr, &size);
+  LSTATUS rc = ERROR_MORE_DATA;
+  for (int attempt = 0; attempt < 4 && rc == ERROR_MORE_DATA; ++attempt) {
+    DWORD size = 0;
+    rc = ::RegQueryValueExW(key, W(n), nullptr, &type, nullptr, &size);
+    if (rc != ERROR_SUCCESS) return rc;
+    data.assign(size, 0);
+    rc = ::RegQueryValueExW(key, W(n), nullptr, &type, data.empty() ? nullptr : data.data(), &size);
+    if (rc == ERROR_SUCCESS) data.resize(size);
+  }
+  return rc;
+}
+
+LSTATUS QueryString(HKEY key, std::u16string_view name, std::u16string& out) {
+  DWORD type = 0;
+  std::vector<uint8_t> data;
+  const LSTATUS rc = QueryRaw(key, name, type, data);
   if (rc != ERROR_SUCCESS) return rc;
   if (type != REG_SZ && type != REG_EXPAND_SZ) return ERROR_UNSUPPORTED_TYPE;
-  // Room for a terminator the stored value may lack.
-  std::vector<wchar_t> buf(size / sizeof(wchar_t) + 1, L'\0');
-  DWORD bytes = static_cast<DWORD>((buf.size() - 1) * sizeof(wchar_t));
-  rc = ::RegQueryValueExW(key, W(n), nullptr, &type, reinterpret_cast<BYTE*>(buf.data()), &bytes);
-  if (rc != ERROR_SUCCESS) return rc;
-  out = U(buf.data());
+  out = RegistryValueText(data);
   return ERROR_SUCCESS;
 }
+
+LSTATUS OpenBelow(HKEY parent, std::u16string_view path, uint32_t access, REGSAM view,
+                  std::unique_ptr<IRegistryKey>& key);
+
 }  // namespace
 
 std::u16string ReadString(HKEY key, std::u16string_view name, std::u16string_view fallback,
@@ -73,7 +90,7 @@ std::u16string ReadAgentString(std::u16string_view name, std::u16string_view fal
 namespace {
 class RegistryKeyWin32 : public IRegistryKey {
  public:
-  explicit RegistryKeyWin32(HKEY key) : m_key(key) {}
+  RegistryKeyWin32(HKEY key, REGSAM view) : m_key(key), m_view(view) {}
   uint32_t SetDword(std::u16string_view name, uint32_t value) override {
     const DWORD v = value;
     return static_cast<uint32_t>(::RegSetValueExW(m_key.get(), W(std::u16string(name)), 0,
@@ -92,39 +109,43 @@ class RegistryKeyWin32 : public IRegistryKey {
     value = v;
     return 0;
   }
-  uint32_t QueryValue(std::u16string_view name, uint32_t& type,
-                      std::vector<uint8_t>& data) override {
-    const std::u16string n(name);
-    DWORD t = 0, size = 0;
-    LSTATUS rc = ::RegQueryValueExW(m_key.get(), W(n), nullptr, &t, nullptr, &size);
-    // The value may grow between two calls: ask again (a few times) when it did.
-    for (int attempt = 0; rc == ERROR_SUCCESS && attempt < 4; ++attempt) {
-      data.assign(size, 0);
-      rc = ::RegQueryValueExW(m_key.get(), W(n), nullptr, &t, data.empty() ? nullptr : data.data(),
-                              &size);
-      if (rc == ERROR_SUCCESS) {
-        data.resize(size);
-        type = t;
-        return 0;
-      }
-      if (rc == ERROR_MORE_DATA) rc = ERROR_SUCCESS;
-    }
-    return rc == ERROR_SUCCESS ? static_cast<uint32_t>(ERROR_MORE_DATA) : static_cast<uint32_t>(rc);
+  uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
+    DWORD t = 0;
+    const LSTATUS rc = QueryRaw(m_key.get(), name, t, data);
+    if (rc == ERROR_SUCCESS) type = t;
+    return static_cast<uint32_t>(rc);
+  }
+  uint32_t OpenSubKey(std::u16string_view path, uint32_t access,
+                      std::unique_ptr<IRegistryKey>& key) override {
+    return static_cast<uint32_t>(OpenBelow(m_key.get(), path, access, m_view, key));
   }
 
  private:
   ScopedRegKey m_key;
+  REGSAM m_view;
 };
+
+LSTATUS OpenBelow(HKEY parent, std::u16string_view path, uint32_t access, REGSAM view,
+                  std::unique_ptr<IRegistryKey>& key) {
+  HKEY h = nullptr;
+  const LSTATUS rc = ::RegOpenKeyExW(parent, W(std::u16string(path)), 0, access | view, &h);
+  if (rc != ERROR_SUCCESS) return rc;
+  key = std::make_unique<RegistryKeyWin32>(h, view);
+  return ERROR_SUCCESS;
+}
 }  // namespace
 
 uint32_t CRegistryWin32::OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
                                  std::unique_ptr<IRegistryKey>& key) {
   HKEY root = hive == RegistryHive::kUsers ? HKEY_USERS : HKEY_LOCAL_MACHINE;
-  HKEY h = nullptr;
-  const LSTATUS rc = ::RegOpenKeyExW(root, W(std::u16string(path)), 0, access, &h);
-  if (rc != ERROR_SUCCESS) return static_cast<uint32_t>(rc);
-  key = std::make_unique<RegistryKeyWin32>(h);
-  return 0;
+  return static_cast<uint32_t>(
+      OpenBelow(root, path, access & ~reg_access::kViewMask, access & reg_access::kViewMask, key));
+}
+
+uint32_t CRegistryWin32::OpenKey(SupportKeyHandle parent, std::u16string_view path,
+                                 uint32_t access, std::unique_ptr<IRegistryKey>& key) {
+  if (!parent || !parent->key) return ERROR_INVALID_HANDLE;
+  return static_cast<uint32_t>(OpenBelow(parent->key.get(), path, access, parent->view, key));
 }
 
 }  // namespace lindqvar::win32

@@ -2,14 +2,14 @@
 
 #include "platform/win32/windows_include.h"
 
-#include <wtsapi32.h>
-
 #include <cstring>
 #include <vector>
 
 #include "platform/os.h"
+#include "platform/win32/accounts_win32.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
+#include "platform/win32/support_key_win32.h"
 
 namespace lindqvar::win32 {
 
@@ -25,10 +25,6 @@ struct LogFile {
 namespace lindqvar {
 // The library's log handle is an opaque pointer to this context.
 struct LogContext : win32::LogFile {};
-// A key opened by reg_openkeyW.
-struct SupportKeyObject {
-  win32::ScopedRegKey key;
-};
 }  // namespace lindqvar
 
 namespace lindqvar::win32 {
@@ -233,7 +229,8 @@ bool CSupportLibraryWin32::cfg_get_velmora_guid(std::u16string& guid) {
 
 SupportKeyHandle CSupportLibraryWin32::reg_openkeyW(SupportHive, std::u16string_view path) {
   auto* k = new SupportKeyObject();
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(std::u16string(path)), 0, KEY_READ | KEY_WOW64_64KEY,
+  k->view = KEY_WOW64_64KEY;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(std::u16string(path)), 0, KEY_READ | k->view,
                       k->key.receive()) != ERROR_SUCCESS) {
     delete k;
     return nullptr;
@@ -271,8 +268,13 @@ class UserToken : public IUserToken {
 }  // namespace
 
 bool CSupportLibraryWin32::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) {
+  const QueryUserTokenFn queryUserToken = WtsQueryUserToken();
+  if (!queryUserToken) {
+    ::SetLastError(ERROR_PROC_NOT_FOUND);
+    return false;
+  }
   HANDLE h = nullptr;
-  if (!::WTSQueryUserToken(session, &h) || !h) return false;
+  if (!queryUserToken(session, &h) || !h) return false;
   token = std::make_unique<UserToken>(h);
   return true;
 }

@@ -113,7 +113,7 @@ class SettingsChange : public ::testing::Test {
   CAgentSettings settings;
 };
 
-TEST_F(SettingsChange, UnchangedSettingsAndTheDeliberatePortOnlyMatch) {
+TEST_F(SettingsChange, UnchangedWhenEveryEntryMatchesByPortOrHost) {
   EXPECT_EQ(settings.IsChanged(support), 0u);
   // Same count, same ports, other hosts: unchanged.
   support.SetSettings(1, u"10.9.9.9:9001;other.example", u"secret");
@@ -121,22 +121,25 @@ TEST_F(SettingsChange, UnchangedSettingsAndTheDeliberatePortOnlyMatch) {
   // Order does not matter.
   support.SetSettings(1, u"x.example;10.0.0.5:9001", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 0u);
+  // A host in force, in any letter case, matches whatever its new port.
+  support.SetSettings(1, u"10.0.0.5:9002;AUTH.Example:8002", u"secret");
+  EXPECT_EQ(settings.IsChanged(support), 0u);
   // Nothing in force changed through the tests.
   ASSERT_EQ(settings.Servers().size(), 2u);
   EXPECT_STREQ(settings.Servers()[1]->host, "auth.example");
 }
 
-TEST_F(SettingsChange, KeyDisableCountAndPortAreChanges) {
+TEST_F(SettingsChange, KeyDisableCountAndUnmatchedEntriesAreChanges) {
   support.SetSettings(1, u"10.0.0.5:9001;auth.example", u"Secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   support.SetSettings(0, u"10.0.0.5:9001;auth.example", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   support.SetSettings(1, u"10.0.0.5:9001", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
-  // The same host on another port is a change.
-  support.SetSettings(1, u"10.0.0.5:9002;auth.example", u"secret");
+  // A new host on a port not in force is a change.
+  support.SetSettings(1, u"10.0.0.7:9002;auth.example", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
-  support.SetSettings(1, u"10.0.0.5:9001;auth.example:8002", u"secret");
+  support.SetSettings(1, u"10.0.0.5:9001;auth2.example:8002", u"secret");
   EXPECT_EQ(settings.IsChanged(support), 1u);
   // A record the library left zero reads as disabled with no key.
   support.SetSettings(0, u"", u"");

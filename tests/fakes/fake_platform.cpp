@@ -151,8 +151,8 @@ bool FakeSupport::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken
 
 class FakeRegistryKey : public IRegistryKey {
  public:
-  FakeRegistryKey(FakeRegistry& r, std::pair<RegistryHive, std::u16string> id)
-      : m_registry(r), m_id(std::move(id)) {}
+  FakeRegistryKey(FakeRegistry& r, std::pair<RegistryHive, std::u16string> id, uint32_t access)
+      : m_registry(r), m_id(std::move(id)), m_access(access) {}
   uint32_t SetDword(std::u16string_view name, uint32_t value) override {
     std::lock_guard<std::mutex> lock(m_registry.m_mutex);
     if (m_registry.m_setError) return m_registry.m_setError;
@@ -180,6 +180,8 @@ class FakeRegistryKey : public IRegistryKey {
     value = v->second;
     return 0;
   }
+  // A value stored as raw bytes comes as it is; strings come with their
+  // terminator, DWORDs as four bytes.
   uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
     {
       std::lock_guard<std::mutex> lock(m_registry.m_mutex);
@@ -192,12 +194,31 @@ class FakeRegistryKey : public IRegistryKey {
         return 0;
       }
     }
-    return IRegistryKey::QueryValue(name, type, data);
+    std::u16string text;
+    uint32_t result = QueryString(name, text);
+    if (result == 0) {
+      type = 1;
+      const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
+      data.assign(bytes, bytes + (text.size() + 1) * sizeof(char16_t));
+      return 0;
+    }
+    uint32_t dword = 0;
+    if (QueryDword(name, dword) != 0) return result;
+    type = 4;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&dword);
+    data.assign(bytes, bytes + sizeof dword);
+    return 0;
+  }
+  uint32_t OpenSubKey(std::u16string_view path, uint32_t access,
+                      std::unique_ptr<IRegistryKey>& key) override {
+    return m_registry.OpenKey(m_id.first, m_id.second + u"\\" + std::u16string(path),
+                              access | (m_access & reg_access::kViewMask), key);
   }
 
  private:
   FakeRegistry& m_registry;
   std::pair<RegistryHive, std::u16string> m_id;
+  uint32_t m_access;
 };
 
 std::u16string FakeRegistry::Lower(std::u16string_view s) {
@@ -252,8 +273,40 @@ uint32_t FakeRegistry::OpenKey(RegistryHive hive, std::u16string_view path, uint
   m_access.push_back(access);
   auto id = std::make_pair(hive, Lower(path));
   if (m_keys.find(id) == m_keys.end()) return kErrorFileNotFound;
-  key = std::make_unique<FakeRegistryKey>(*this, id);
+  key = std::make_unique<FakeRegistryKey>(*this, id, access);
   return 0;
+}
+
+uint32_t FakeRegistry::OpenKey(SupportKeyHandle parent, std::u16string_view path,
+                               uint32_t access, std::unique_ptr<IRegistryKey>& key) {
+  IRegistryKey* parentKey = SupportKey(parent);
+  if (!parentKey) return 6;  // ERROR_INVALID_HANDLE
+  return parentKey->OpenSubKey(path, access, key);
+}
+
+SupportKeyHandle FakeRegistry::OpenSupportKey(std::u16string_view path, uint32_t access) {
+  std::unique_ptr<IRegistryKey> key;
+  if (OpenKey(RegistryHive::kLocalMachine, path, access, key) != 0) return nullptr;
+  std::lock_guard<std::mutex> lock(m_mutex);
+  auto handle = reinterpret_cast<SupportKeyHandle>(m_nextSupportKey++);
+  m_supportKeys[handle] = std::move(key);
+  return handle;
+}
+
+void FakeRegistry::CloseSupportKey(SupportKeyHandle key) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_supportKeys.erase(key);
+}
+
+IRegistryKey* FakeRegistry::SupportKey(SupportKeyHandle key) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  auto it = m_supportKeys.find(key);
+  return it == m_supportKeys.end() ? nullptr : it->second.get();
+}
+
+size_t FakeRegistry::OpenSupportKeys() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_supportKeys.size();
 }
 
 // --- network ----------------------------------------------------------------

@@ -96,6 +96,14 @@ class FakeRegistry : public IRegistry {
 
   uint32_t OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
                    std::unique_ptr<IRegistryKey>& key) override;
+  uint32_t OpenKey(SupportKeyHandle parent, std::u16string_view path, uint32_t access,
+                   std::unique_ptr<IRegistryKey>& key) override;
+
+  // Keys of a support library that reads this registry (HKEY_LOCAL_MACHINE).
+  SupportKeyHandle OpenSupportKey(std::u16string_view path, uint32_t access);
+  void CloseSupportKey(SupportKeyHandle key);
+  IRegistryKey* SupportKey(SupportKeyHandle key);
+  size_t OpenSupportKeys() const;
 
  private:
   friend class FakeRegistryKey;
@@ -110,6 +118,8 @@ class FakeRegistry : public IRegistry {
   uint32_t m_setError = 0;
   size_t m_dwordWrites = 0;
   std::vector<uint32_t> m_access;
+  std::map<SupportKeyHandle, std::unique_ptr<IRegistryKey>> m_supportKeys;
+  uintptr_t m_nextSupportKey = 0x5000;
 };
 
 class FakeNetwork : public INetwork {

@@ -79,15 +79,20 @@ TEST(ParseConsoleOutputTest, LineRules) {
   EXPECT_EQ(u"", p.tenant);
 }
 
-TEST(ParseConsoleOutputTest, OverlongLinesAreSkippedNotMatched) {
+TEST(ParseConsoleOutputTest, LinesOfAnyLengthAreMatchedAndANulEndsTheOutput) {
   const std::string longUser(900, 'u');
   Parsed p = Parse("  TenantId : t\n  Executing Account Name : d\\x, " + longUser + "@d\n");
   EXPECT_EQ(0, p.result);
   EXPECT_EQ(900u, p.user.size());
-  // A line of 200000 characters would overflow the matcher's recursion.
   p = Parse("  TenantId : " + std::string(200000, 'x') + "\n  Executing Account Name : d\\u, u@d\n");
-  EXPECT_EQ(-1, p.result);
-  EXPECT_EQ(u"u", p.user);
+  EXPECT_EQ(0, p.result);
+  EXPECT_EQ(200000u, p.tenant.size());
+  // Long runs of blanks: the value is what follows the last of them.
+  p = Parse(std::string(3000, ' ') + "TenantId :" + std::string(3000, ' ') + "t\n");
+  EXPECT_EQ(u"t", p.tenant);
+  // Nothing after an embedded NUL is read.
+  p = Parse(std::string("  TenantId : first\n\0  TenantId : second\n", 40));
+  EXPECT_EQ(u"first", p.tenant);
 }
 
 class RunExternalProgramTest : public ::testing::Test {

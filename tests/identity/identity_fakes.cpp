@@ -121,25 +121,15 @@ ConsoleStart FakeConsoleRunner::Start(IUserToken* token, const std::string& comm
 }
 
 SupportKeyHandle RegistrySupport::reg_openkeyW(SupportHive, std::u16string_view path) {
-  std::unique_ptr<IRegistryKey> key;
-  if (m_registry.OpenKey(RegistryHive::kLocalMachine, path, reg_access::kRead, key) != 0) {
-    return nullptr;
-  }
-  auto handle = reinterpret_cast<SupportKeyHandle>(m_next++);
-  m_open[handle] = std::move(key);
-  return handle;
+  // As our Windows library opens them: for reading, in the 64-bit view.
+  return m_registry.OpenSupportKey(path, reg_access::kRead | reg_access::kWow64_64Key);
 }
 
-void RegistrySupport::reg_closekeyW(SupportKeyHandle key) { m_open.erase(key); }
-
-IRegistryKey* RegistrySupport::Key(SupportKeyHandle key) {
-  auto it = m_open.find(key);
-  return it == m_open.end() ? nullptr : it->second.get();
-}
+void RegistrySupport::reg_closekeyW(SupportKeyHandle key) { m_registry.CloseSupportKey(key); }
 
 bool RegistrySupport::reg_getstringW(SupportKeyHandle key, std::u16string_view name,
                                      std::u16string& value, uint32_t* length) {
-  IRegistryKey* k = Key(key);
+  IRegistryKey* k = m_registry.SupportKey(key);
   if (!k || k->QueryString(name, value) != 0) return false;
   if (length) *length = static_cast<uint32_t>(value.size());
   return true;
@@ -147,7 +137,7 @@ bool RegistrySupport::reg_getstringW(SupportKeyHandle key, std::u16string_view n
 
 bool RegistrySupport::reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) {
   std::u16string ignored;
-  IRegistryKey* k = Key(key);
+  IRegistryKey* k = m_registry.SupportKey(key);
   return k && k->QueryString(name, ignored) == 0;
 }
 

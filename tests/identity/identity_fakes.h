@@ -131,13 +131,10 @@ class RegistrySupport : public FakeSupport {
   bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
                       uint32_t* length) override;
   bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
-  int OpenKeys() const { return static_cast<int>(m_open.size()); }
+  int OpenKeys() const { return static_cast<int>(m_registry.OpenSupportKeys()); }
 
  private:
-  IRegistryKey* Key(SupportKeyHandle key);
   FakeRegistry& m_registry;
-  std::map<SupportKeyHandle, std::unique_ptr<IRegistryKey>> m_open;
-  uintptr_t m_next = 0x5000;
 };
 
 // The user lookup's sources made of fakes, with a log that keeps its lines

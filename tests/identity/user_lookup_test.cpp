@@ -67,7 +67,6 @@ TEST(SidToTextTest, WritesAuthorityInBothFormsAndSubAuthorities) {
 
 TEST(SidToTextTest, RefusesNineSubAuthoritiesWithTheUsualBuffer) {
   std::u16string text;
-  uint32_t error = 0;
   uint32_t length = 260;
   ASSERT_EQ(1u, SidToText(MakeSid({0, 0, 0, 0, 0, 5}, {1, 2, 3, 4, 5, 6, 7, 8}), text, length));
   EXPECT_EQ(u"S-1-5-1-2-3-4-5-6-7-8", text);
@@ -75,9 +74,10 @@ TEST(SidToTextTest, RefusesNineSubAuthoritiesWithTheUsualBuffer) {
 
   const SidBytes nine = MakeSid({0, 0, 0, 0, 0, 5}, {1, 2, 3, 4, 5, 6, 7, 8, 9});
   text = u"unchanged";
-  EXPECT_EQ(0u, SidToText(nine, text, length, &error));
+  SetLastErrorCode(0);
+  EXPECT_EQ(0u, SidToText(nine, text, length));
   EXPECT_EQ((9u * 12 + 28) * 2, length);  // 272
-  EXPECT_EQ(kErrorInsufficientBuffer, error);
+  EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
   EXPECT_EQ(u"unchanged", text);
   // The size it asked for is enough.
   EXPECT_EQ(1u, SidToText(nine, text, length));
@@ -112,6 +112,9 @@ class RawKey : public IRegistryKey {
     data = it->second.second;
     return 0;
   }
+  uint32_t OpenSubKey(std::u16string_view, uint32_t, std::unique_ptr<IRegistryKey>&) override {
+    return 2;
+  }
   void Put(const std::u16string& name, uint32_t type, std::u16string_view text, bool terminator) {
     std::vector<uint8_t> bytes;
     for (char16_t c : text) {
@@ -132,6 +135,8 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   key.Put(u"empty", 1, u"", false);
   key.values[u"dword"] = {4, {1, 0, 0, 0}};
   key.Put(u"multi", 7, u"a", true);
+  key.values[u"odd"] = {1, {'a', 0, 'b', 0, 'c'}};  // 5 bytes
+  key.Put(u"nul", 1, std::u16string_view(u"ab\0cd", 5), true);
 
   std::u16string value;
   uint32_t length = 99;
@@ -143,6 +148,14 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   ASSERT_EQ(1u, RegQueryStringValue(key, u"bare", value, &length));
   EXPECT_EQ(u"abc", value);
   EXPECT_EQ(3u, length);
+  // An odd size: the last byte is a unit of its own; the length is size/2.
+  ASSERT_EQ(1u, RegQueryStringValue(key, u"odd", value, &length));
+  EXPECT_EQ(u"abc", value);
+  EXPECT_EQ(2u, length);
+  // The text ends at an embedded NUL; the length still counts every unit.
+  ASSERT_EQ(1u, RegQueryStringValue(key, u"nul", value, &length));
+  EXPECT_EQ(u"ab", value);
+  EXPECT_EQ(6u, length);
 
   for (const char16_t* refused : {u"empty", u"dword", u"multi", u"missing"}) {
     length = 99;

@@ -260,24 +260,24 @@ TEST(UpperCaseTest, SurrogatePairsAreLeftAlone) {
 }
 
 TEST(UpperCaseTest, WideUnitTable) {
-  EXPECT_EQ(WideToUpper(u'a'), u'A');
-  EXPECT_EQ(WideToUpper(u'z'), u'Z');
-  EXPECT_EQ(WideToUpper(u'A'), u'A');
-  EXPECT_EQ(WideToUpper(u'{'), u'{');
-  EXPECT_EQ(WideToUpper(u'\u00B5'), u'\u039C');  // micro sign
-  EXPECT_EQ(WideToUpper(u'\u00DF'), u'\u00DF');  // ß has no one-unit upper case
-  EXPECT_EQ(WideToUpper(u'\u00F7'), u'\u00F7');  // ÷ sits between two runs
-  EXPECT_EQ(WideToUpper(u'\u0101'), u'\u0100');  // alternating upper/lower
-  EXPECT_EQ(WideToUpper(u'\u0100'), u'\u0100');
-  EXPECT_EQ(WideToUpper(u'\u0131'), u'I');
-  EXPECT_EQ(WideToUpper(u'\u01C5'), u'\u01C4');  // title case Dž
-  EXPECT_EQ(WideToUpper(u'\u03C2'), u'\u03A3');  // final sigma
-  EXPECT_EQ(WideToUpper(u'\u0450'), u'\u0400');
-  EXPECT_EQ(WideToUpper(u'\u24D0'), u'\u24B6');  // circled a
-  EXPECT_EQ(WideToUpper(u'\uFF41'), u'\uFF21');  // full-width a
-  EXPECT_EQ(WideToUpper(char16_t{0xD801}), char16_t{0xD801});  // a surrogate unit
-  EXPECT_EQ(WideToUpper(u'\uFFFF'), u'\uFFFF');
-  EXPECT_EQ(WideToUpper(u'\0'), u'\0');
+  EXPECT_EQ(WideToUpperTable(u'a'), u'A');
+  EXPECT_EQ(WideToUpperTable(u'z'), u'Z');
+  EXPECT_EQ(WideToUpperTable(u'A'), u'A');
+  EXPECT_EQ(WideToUpperTable(u'{'), u'{');
+  EXPECT_EQ(WideToUpperTable(u'\u00B5'), u'\u039C');  // micro sign
+  EXPECT_EQ(WideToUpperTable(u'\u00DF'), u'\u00DF');  // ß has no one-unit upper case
+  EXPECT_EQ(WideToUpperTable(u'\u00F7'), u'\u00F7');  // ÷ sits between two runs
+  EXPECT_EQ(WideToUpperTable(u'\u0101'), u'\u0100');  // alternating upper/lower
+  EXPECT_EQ(WideToUpperTable(u'\u0100'), u'\u0100');
+  EXPECT_EQ(WideToUpperTable(u'\u0131'), u'I');
+  EXPECT_EQ(WideToUpperTable(u'\u01C5'), u'\u01C4');  // title case Dž
+  EXPECT_EQ(WideToUpperTable(u'\u03C2'), u'\u03A3');  // final sigma
+  EXPECT_EQ(WideToUpperTable(u'\u0450'), u'\u0400');
+  EXPECT_EQ(WideToUpperTable(u'\u24D0'), u'\u24B6');  // circled a
+  EXPECT_EQ(WideToUpperTable(u'\uFF41'), u'\uFF21');  // full-width a
+  EXPECT_EQ(WideToUpperTable(char16_t{0xD801}), char16_t{0xD801});  // a surrogate unit
+  EXPECT_EQ(WideToUpperTable(u'\uFFFF'), u'\uFFFF');
+  EXPECT_EQ(WideToUpperTable(u'\0'), u'\0');
 }
 
 // --- decoder -------------------------------------------------------------------
@@ -566,6 +566,21 @@ TEST(ReceiveTest, LengthsTooSmallOrAboveTheLimitAreRefused) {
   CDecoder d;
   EXPECT_EQ(ReceiveMessage(d, big.Reader(), 1 << 16), 0u);
   EXPECT_EQ(d.total_length(), 0u);  // nothing allocated
+
+  // By default up to 1 MiB is taken; one byte more is refused before it is
+  // read, even when the whole message is there.
+  for (const uint32_t total : {kMaxMessageLength, kMaxMessageLength + 1}) {
+    FakeStream s;
+    s.data.assign(total, 0);
+    s.data[0] = static_cast<uint8_t>(total >> 24);
+    s.data[1] = static_cast<uint8_t>(total >> 16);
+    s.data[2] = static_cast<uint8_t>(total >> 8);
+    s.data[3] = static_cast<uint8_t>(total);
+    s.data[5] = TYPE_GROUP;
+    CDecoder m;
+    EXPECT_EQ(ReceiveMessage(m, s.Reader()), total == kMaxMessageLength ? 1u : 0u) << total;
+    EXPECT_EQ(s.at, total == kMaxMessageLength ? total : 4u) << total;
+  }
 
   FakeStream six;
   six.data = {0, 0, 0, 6, MSG_HELLO_ACK, TYPE_GROUP};

@@ -59,6 +59,7 @@ TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
                  std::to_string(lab.Port()) + ", TICC:\\d+, TID:\\d+")))
       << connectLine[0];
   EXPECT_TRUE(agent.Logged("CSessionManager::SslClientInit is called"));
+  EXPECT_EQ(1u, agent.LinesStartingWith("CSessionManager::SslClientInit:2496,  check if connection is ready").size());
   EXPECT_TRUE(agent.Logged("CSessionManager::SslClientInit exit"));
   EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), succeeded to send event to authenticator, TID:").size());
 }

@@ -103,8 +103,9 @@ expect_log "EVENT 96984 Lindqvar is stopping..., version:"
 [ "$(state)" = 0 ] || fail "LINDQState is '$(state)', not 0"
 finish
 
-# 3. A re-read with unchanged settings keeps the agent; a changed port ends
-#    it without the stop event.
+# 3. Re-reads whose entries all match one in force (by port, or failing
+#    that by host) keep the agent; an entry with a new host on a new port
+#    ends it without the stop event.
 setup reread
 start_agent -s "$EVENT"
 wait_log "m_count:" 30 || fail "start-up did not finish"
@@ -114,11 +115,16 @@ control signal "$EVENT"
 wait_log "Brannock config:127.0.0.2:9;localhost.localdomain" 20 || fail "no re-read"
 sleep 1
 kill -0 "$agent_pid" 2>/dev/null || fail "ended after an unchanged re-read"
-reg add "$KEY" /v Servers /d '127.0.0.2:10;localhost.localdomain' /f  # a port changed
+reg add "$KEY" /v Servers /d '127.0.0.2:10;localhost.localdomain' /f  # the port of a host in force
+control signal "$EVENT"
+wait_log "Brannock config:127.0.0.2:10;localhost.localdomain" 20 || fail "no second re-read"
+sleep 1
+kill -0 "$agent_pid" 2>/dev/null || fail "ended after a port change of a host in force"
+reg add "$KEY" /v Servers /d '127.0.0.3:11;localhost.localdomain' /f  # new host, new port
 control signal "$EVENT"
 wait_agent 30; rc=$?
 [ $rc = 0 ] || fail "exit code $rc"
-expect_log "Brannock config:127.0.0.2:10;localhost.localdomain"
+expect_log "Brannock config:127.0.0.3:11;localhost.localdomain"
 expect_no_log "EVENT 96984"
 [ "$(state)" = 0 ] || fail "LINDQState is '$(state)', not 0"
 finish

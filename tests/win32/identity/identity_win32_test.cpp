@@ -164,16 +164,23 @@ class UserLookupUnderWine : public ::testing::Test {
 
   // Writes (or, for null, removes) the user's USERDNSDOMAIN.
   void SetDnsDomain(const wchar_t* value, DWORD type) {
+    if (!value) {
+      SetDnsDomainBytes(nullptr, 0, type);
+      return;
+    }
+    SetDnsDomainBytes(value, (std::wcslen(value) + 1) * sizeof(wchar_t), type);
+  }
+  // The value's bytes exactly as given (null: remove it).
+  void SetDnsDomainBytes(const void* bytes, size_t size, DWORD type) {
     ScopedRegKey env;
     ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_USERS, W(sidText + u"\\Volatile Environment"), 0,
                                              KEY_ALL_ACCESS, env.receive()));
-    if (!value) {
+    if (!bytes) {
       ::RegDeleteValueW(env.get(), L"USERDNSDOMAIN");
       return;
     }
-    ASSERT_EQ(ERROR_SUCCESS,
-              ::RegSetValueExW(env.get(), L"USERDNSDOMAIN", 0, type, reinterpret_cast<const BYTE*>(value),
-                               static_cast<DWORD>((std::wcslen(value) + 1) * sizeof(wchar_t))));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(env.get(), L"USERDNSDOMAIN", 0, type,
+                                              static_cast<const BYTE*>(bytes), static_cast<DWORD>(size)));
   }
 
   FakeSupport support;
@@ -198,12 +205,56 @@ TEST_F(UserLookupUnderWine, SidTextMatchesTheSystemsAndFindsTheVolatileEnvironme
   uint32_t length = 260;
   ASSERT_EQ(1u, SidToText(sid, text, length));
   EXPECT_EQ(sidText, text);
+  // Too small a buffer: the system's last error says so.
+  ::SetLastError(0);
+  length = 10;
+  EXPECT_EQ(0u, SidToText(sid, text, length));
+  EXPECT_EQ(static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER), ::GetLastError());
 
   std::u16string domain;
   EXPECT_EQ(0u, GetUserDnsDomain(registry, sid, domain));
   SetDnsDomain(L"%USERDOMAIN%.TEST", REG_EXPAND_SZ);
   ASSERT_EQ(1u, GetUserDnsDomain(registry, sid, domain));
   EXPECT_EQ(u"%USERDOMAIN%.TEST", domain);  // not expanded
+}
+
+TEST_F(UserLookupUnderWine, StringValuesAreReadAsStored) {
+  std::unique_ptr<IUserToken> token = SessionToken(accounts, log);
+  ASSERT_TRUE(token);
+  SidBytes sid;
+  ASSERT_TRUE(accounts.TokenUserSid(*token, sid));
+  struct Row {
+    std::string bytes;
+    DWORD type;
+    uint32_t result;
+    std::u16string text;
+    uint32_t length;
+  };
+  const Row rows[] = {
+      {"", REG_SZ, 0, u"", 0},                                    // no bytes: refused
+      {std::string("a\0b\0c", 5), REG_SZ, 1, u"abc", 2},         // odd size
+      {std::string("a\0b\0\0\0c\0\0\0", 10), REG_SZ, 1, u"ab", 5},  // embedded NUL
+      {std::string("C\0O\0R\0P\0", 8), REG_EXPAND_SZ, 1, u"CORP", 4},  // no terminator
+      {std::string("\x01\0\0\0", 4), REG_DWORD, 0, u"", 0},
+  };
+  for (const Row& row : rows) {
+    // Text follows the given bytes: the system adds a terminator that the
+    // size leaves out only when one follows.
+    const std::string stored = row.bytes + "XXXX";
+    SetDnsDomainBytes(stored.data(), row.bytes.size(), row.type);
+    std::unique_ptr<IRegistryKey> env;
+    ASSERT_EQ(0u, registry.OpenKey(RegistryHive::kUsers, sidText + u"\\Volatile Environment",
+                                   reg_access::kRead, env));
+    std::u16string value = u"unchanged";
+    uint32_t length = 99;
+    EXPECT_EQ(row.result, RegQueryStringValue(*env, u"USERDNSDOMAIN", value, &length)) << row.bytes.size();
+    EXPECT_EQ(row.length, length) << row.bytes.size();
+    if (row.result) {
+      EXPECT_EQ(row.text, value) << row.bytes.size();
+    }
+    std::u16string domain;
+    EXPECT_EQ(row.result, GetUserDnsDomain(registry, sid, domain)) << row.bytes.size();
+  }
 }
 
 TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
@@ -299,6 +350,21 @@ TEST_F(IdentifiersUnderWine, SerialAndTenantRules) {
   Set(kEsnacKeyPath, L"SecondaryPingServer", L"mgmt-b.example.test");
   ids.LoadVrxSerial();
   EXPECT_EQ("VRX-9001-SECONDARY", ids.VrxSerial());
+
+  // A value of an odd number of bytes is read, its last byte a unit of its own.
+  {
+    const std::wstring text = L"VRX-77";
+    std::string bytes(reinterpret_cast<const char*>(text.c_str()), text.size() * 2);
+    bytes += 'Z';
+    ScopedRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(kEsnacKeyPath), 0, KEY_ALL_ACCESS,
+                                             key.receive()));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(key.get(), L"secondary_sn", 0, REG_SZ,
+                                              reinterpret_cast<const BYTE*>(bytes.data()),
+                                              static_cast<DWORD>(bytes.size())));
+  }
+  ids.LoadVrxSerial();
+  EXPECT_EQ("VRX-77Z", ids.VrxSerial());
 
   // The key gone: serial cleared, tenant id kept.
   ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kEsnacKeyPath));
