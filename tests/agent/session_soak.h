@@ -62,7 +62,7 @@ class CSessionSoak {
   // pass to one healthy server, alternating, `rounds` of each.
   std::pair<double, double> LogonAndKeepAliveMs(int rounds) {
     support.SetSettings(1, u"127.0.0.1:" + AnsiToWide(std::to_string(healthy[0].Port())), u"psk");
-    CSessionManager m(MakePlatform());
+    CSessionManager m(fake.Get());
     m.Init();
     m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
     using Clock = std::chrono::steady_clock;
@@ -82,7 +82,7 @@ class CSessionSoak {
   }
 
   Result Run(size_t count) {
-    CSessionManager m(MakePlatform());
+    CSessionManager m(fake.Get());
     m.Init();
     Result r;
     bool alternate = false;
@@ -123,15 +123,6 @@ class CSessionSoak {
   }
 
  private:
-  Platform MakePlatform() {
-    Platform p = fake.Get();
-    p.accounts = &accounts;
-    p.adapters = &adapters;
-    p.console = &console;
-    p.hyperv = &hyperv;
-    return p;
-  }
-
   // Two healthy servers and the failing one of this turn.
   void Configure(size_t turn) {
     std::string list;
@@ -149,15 +140,12 @@ class CSessionSoak {
     return resident * 4;
   }
 
-  FakePlatform fake;
+  FakeAgentPlatform fake;
   FakeSupport& support = fake.support;
   FakeRegistry& registry = fake.registry;
   FakeNetwork& network = fake.network;
   Timings& timings = fake.timings;
-  FakeAccounts accounts;
-  FakeAdapters adapters;
-  FakeConsoleRunner console;
-  FakeHyperV hyperv;
+  FakeAccounts& accounts = fake.accounts;
   CLabFixture healthy[2] = {CLabFixture(CLabFixture::Options("psk")),
                             CLabFixture(CLabFixture::Options("psk"))};
   std::vector<std::unique_ptr<CLabFixture>> failing;

@@ -154,6 +154,22 @@ struct FakeUserLookup {
   UserLookup system;
 };
 
+// Everything the agent takes from the system, made of fakes.
+struct FakeAgentPlatform : FakePlatform {
+  FakeAccounts accounts;
+  FakeAdapters adapters;
+  FakeConsoleRunner console;
+  FakeHyperV hyperv;
+  Platform Get() {
+    Platform p = FakePlatform::Get();
+    p.accounts = &accounts;
+    p.adapters = &adapters;
+    p.console = &console;
+    p.hyperv = &hyperv;
+    return p;
+  }
+};
+
 // A SID from its identifier authority (6 bytes) and sub-authorities.
 SidBytes MakeSid(std::array<uint8_t, 6> authority, std::vector<uint32_t> subAuthorities);
 // S-1-5-21-<a>-<b>-<c>-<rid>
