@@ -7,11 +7,20 @@
 #   - bare_agent.exe (bench/win32/): the same hidden window registered for
 #     session notifications, Winsock started, six threads and a main thread
 #     waiting on a control event; nothing else.
-# Reports for each: private memory (Private_Clean + Private_Dirty of
-# /proc/<pid>/smaps_rollup), resident memory (Rss), CPU over IDLE_SECONDS as
-# a percentage of one core (utime + stime from /proc/<pid>/stat), the exe
-# size, and the agent's figures as ratios to the bare program's; then the
-# agent's largest private mappings, which say where the difference lies.
+# Reports for each, from /proc/<pid>/smaps_rollup and /proc/<pid>/stat:
+#   private memory      Private_Dirty: pages only this process holds and has
+#                       written (heap, stacks, data, relocated pages, an image
+#                       read rather than mapped); what Windows counts as a
+#                       process's private bytes, and what no other process
+#                       can share
+#   private file pages  Private_Clean: pages of files (the exe, DLLs) that only
+#                       this process maps; page cache, dropped under pressure
+#                       and shared with any other process mapping the file
+#   resident memory     Rss
+#   CPU                 utime + stime over IDLE_SECONDS, % of one core
+#   exe size
+# with the agent's figures as ratios to the bare program's; then both
+# processes' private pages by mapping, which say where the difference lies.
 # The wineserver serves both; its CPU is shown for the two together.
 # Needs the mingw build (release/ outputs) and the native lab authenticator.
 #   AGENT         the agent exe (default: build/mingw/release/lindqvar-agent.exe, the
@@ -59,15 +68,15 @@ done
 # This prefix's wineserver (others may run on the machine).
 wspid=
 for p in $(pgrep -f wineserver); do
-  tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null | grep -qxF "WINEPREFIX=$WINEPREFIX" && wspid=$p
+  tr '\0' '\n' 2>/dev/null <"/proc/$p/environ" | grep -qxF "WINEPREFIX=$WINEPREFIX" && wspid=$p
 done
 [ -n "$wspid" ] || { echo "no wineserver for $WINEPREFIX" >&2; exit 1; }
 kb() { awk -v f="$2" '$1 == f":" {print $2}' "/proc/$1/smaps_rollup"; }
-private_kb() { echo $(($(kb "$1" Private_Clean) + $(kb "$1" Private_Dirty))); }
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hz=$(getconf CLK_TCK)
 
-a_priv=$(private_kb "$AGENT_PID") b_priv=$(private_kb "$BARE_PID")
+a_priv=$(kb "$AGENT_PID" Private_Dirty) b_priv=$(kb "$BARE_PID" Private_Dirty)
+a_file=$(kb "$AGENT_PID" Private_Clean) b_file=$(kb "$BARE_PID" Private_Clean)
 a_rss=$(kb "$AGENT_PID" Rss) b_rss=$(kb "$BARE_PID" Rss)
 a0=$(ticks "$AGENT_PID") b0=$(ticks "$BARE_PID") w0=$(ticks "$wspid")
 sleep "$IDLE_SECONDS"
@@ -75,12 +84,13 @@ a1=$(ticks "$AGENT_PID") b1=$(ticks "$BARE_PID") w1=$(ticks "$wspid")
 a_size=$(stat -c %s "$AGENT") b_size=$(stat -c %s "$BARE")
 
 printf '\nfootprint under Wine, idle over %d s (agent: %s)\n' "$IDLE_SECONDS" "${AGENT#"$ROOT"/}"
-awk -v ap="$a_priv" -v bp="$b_priv" -v ar="$a_rss" -v br="$b_rss" \
+awk -v ap="$a_priv" -v bp="$b_priv" -v af="$a_file" -v bf="$b_file" -v ar="$a_rss" -v br="$b_rss" \
     -v ac=$((a1 - a0)) -v bc=$((b1 - b0)) -v wc=$((w1 - w0)) -v hz="$hz" -v s="$IDLE_SECONDS" \
     -v as="$a_size" -v bs="$b_size" 'BEGIN {
   ratio = "%-22s %12.2f %12.2f %9.2f\n"
   printf "%-22s %12s %12s %9s\n", "", "agent", "bare", "ratio"
   printf ratio, "private memory (MB)", ap / 1024, bp / 1024, ap / bp
+  printf ratio, "private file pages (MB)", af / 1024, bf / 1024, af / bf
   printf ratio, "resident memory (MB)", ar / 1024, br / 1024, ar / br
   acpu = 100 * ac / hz / s; bcpu = 100 * bc / hz / s
   printf "%-22s %12.2f %12.2f %9s\n", "CPU (% of a core)", acpu, bcpu,
@@ -90,20 +100,21 @@ awk -v ap="$a_priv" -v bp="$b_priv" -v ar="$a_rss" -v br="$b_rss" \
          (ap - bp) / 1024, 100 * wc / hz / s
 }'
 
-# Where the agent's private memory lies: mappings grouped by file (anonymous
-# ones as [anon]), largest first, beside the bare program's.
+# Where the difference lies: private pages grouped by mapping (by file, or
+# [anon] and [heap]), largest first: written (dirty) and file (clean) kB.
 by_mapping() {
   awk '/^[0-9a-f]+-[0-9a-f]+ / {name = ($6 == "") ? "[anon]" : $6; for (i = 7; i <= NF; i++) name = name " " $i}
-       $1 == "Private_Clean:" || $1 == "Private_Dirty:" {sum[name] += $2}
-       END {for (n in sum) if (sum[n] > 0) printf "%d\t%s\n", sum[n], n}' "/proc/$1/smaps" |
-    sed 's#\t.*/#\t#'
+       $1 == "Private_Dirty:" {dirty[name] += $2; seen[name] = 1}
+       $1 == "Private_Clean:" {clean[name] += $2; seen[name] = 1}
+       END {for (n in seen) if (dirty[n] + clean[n] > 0) printf "%d %d\t%s\n", dirty[n], clean[n], n}' \
+    "/proc/$1/smaps" | sed 's#\t.*/#\t#' | LC_ALL=C sort -t $'\t' -k 2,2
 }
-printf '\nprivate kB by mapping (agent | bare)\n'
-LC_ALL=C join -t $'\t' -a 1 -e 0 -o 0,1.1,2.1 -1 2 -2 2 \
-  <(by_mapping "$AGENT_PID" | LC_ALL=C sort -t $'\t' -k 2,2) \
-  <(by_mapping "$BARE_PID" | LC_ALL=C sort -t $'\t' -k 2,2) |
-  sort -t $'\t' -k 2,2nr | head -n "${TOP_MAPPINGS:-15}" |
-  awk -F '\t' '{printf "%8d %8d  %s\n", $2, $3, $1}'
+printf '\nprivate kB by mapping   agent: written file   bare: written file\n'
+LC_ALL=C join -t $'\t' -a 1 -e '0 0' -o 0,1.1,2.1 -1 2 -2 2 \
+  <(by_mapping "$AGENT_PID") <(by_mapping "$BARE_PID") |
+  awk -F '\t' '{split($2, a, " "); split($3, b, " ")
+                printf "%d\t%-28s %8d %8d %8d %8d\n", a[1] + a[2], $1, a[1], a[2], b[1], b[2]}' |
+  sort -t $'\t' -k 1,1nr | head -n "${TOP_MAPPINGS:-16}" | cut -f 2-
 
 $W "$CONTROL" signal "$BARE_EVENT" >/dev/null
 wait "$BARE_PID" || true

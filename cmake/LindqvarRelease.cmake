@@ -20,6 +20,10 @@ function(lindqvar_release_exe target)
   if(MSVC OR NOT CMAKE_OBJCOPY)
     return()
   endif()
+  # Sections start on page boundaries in the file as they do in memory, so
+  # a loader can map them from the file instead of reading them into private
+  # memory (Wine reads an image whose sections are not page-aligned).
+  target_link_options(${target} PRIVATE -Wl,--file-alignment=4096)
   set(dir ${CMAKE_BINARY_DIR}/release)
   set(exe ${dir}/${target}${CMAKE_EXECUTABLE_SUFFIX})
   set(dbg ${exe}.debug)
