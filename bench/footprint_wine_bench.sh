@@ -33,7 +33,7 @@ cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 WORK=$ROOT/build/mingw/footprint-run
 IDLE_SECONDS=${IDLE_SECONDS:-60}
-SETTLE_SECONDS=${SETTLE_SECONDS:-5}
+export SETTLE_SECONDS=${SETTLE_SECONDS:-5}
 . scripts/lib/agent-lab.sh
 lab_netns_enter bash ${LINDQVAR_TRACE:+-x} "$0" "$@"
 
@@ -75,16 +75,19 @@ kb() { awk -v f="$2" '$1 == f":" {print $2}' "/proc/$1/smaps_rollup"; }
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hz=$(getconf CLK_TCK)
 
-a_priv=$(kb "$AGENT_PID" Private_Dirty) b_priv=$(kb "$BARE_PID" Private_Dirty)
-a_file=$(kb "$AGENT_PID" Private_Clean) b_file=$(kb "$BARE_PID" Private_Clean)
-a_rss=$(kb "$AGENT_PID" Rss) b_rss=$(kb "$BARE_PID" Rss)
+# Memory is taken at the end of the idle period; the agent's private memory
+# just after its report is shown beside it.
+a_early=$(kb "$AGENT_PID" Private_Dirty)
 a0=$(ticks "$AGENT_PID") b0=$(ticks "$BARE_PID") w0=$(ticks "$wspid")
 sleep "$IDLE_SECONDS"
 a1=$(ticks "$AGENT_PID") b1=$(ticks "$BARE_PID") w1=$(ticks "$wspid")
+a_priv=$(kb "$AGENT_PID" Private_Dirty) b_priv=$(kb "$BARE_PID" Private_Dirty)
+a_file=$(kb "$AGENT_PID" Private_Clean) b_file=$(kb "$BARE_PID" Private_Clean)
+a_rss=$(kb "$AGENT_PID" Rss) b_rss=$(kb "$BARE_PID" Rss)
 a_size=$(stat -c %s "$AGENT") b_size=$(stat -c %s "$BARE")
 
 printf '\nfootprint under Wine, idle over %d s (agent: %s)\n' "$IDLE_SECONDS" "${AGENT#"$ROOT"/}"
-awk -v ap="$a_priv" -v bp="$b_priv" -v af="$a_file" -v bf="$b_file" -v ar="$a_rss" -v br="$b_rss" \
+awk -v ae="$a_early" -v ap="$a_priv" -v bp="$b_priv" -v af="$a_file" -v bf="$b_file" -v ar="$a_rss" -v br="$b_rss" \
     -v ac=$((a1 - a0)) -v bc=$((b1 - b0)) -v wc=$((w1 - w0)) -v hz="$hz" -v s="$IDLE_SECONDS" \
     -v as="$a_size" -v bs="$b_size" 'BEGIN {
   ratio = "%-22s %12.2f %12.2f %9.2f\n"
@@ -96,8 +99,9 @@ awk -v ap="$a_priv" -v bp="$b_priv" -v af="$a_file" -v bf="$b_file" -v ar="$a_rs
   printf "%-22s %12.2f %12.2f %9s\n", "CPU (% of a core)", acpu, bcpu,
          (bcpu > 0 ? sprintf("%.2f", acpu / bcpu) : "-")
   printf ratio, "exe size (MB)", as / 1048576, bs / 1048576, as / bs
-  printf "private difference: %.2f MB (goal <= 5); wineserver for both: %.2f %% of a core\n",
-         (ap - bp) / 1024, 100 * wc / hz / s
+  printf "private difference: %.2f MB (goal <= 5); agent private %d s after its report: %.2f MB\n",
+         (ap - bp) / 1024, ENVIRON["SETTLE_SECONDS"], ae / 1024
+  printf "wineserver, serving both: %.2f %% of a core\n", 100 * wc / hz / s
 }'
 
 # Where the difference lies: private pages grouped by mapping (by file, or
@@ -114,7 +118,7 @@ LC_ALL=C join -t $'\t' -a 1 -e '0 0' -o 0,1.1,2.1 -1 2 -2 2 \
   <(by_mapping "$AGENT_PID") <(by_mapping "$BARE_PID") |
   awk -F '\t' '{split($2, a, " "); split($3, b, " ")
                 printf "%d\t%-28s %8d %8d %8d %8d\n", a[1] + a[2], $1, a[1], a[2], b[1], b[2]}' |
-  sort -t $'\t' -k 1,1nr | head -n "${TOP_MAPPINGS:-16}" | cut -f 2-
+  sort -t $'\t' -k 1,1nr | awk -v n="${TOP_MAPPINGS:-16}" 'NR <= n' | cut -f 2-
 
 $W "$CONTROL" signal "$BARE_EVENT" >/dev/null
 wait "$BARE_PID" || true
