@@ -120,6 +120,10 @@ LC_ALL=C join -t $'\t' -a 1 -e '0 0' -o 0,1.1,2.1 -1 2 -2 2 \
                 printf "%d\t%-28s %8d %8d %8d %8d\n", a[1] + a[2], $1, a[1], a[2], b[1], b[2]}' |
   sort -t $'\t' -k 1,1nr | awk -v n="${TOP_MAPPINGS:-16}" 'NR <= n' | cut -f 2-
 
+modules() { awk '$6 ~ /\.(dll|drv|so)/ {n = $6; sub(/.*\//, "", n); print n}' "/proc/$1/maps" | sort -u; }
+printf '\nloaded only by the agent: %s\n' \
+  "$(comm -23 <(modules "$AGENT_PID") <(modules "$BARE_PID") | tr '\n' ' ')"
+
 $W "$CONTROL" signal "$BARE_EVENT" >/dev/null
 wait "$BARE_PID" || true
 BARE_PID=
