@@ -58,7 +58,8 @@ BARE_PID=$!
 agent_start "$AGENT" || { echo "the agent did not start" >&2; exit 1; }
 before=$(lab_connections)
 agent_post "$CONTROL" logon 1
-lab_wait_connections "$before" 30 || { echo "the lab recorded no logon" >&2; exit 1; }
+lab_wait_connections "$before" 30 && agent_wait_log "succeeded to send session info" 10 ||
+  { echo "the agent did not report the logon" >&2; exit 1; }
 sleep "$SETTLE_SECONDS"
 
 # Both pids are the Windows processes themselves (the loader execs in place).
