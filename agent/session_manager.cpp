@@ -294,7 +294,15 @@ uint32_t CSessionManager::NotificationThread() {
     // The session service may come up after the agent: retry every round.
     if (m_bNotifyRegistered == 0 && window.RegisterNotifications()) m_bNotifyRegistered = 1;
     window.Drain();
-    if (m_stopEvent.Wait(m_platform.timings.pumpIntervalMs) == WaitResult::kSignaled) break;
+    // Until registered, come back after the pump interval to try again;
+    // then sleep until a message arrives or the agent stops, so an idle
+    // agent does not wake 100 times a second.
+    const uint32_t interval = m_platform.timings.pumpIntervalMs;
+    const PumpWait r =
+        window.WaitForStopOrMessage(m_stopEvent, m_bNotifyRegistered ? kInfinite : interval);
+    if (r == PumpWait::kStop) break;
+    // A wait that cannot include the queue falls back to polling it.
+    if (r == PumpWait::kFailed && m_stopEvent.Wait(interval) == WaitResult::kSignaled) break;
   }
   window.DestroyAndUnregister();
   return 1;

@@ -6,6 +6,11 @@
 
 namespace lindqvar {
 
+class Event;
+
+// How a wait of the pumping thread ended.
+enum class PumpWait { kStop, kMessage, kTimeout, kFailed };
+
 // Receives the window's messages on the thread that pumps them.
 class IWindowMessageSink {
  public:
@@ -23,6 +28,9 @@ class ISessionWindow {
   virtual bool RegisterNotifications() = 0;
   // Dispatches every queued message.
   virtual void Drain() = 0;
+  // Waits up to `milliseconds` (kInfinite for no limit) until `stop` is set
+  // or a message for the pumping thread is waiting. kStop wins when both are.
+  virtual PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) = 0;
   // DestroyWindow, then WTSUnRegisterSessionNotification with that handle.
   virtual void DestroyAndUnregister() = 0;
   // PostQuitMessage(0) on the pumping thread.

@@ -2,6 +2,8 @@
 
 #include <wtsapi32.h>
 
+#include "platform/event.h"
+
 namespace lindqvar::win32 {
 
 bool CSessionWindowWin32::Create(IWindowMessageSink& sink) {
@@ -41,6 +43,19 @@ void CSessionWindowWin32::Drain() {
   while (::PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
     ::TranslateMessage(&msg);
     ::DispatchMessageW(&msg);
+  }
+}
+
+PumpWait CSessionWindowWin32::WaitForStopOrMessage(Event& stop, uint32_t milliseconds) {
+  HANDLE handle = stop.native_handle();
+  // MWMO_INPUTAVAILABLE: a message already queued ends the wait too, not
+  // only one that arrives after it began.
+  switch (::MsgWaitForMultipleObjectsEx(1, &handle, milliseconds, QS_ALLINPUT,
+                                        MWMO_INPUTAVAILABLE)) {
+    case WAIT_OBJECT_0: return PumpWait::kStop;
+    case WAIT_OBJECT_0 + 1: return PumpWait::kMessage;
+    case WAIT_TIMEOUT: return PumpWait::kTimeout;
+    default: return PumpWait::kFailed;
   }
 }
 

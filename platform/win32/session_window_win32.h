@@ -16,6 +16,7 @@ class CSessionWindowWin32 : public ISessionWindow {
   bool Create(IWindowMessageSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
+  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
   void PostQuit() override;
   int64_t DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) override;

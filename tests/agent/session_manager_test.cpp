@@ -155,6 +155,10 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   }
   m.Stop();
   EXPECT_EQ(fake.window.registerCalls, 4);  // no further tries once registered
+  // Two rounds ran unregistered and waited the pump interval; every later
+  // round sleeps until a message or the stop.
+  EXPECT_EQ(fake.window.timedWaits, 2);
+  EXPECT_GE(fake.window.untimedWaits, 1);
   EXPECT_EQ(fake.window.quits, 1);
   EXPECT_EQ(fake.window.defaultProcCalls, 1);
 }

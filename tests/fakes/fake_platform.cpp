@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/event.h"
 #include "platform/os.h"
 
 namespace lindqvar::testing {
@@ -401,6 +402,13 @@ void FakeSessionWindow::Drain() {
     sink = m_sink;
   }
   for (const Message& m : queue) sink->WindowProc(m.message, m.wParam, m.lParam);
+}
+
+PumpWait FakeSessionWindow::WaitForStopOrMessage(Event& stop, uint32_t milliseconds) {
+  ++(milliseconds == kInfinite ? untimedWaits : timedWaits);
+  return stop.Wait(std::min<uint32_t>(milliseconds, 1)) == WaitResult::kSignaled
+             ? PumpWait::kStop
+             : PumpWait::kMessage;
 }
 
 void FakeSessionWindow::DestroyAndUnregister() {

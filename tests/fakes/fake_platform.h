@@ -172,6 +172,9 @@ class FakeSessionWindow : public ISessionWindow {
   bool Create(IWindowMessageSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
+  // Records whether the wait had a limit, and comes back within a
+  // millisecond as if a message might be waiting.
+  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
   void PostQuit() override { ++quits; }
   int64_t DefaultProc(uint32_t, uint64_t, int64_t) override {
@@ -183,6 +186,7 @@ class FakeSessionWindow : public ISessionWindow {
   bool createSucceeds = true;
   std::atomic<int> registrationFailuresLeft{0};
   std::atomic<int> registerCalls{0}, quits{0}, defaultProcCalls{0}, destroyed{0};
+  std::atomic<int> timedWaits{0}, untimedWaits{0};
 
  private:
   std::mutex m_mutex;

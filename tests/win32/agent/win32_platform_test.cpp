@@ -4,10 +4,12 @@
 
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "agent/catalogue.h"
 #include "agent/settings.h"
 #include "agent/state.h"
+#include "platform/event.h"
 #include "platform/log.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/registry_win32.h"
@@ -194,10 +196,25 @@ TEST(Win32SessionWindow, HiddenWindowIsFoundByClassAndDeliversPostedMessages) {
   EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), window.window());
   EXPECT_FALSE(::IsWindowVisible(window.window()));
   EXPECT_TRUE(window.RegisterNotifications());
-  ASSERT_TRUE(::PostMessageW(window.window(), 0x02B1, 5, 3));
+  // The pumping thread's wait ends for a message posted from another
+  // thread while it waits, for one already queued, and for the stop event.
+  Event stop(Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, 0), PumpWait::kTimeout);
+  std::thread poster([w = window.window()] {
+    ::Sleep(50);
+    ::PostMessageW(w, 0x02B1, 5, 3);
+  });
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  poster.join();
   window.Drain();
   EXPECT_EQ(sink.lastCode, 5u);
   EXPECT_EQ(sink.lastSession, 3);
+  ASSERT_TRUE(::PostMessageW(window.window(), 0x02B1, 6, 4));
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  window.Drain();
+  EXPECT_EQ(sink.lastCode, 6u);
+  stop.Set();
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kStop);
   window.DestroyAndUnregister();
   EXPECT_EQ(sink.destroys, 1);
   EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), nullptr);
