@@ -42,6 +42,7 @@ class CSessionSoak {
       lab::LabOptions o = CLabFixture::Options("psk");
       o.fault = f;
       o.stallMs = 100;
+      o.keepReports = false;
       failing.push_back(std::make_unique<CLabFixture>(o));
     }
     failingPorts = {ClosedPort()};
@@ -146,8 +147,12 @@ class CSessionSoak {
   FakeNetwork& network = fake.network;
   Timings& timings = fake.timings;
   FakeAccounts& accounts = fake.accounts;
-  CLabFixture healthy[2] = {CLabFixture(CLabFixture::Options("psk")),
-                            CLabFixture(CLabFixture::Options("psk"))};
+  static lab::LabOptions Healthy() {
+    lab::LabOptions o = CLabFixture::Options("psk");
+    o.keepReports = false;  // the soak measures the agent's memory, not the labs'
+    return o;
+  }
+  CLabFixture healthy[2] = {CLabFixture(Healthy()), CLabFixture(Healthy())};
   std::vector<std::unique_ptr<CLabFixture>> failing;
   std::vector<uint16_t> failingPorts;
 };

@@ -647,7 +647,7 @@ void CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault f
 
 void CLabAuthenticator::Finish(const ConnectionReport& report) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_reports.push_back(report);
+  if (m_options.keepReports) m_reports.push_back(report);
   ++m_finished;
   if (m_sink) m_sink->OnConnection(report);
   m_finishedChanged.notify_all();

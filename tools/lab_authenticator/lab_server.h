@@ -88,6 +88,7 @@ struct LabOptions {
   uint32_t dribbleMs = 2000;       // dribble faults: pause before each byte
   uint32_t ioTimeoutMs = 10000;    // limit of every read and write
   uint32_t maxMessage = 1u << 20;  // largest message accepted from an agent
+  bool keepReports = true;         // keep every connection's report for Reports()
   // Plays the server side of the NTLM relay after an event acknowledgement
   // with result 2; without one the relay's message 1 is read and the
   // exchange ends there.

@@ -135,6 +135,7 @@ int Fail(const std::string& message) {
 
 int main(int argc, char** argv) {
   LabOptions options;
+  options.keepReports = false;  // a long-running server reports through its output only
   std::string pki = LINDQVAR_DEFAULT_PKI_DIR;
   bool json = false;
   int64_t exitAfter = 0;
