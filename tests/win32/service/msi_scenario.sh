@@ -87,7 +87,7 @@ running() {
 }
 not_running() { ! running "$1"; }
 # A logon record delivered with a correct digest to the lab's listener $1.
-reported() { grep '"event":"connection"' "$work/lab.jsonl" | grep -E "\"listener\":\"127\.0\.0\.[12]:$1\"" |
+reported() { grep '"event":"connection"' "$work/lab.jsonl" | grep -E "\"listener\":\"[^\"]*:$1\"" |
              grep '"digest":"correct"' | grep -q '"logon":1'; }
 wait_report() {  # wait_report <port> <seconds>; the moment in $seen
   local i
@@ -99,10 +99,11 @@ wait_report() {  # wait_report <port> <seconds>; the moment in $seen
 REPORT_WAIT=30
 post_logon() { $W "$POST" post logon 1 > "$work/post.txt" 2>&1; }
 
-# The lab authenticator on two loopback addresses: the second is the "changed"
+# The lab authenticator on 127.0.0.1 and ::1 (both named in its certificate,
+# which the agent verifies here): the second is the "changed"
 # server.
 echo "$PSK" > "$work/psk"
-"$LAB" --json --listen 127.0.0.1:0 --listen 127.0.0.2:0 --ca "$CLIENT_CA" \
+"$LAB" --json --listen 127.0.0.1:0 --listen '[::1]:0' --ca "$CLIENT_CA" \
   --cert "$PKI/server.pem" --key "$PKI/server.key" --psk-file "$work/psk" \
   > "$work/lab.jsonl" 2> "$work/lab.err" &
 lab_pid=$!
@@ -160,13 +161,13 @@ expect "the same agent runs on" test "$(grep -c '102 Started the agent' "$SERVIC
 # first ran longer than its steady-run time).
 while [ "$(since "$t_agent_started" "$(now)" | cut -d. -f1)" -lt 21 ]; do sleep 0.5; done
 t_change=$(now)
-$W reg add "$KEY" /v Servers /d "127.0.0.2:$port2" /f >/dev/null 2>&1
+$W reg add "$KEY" /v Servers /d "[::1]:$port2" /f >/dev/null 2>&1
 expect "the old agent ended and a fresh one starts now" wait_text "$SERVICE_LOG" "a fresh one starts now." 20
 expect "the fresh agent started" wait_text "$AGENT_LOG" "EVENT 96983" 20 2
 t_fresh_started=$seen
 expect "the fresh agent finished its start-up" wait_text "$AGENT_LOG" "m_count:" 40 2
 t_fresh_startup=$seen
-expect "the fresh agent reads the new server" has "$AGENT_LOG" "Brannock config:127.0.0.2:$port2"
+expect "the fresh agent reads the new server" has "$AGENT_LOG" "Brannock config:[::1]:$port2"
 post_logon
 expect "the fresh agent reported to the new server" wait_report "$port2" "$REPORT_WAIT"
 t_report2=$seen
@@ -204,12 +205,12 @@ expect "the preshared key is in no log" lacks "$AGENT_LOG" "$PSK"
 expect "the preshared key is not in the service log" lacks "$SERVICE_LOG" "$PSK"
 
 # --- upgrade: a later version keeps the settings changed since the install.
-$W reg add "$KEY" /v Servers /d "127.0.0.2:$port2;127.0.0.1:$port1" /f >/dev/null 2>&1
+$W reg add "$KEY" /v Servers /d "[::1]:$port2;127.0.0.1:$port1" /f >/dev/null 2>&1
 $W reg add "$KEY" /v AddressCategory /t REG_DWORD /d 4 /f >/dev/null 2>&1
 $W msiexec /i "Z:${MSI_NEXT//\//\\}" /qn
 rc=$?
 expect "msiexec /i of the next version succeeds (exit $rc)" test "$rc" = 0
-expect "the upgrade keeps Servers" test "$(reg_value "$KEY" Servers)" = "REG_SZ 127.0.0.2:$port2;127.0.0.1:$port1"
+expect "the upgrade keeps Servers" test "$(reg_value "$KEY" Servers)" = "REG_SZ [::1]:$port2;127.0.0.1:$port1"
 expect "the upgrade keeps PresharedKey" test "$(reg_value "$KEY" PresharedKey)" = "REG_SZ $PSK"
 expect "the upgrade keeps AddressCategory a REG_DWORD" test "$(reg_value "$KEY" AddressCategory)" = "REG_DWORD 0x4"
 expect "the upgrade keeps VerifyServer" test "$(reg_value "$KEY" VerifyServer)" = "REG_DWORD 0x1"
