@@ -5,7 +5,30 @@
 set -euo pipefail
 
 CACHE_DIR=${LINDQVAR_CACHE:-$HOME/.cache/lindqvar}
-OPENSSL_PREFIX="$CACHE_DIR/openssl-mingw64"
+OPENSSL_PREFIX="$CACHE_DIR/openssl-mingw64-sealed"
+
+# Prints deb-src stanzas for the deb sources this machine has (deb822 files
+# and one-line lists alike), so that no archive host is written down here.
+derive_src_lines() {
+  local f
+  for f in /etc/apt/sources.list.d/*.sources; do
+    [ -f "$f" ] || continue
+    awk 'BEGIN { RS = ""; ORS = "\n\n" }
+         /(^|\n)Types:[^\n]*deb/ && !/(^|\n)Enabled:[ \t]*no/ {
+           gsub(/(^|\n)#[^\n]*/, ""); sub(/^\n/, ""); sub(/Types:[^\n]*/, "Types: deb-src"); print }' "$f"
+  done
+  for f in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -f "$f" ] || continue
+    awk '$1 == "deb" {
+           opts = ""; i = 2
+           if ($2 ~ /^\[/) { while ($i !~ /\]$/) { opts = opts " " $i; i++ } opts = opts " " $i; i++ }
+           printf "Types: deb-src\nURIs: %s\nSuites: %s\nComponents:", $i, $(i + 1)
+           for (j = i + 2; j <= NF; j++) printf " %s", $j
+           printf "\n"
+           if (match(opts, /signed-by=[^] ]*/)) printf "Signed-By: %s\n", substr(opts, RSTART + 10, RLENGTH - 10)
+           printf "\n" }' "$f"
+  done
+}
 
 need_pkgs=(
   build-essential cmake ninja-build pkg-config git ca-certificates python3
@@ -30,25 +53,23 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # OpenSSL 3 for x86_64-w64-mingw32, static, from Debian's own source package.
-if [ ! -f "$OPENSSL_PREFIX/lib64/libssl.a" ] && [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
+# The agent runs as LocalSystem, so this OpenSSL must never read a
+# configuration file or load a module: no-autoload-config, no DSO, engine or
+# module loading. Its compiled-in directories name fixed locations that only
+# administrators can write (never this machine's paths: on Windows a path
+# starting with "/" lies on the current drive, where users may create
+# folders). The library is taken from the build tree, not installed, so no
+# install prefix is compiled in either. A cache built with other options has
+# another folder name and is never reused.
+if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
   echo "deps: building OpenSSL for MinGW-w64 into $OPENSSL_PREFIX"
   srcroot="$CACHE_DIR/openssl-src"
   mkdir -p "$srcroot"
   if ! ls -d "$srcroot"/openssl-3* >/dev/null 2>&1; then
-    if ! grep -rqs '^Types:.*deb-src' /etc/apt/sources.list.d/ && ! grep -qs '^deb-src' /etc/apt/sources.list; then
-      cat <<'SRC' | $SUDO tee /etc/apt/sources.list.d/lindqvar-src.sources >/dev/null
-Types: deb-src
-URIs: http://deb.debian.org/debian
-Suites: bookworm bookworm-updates
-Components: main
-Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
-
-Types: deb-src
-URIs: http://deb.debian.org/debian-security
-Suites: bookworm-security
-Components: main
-Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
-SRC
+    if ! apt-cache showsrc openssl 2>/dev/null | grep -q '^Version:'; then
+      # Source lines for the archives the machine already uses: same URIs,
+      # suites and components, type deb-src.
+      derive_src_lines | $SUDO tee /etc/apt/sources.list.d/lindqvar-src.sources >/dev/null
       $SUDO apt-get update -q
     fi
     # Only the upstream tarball is needed. Try the versions the archive lists,
@@ -64,12 +85,17 @@ SRC
   build="$CACHE_DIR/openssl-build"
   rm -rf "$build" && cp -a "$src" "$build"
   (cd "$build" &&
-    ./Configure mingw64 no-shared no-tests no-module \
-      --cross-compile-prefix=x86_64-w64-mingw32- \
-      --prefix="$OPENSSL_PREFIX" --libdir=lib >"$CACHE_DIR/openssl-build.log" 2>&1 &&
-    make -s -j"$(nproc)" build_libs >>"$CACHE_DIR/openssl-build.log" 2>&1 &&
-    make -s install_dev >>"$CACHE_DIR/openssl-build.log" 2>&1) ||
+    ./Configure mingw64 no-shared no-tests no-module no-dso no-engine \
+      no-autoload-config \
+      "--prefix=C:/Windows/System32/LindqvarNoOpenSSL" \
+      "--openssldir=C:/Windows/System32/LindqvarNoOpenSSL" \
+      --cross-compile-prefix=x86_64-w64-mingw32- >"$CACHE_DIR/openssl-build.log" 2>&1 &&
+    make -s -j"$(nproc)" build_libs >>"$CACHE_DIR/openssl-build.log" 2>&1) ||
     { tail -n 40 "$CACHE_DIR/openssl-build.log"; exit 1; }
+  rm -rf "$OPENSSL_PREFIX.tmp" && mkdir -p "$OPENSSL_PREFIX.tmp/lib" "$OPENSSL_PREFIX.tmp/include"
+  cp "$build/libssl.a" "$build/libcrypto.a" "$OPENSSL_PREFIX.tmp/lib/"
+  cp -r "$build/include/openssl" "$OPENSSL_PREFIX.tmp/include/"
+  rm -rf "$OPENSSL_PREFIX" && mv "$OPENSSL_PREFIX.tmp" "$OPENSSL_PREFIX"
   rm -rf "$build"
   echo "deps: OpenSSL for MinGW-w64 ready"
 fi
