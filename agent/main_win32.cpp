@@ -3,9 +3,11 @@
 #include "agent/catalogue.h"
 #include "agent/session_manager.h"
 #include "platform/win32/platform_win32.h"
+#include "protocol/tls.h"
 #include "platform/win32/windows_include.h"
 
 int main(int argc, char** argv) {
+  lindqvar::InitTlsLibrary();  // before anything else touches OpenSSL
   lindqvar::win32::CWindowsPlatform platform(lindqvar::EventCatalogue());
   return lindqvar::AgentMain(
       argc, argv, platform.Get(),

@@ -1,13 +1,12 @@
 #include "agent/session_manager.h"
 
-#include <openssl/ssl.h>
-
 #include <cstring>
 
 #include "agent/catalogue.h"
 #include "agent/state.h"
 #include "agent/verification_settings.h"
 #include "platform/os.h"
+#include "protocol/tls.h"
 
 namespace lindqvar {
 
@@ -130,8 +129,9 @@ bool CSessionManager::EndWorkers(uint32_t graceMs) {
 uint32_t CSessionManager::Init() {
   SleepMs(m_platform.timings.startupDelayMs);
   m_network.Startup();
-  OPENSSL_init_ssl(0, nullptr);
-  OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+  // The process entry has initialised OpenSSL already, without its
+  // configuration file; this repeats it for a manager built elsewhere.
+  InitTlsLibrary();
   if (m_ntlmPackage) m_ntlmPackage->PreparePackage();  // its result is not checked
 
   m_hostName = m_network.HostName();

@@ -5,6 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
@@ -17,6 +18,14 @@
 #include "protocol/vlx_crypt.h"
 
 namespace lindqvar {
+
+void InitTlsLibrary() {
+  // Once configuration loading has been declined, later initialisations
+  // (with or without the flag) never load it either.
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_LOAD_SSL_STRINGS |
+                       OPENSSL_INIT_LOAD_CRYPTO_STRINGS,
+                   nullptr);
+}
 
 namespace {
 

@@ -84,6 +84,12 @@ class CTlsConnection {
   bool m_expired = false;
 };
 
+// Initialises OpenSSL without reading any configuration file. Programs call
+// it first, before any other OpenSSL call: the agent runs as LocalSystem and
+// must never take settings or modules from a file that someone else could
+// have put in OpenSSL's configuration directory. Safe to call more than once.
+void InitTlsLibrary();
+
 // Quiet TLS shutdown and SSL_free, then shutdown(both) and close of the
 // socket, for whatever of the two exists. Always 1.
 uint32_t close_connection(CTlsConnection& connection);

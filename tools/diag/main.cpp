@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/tls.h"
 #include "tools/diag/diag.h"
 
 #ifdef _WIN32
@@ -12,6 +13,7 @@
 #endif
 
 int main(int argc, char** argv) {
+  lindqvar::InitTlsLibrary();  // before anything else touches OpenSSL
   using namespace lindqvar::diag;
   std::vector<std::string> args(argv + 1, argv + argc);
   DiagOptions options;

@@ -2,10 +2,13 @@
 # The real lindqvar-agent.exe under Wine, driven the way the endpoint
 # client's service drives it: settings in the registry, "-s" and a named
 # event, the desired status set and the event signalled by agent_control.exe.
-#   agent_scenarios.sh <lindqvar-agent.exe> <agent_control.exe>
+# OpenSSL files planted where a configuration could be read from must not be
+# loaded.
+#   agent_scenarios.sh <lindqvar-agent.exe> <agent_control.exe> <marker.dll>
 set -uo pipefail
 AGENT=$1
 CONTROL=$2
+MARKER=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 ROOT=$(cd "$HERE/../../.." && pwd)
 WORK=$(dirname "$AGENT")/scenarios
@@ -17,6 +20,11 @@ export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 # The first run creates the prefix.
 "$ROOT/scripts/wine-run" cmd /c exit 0 >/dev/null 2>&1
 $WS -p  # keep one server for all the programs below
+. "$HERE/../lib/openssl_plant.sh"
+planted=0
+openssl_plant "$MARKER" "$AGENT" && planted=1
+# From drive C:, so that a path starting with "/" lies there too.
+cd "$WINEPREFIX/drive_c"
 
 mkdir -p "$WORK"
 LOG="$WORK/FA_LINDQ.log"
@@ -101,6 +109,13 @@ expect_log "Brannock config:127.0.0.1:9;localhost.localdomain"
 expect_log "Successfully updated LINDQState in registry. New state: CONFIGURED_UNREACHABLE"
 expect_log "EVENT 96984 Lindqvar is stopping..., version:"
 [ "$(state)" = 0 ] || fail "LINDQState is '$(state)', not 0"
+finish
+
+# 2a. Through start-up (TLS initialised, a server tried) and stop, nothing
+#     was loaded from the planted OpenSSL files.
+scenario=sealed-openssl ok=1
+[ $planted = 1 ] || fail "the OpenSSL files were not planted"
+openssl_marker_absent || fail "the agent loaded a planted OpenSSL file"
 finish
 
 # 3. Re-reads whose entries all match one in force (by port, or failing

@@ -3,9 +3,11 @@
 # 127.0.0.1 and ::1: check and send, a wrong key, a closed port, server
 # verification (reported, and enforced from the registry), and the lab's
 # view of what was delivered.
-#   diag_under_wine.sh <wine-run> <lindqvar-diag.exe> <lab authenticator> <pki dir> <client CA>
+# OpenSSL files planted where a configuration could be read from must not be
+# loaded.
+#   diag_under_wine.sh <wine-run> <lindqvar-diag.exe> <lab authenticator> <pki dir> <client CA> <marker.dll>
 set -uo pipefail
-WINE_RUN=$1 DIAG=$2 LAB=$3 PKI=$4 CLIENT_CA=$5
+WINE_RUN=$1 DIAG=$2 LAB=$3 PKI=$4 CLIENT_CA=$5 MARKER=$6
 work=$(mktemp -d)
 lab_pid= foreign_pid= dribble_pid=
 cleanup() {
@@ -60,6 +62,16 @@ if [ -z "$port4" ] || [ -z "$port6" ] || [ -z "$portf" ] || [ -z "$portd" ]; the
   exit 1
 fi
 
+build=$(cd "$(dirname "$DIAG")" && pwd)
+while [ "$build" != / ] && [ ! -f "$build/CMakeCache.txt" ]; do build=$(dirname "$build"); done
+export LINDQVAR_WINEPREFIX=${LINDQVAR_WINEPREFIX:-$build/wineprefix}
+export WINEPREFIX=$LINDQVAR_WINEPREFIX W=/usr/lib/wine/wine64
+"$WINE_RUN" cmd /c exit 0 >/dev/null 2>&1  # makes the prefix on first use
+. "$(dirname "$0")/../lib/openssl_plant.sh"
+openssl_plant "$MARKER" "$DIAG" || bad "OpenSSL files planted"
+# From drive C:, so that a path starting with "/" lies there too.
+cd "$WINEPREFIX/drive_c"
+
 run_diag() {  # run_diag <output file> <args...>; the exit code in $rc
   local out=$1; shift
   "$WINE_RUN" "$DIAG" "$@" > "$out" 2>&1
@@ -109,9 +121,6 @@ expect "a closed port fails at the connect" grep -q 'failed to  connect to authe
 
 # The agent's own settings in the registry, read the way the agent reads
 # them (the test holds the registry lock of the Wine tests).
-build=$(cd "$(dirname "$DIAG")" && pwd)
-while [ "$build" != / ] && [ ! -f "$build/CMakeCache.txt" ]; do build=$(dirname "$build"); done
-export LINDQVAR_WINEPREFIX=${LINDQVAR_WINEPREFIX:-$build/wineprefix}
 reg() { "$WINE_RUN" reg "$@" > /dev/null 2>&1; }
 AGENT_KEY='HKLM\software\Orvane\Velmora\FA_LINDQ'
 reg delete 'HKLM\software\Orvane' /f
@@ -146,6 +155,8 @@ expect "the hello carried the endpoint client's GUID" \
 expect "the lab saw the user at both addresses" \
   grep -q '"user":"CAROL","workstation":"PC9.CORP.EXAMPLE","azure":"","addresses":\["203.0.113.9","2001:db8::9"\]' "$work/lab.jsonl"
 expect "the lab checked the digest" grep -q '"digest":"correct"' "$work/lab.jsonl"
+
+expect "nothing was loaded from the planted OpenSSL files" openssl_marker_absent
 
 if [ "$failed" -ne 0 ]; then
   for f in "$work"/*.txt; do echo "--- $f"; cat "$f"; done
