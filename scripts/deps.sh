@@ -88,7 +88,7 @@ if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
     ./Configure mingw64 no-shared no-tests no-module no-dso no-engine \
       no-autoload-config \
       "--prefix=C:/Windows/System32/LindqvarNoOpenSSL" \
-      "--openssldir=C:/Windows/System32/LindqvarNoOpenSSL" \
+      --openssldir=ssl \
       --cross-compile-prefix=x86_64-w64-mingw32- >"$CACHE_DIR/openssl-build.log" 2>&1 &&
     make -s -j"$(nproc)" build_libs >>"$CACHE_DIR/openssl-build.log" 2>&1) ||
     { tail -n 40 "$CACHE_DIR/openssl-build.log"; exit 1; }

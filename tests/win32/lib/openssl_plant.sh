@@ -23,8 +23,9 @@ openssl_plant() {
   local dirs=("/usr/local/ssl" "/usr/local/lib/ossl-modules" "/usr/local/lib/engines-3"
               "${LINDQVAR_CACHE:-$HOME/.cache/lindqvar}/openssl-mingw64/ssl")
   for exe in "$@"; do
+    # The configuration directory is where cert.pem and ct_log_list.cnf lie.
     while IFS= read -r dir; do dirs+=("$dir"); done < <(strings -a "$exe" |
-      sed -n -E 's/^(OPENSSLDIR|ENGINESDIR|MODULESDIR): "(.*)"$/\2/p')
+      sed -n -E -e 's#^(.*)/(cert\.pem|ct_log_list\.cnf)$#\1#p' -e '/\/(ossl-modules|engines-3)$/p' | sort -u)
   done
   mkdir -p "$WINEPREFIX/drive_c/lindqvar-plant"
   cp "$marker" "$WINEPREFIX/drive_c/lindqvar-plant/marker.dll"
