@@ -1,0 +1,88 @@
+// The ExcludedUsers patterns: forms, wildcards, case, malformed entries and
+// the limits.
+#include "session/user_exclusions.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/os.h"
+
+namespace lindqvar {
+namespace {
+
+// A REG_MULTI_SZ's stored bytes from UTF-8 entries.
+std::vector<uint8_t> MultiSz(const std::vector<std::string>& entries) {
+  std::vector<uint8_t> data;
+  for (const std::string& entry : entries) {
+    for (char16_t unit : Utf8ToWide(entry)) {
+      data.push_back(static_cast<uint8_t>(unit));
+      data.push_back(static_cast<uint8_t>(unit >> 8));
+    }
+    data.insert(data.end(), {0, 0});
+  }
+  data.insert(data.end(), {0, 0});
+  return data;
+}
+
+struct MatchRow {
+  std::vector<std::string> patterns;
+  std::string user, domain;
+  std::string matched;  // the pattern's text, "" when none matches
+};
+
+TEST(UserExclusions, MatchesUserAndDomainPatterns) {
+  const MatchRow rows[] = {
+      {{"svc_backup"}, "svc_backup", "CORP", "svc_backup"},
+      {{"svc_backup"}, "svc_backup2", "CORP", ""},
+      {{"SVC_*"}, "svc_sql", "ANY", "SVC_*"},
+      {{"corp\\admin?"}, "Admin1", "corp", "corp\\admin?"},
+      {{"corp\\admin?"}, "admin12", "CORP", ""},
+      {{"CORP\\*"}, "alice", "OTHER", ""},
+      {{"C*P\\alice"}, "alice", "CORP", "C*P\\alice"},
+      {{"*\\helpdesk"}, "helpdesk", "EMEA", "*\\helpdesk"},
+      {{"  svc_x  ", "", " "}, "SVC_X", "CORP", "svc_x"},
+      {{"corp \\ bob"}, "bob", "CORP", "corp \\ bob"},
+      {{"\xc3\xa9ric"}, "\xc3\x89RIC", "CORP", "\xc3\xa9ric"},  // é / É
+      {{"bob", "alice"}, "alice", "CORP", "alice"},
+      {{"*a*a*a*a*a*b"}, std::string(200, 'a'), "CORP", ""},
+      {{"?*"}, "", "CORP", ""},
+      {{}, "alice", "CORP", ""},
+  };
+  for (const MatchRow& row : rows) {
+    std::vector<std::string> problems;
+    const CUserExclusions list = CUserExclusions::Parse(MultiSz(row.patterns), problems);
+    EXPECT_TRUE(problems.empty()) << row.user;
+    const CUserExclusions::Pattern* p = list.Match(row.user, row.domain);
+    EXPECT_EQ(p ? WideToUtf8(p->text) : "", row.matched) << row.user << " @ " << row.domain;
+  }
+}
+
+TEST(UserExclusions, SkipsMalformedEntriesAndKeepsTheRest) {
+  std::vector<std::string> entries = {"a\\b\\c", "corp\\", "\\bob", std::string(257, 'x'),
+                                      std::string(256, 'y'), "carol"};
+  std::vector<std::string> problems;
+  CUserExclusions list = CUserExclusions::Parse(MultiSz(entries), problems);
+  ASSERT_EQ(problems.size(), 4u);
+  EXPECT_NE(problems[0].find("a\\b\\c"), std::string::npos);
+  EXPECT_NE(list.Match("carol", "X"), nullptr);
+  EXPECT_NE(list.Match(std::string(256, 'Y'), "X"), nullptr);
+  EXPECT_EQ(list.Patterns().size(), 2u);
+
+  // At most 100 patterns; one problem says where the rest were cut.
+  entries.clear();
+  for (int i = 0; i < 102; ++i) entries.push_back("user" + std::to_string(i));
+  problems.clear();
+  list = CUserExclusions::Parse(MultiSz(entries), problems);
+  EXPECT_EQ(list.Patterns().size(), CUserExclusions::kMaxPatterns);
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0].find("user100"), std::string::npos);
+  EXPECT_EQ(list.Match("user100", "X"), nullptr);
+  EXPECT_NE(list.Match("user99", "X"), nullptr);
+
+  // A value without a final terminator still yields its last entry.
+  std::vector<uint8_t> unterminated = {'d', 0, 'a', 0, 'n', 0};
+  list = CUserExclusions::Parse(unterminated, problems);
+  EXPECT_NE(list.Match("DAN", "X"), nullptr);
+}
+
+}  // namespace
+}  // namespace lindqvar
