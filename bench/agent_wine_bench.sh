@@ -23,7 +23,7 @@ BUILD=$ROOT/build/mingw
 AGENT=$BUILD/agent/lindqvar-agent.exe
 CONTROL=$BUILD/tools/agent_control.exe
 DIAG=$BUILD/tools/lindqvar-diag.exe
-LAB=$ROOT/build/native/tools/lindqvar-lab-authenticator
+LAB=${LAB:-$ROOT/build/native/tools/lindqvar-lab-authenticator}
 trap 'lab_stop; $WS -k 2>/dev/null' EXIT
 mkdir -p "$WORK"
 lab_prefix

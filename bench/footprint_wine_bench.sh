@@ -40,8 +40,8 @@ lab_netns_enter bash ${LINDQVAR_TRACE:+-x} "$0" "$@"
 BUILD=$ROOT/build/mingw
 AGENT=${AGENT:-$BUILD/release/lindqvar-agent.exe}
 BARE=$BUILD/release/bare_agent.exe
-CONTROL=$BUILD/tests/win32/agent/agent_control.exe
-LAB=$ROOT/build/native/tools/lindqvar-lab-authenticator
+CONTROL=$BUILD/tools/agent_control.exe
+LAB=${LAB:-$ROOT/build/native/tools/lindqvar-lab-authenticator}
 BARE_EVENT='Global\LindqvarBare_Ctl'
 for f in "$AGENT" "$BARE" "$CONTROL" "$LAB"; do
   [ -e "$f" ] || { echo "missing $f (build the mingw and native presets first)" >&2; exit 1; }
