@@ -13,6 +13,9 @@
 #                              when they verify servers)
 #   server-alt.pem / .key      a second server certificate from the development
 #                              CA, same names (one a pin list can leave out)
+#   codesign.pem / .key        code-signing certificate from the development CA,
+#                              with which the build signs the Windows programs
+#                              and the package (key without a pass phrase)
 # Nothing here is ever committed: it lives in the build tree only.
 #
 #   cmake -DOPENSSL=<openssl> -DOUT=<dir> -P make_dev_pki.cmake
@@ -43,6 +46,8 @@ file(WRITE "${OUT}/server.ext"
   "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=serverAuth\nsubjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\n")
 file(WRITE "${OUT}/client.ext"
   "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=clientAuth\n")
+file(WRITE "${OUT}/codesign.ext"
+  "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature\nextendedKeyUsage=codeSigning\n")
 
 random_hex(6 pass)
 random_hex(12 pass2)
@@ -81,8 +86,15 @@ random_hex(8 serial)
 run(x509 -req -in client.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
     -days ${days} -sha256 -extfile client.ext -out client.pem.tmp)
 
-file(REMOVE "${OUT}/client.csr" "${OUT}/server.ext" "${OUT}/client.ext")
+run(req -newkey rsa:2048 -nodes -sha256 -keyout codesign.key.tmp -out codesign.csr
+    -subj "/O=Lindqvar Lab/CN=Lindqvar Development Code Signing")
+random_hex(8 serial)
+run(x509 -req -in codesign.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
+    -days ${days} -sha256 -extfile codesign.ext -out codesign.pem.tmp)
+
+file(REMOVE "${OUT}/client.csr" "${OUT}/codesign.csr" "${OUT}/server.ext" "${OUT}/client.ext"
+     "${OUT}/codesign.ext")
 foreach(f ca.key other-ca.key other-ca.pem server.key server.pem server-alt.key server-alt.pem
-        other-server.key other-server.pem client.key client.pem ca.pem)
+        other-server.key other-server.pem client.key client.pem codesign.key codesign.pem ca.pem)
   file(RENAME "${OUT}/${f}.tmp" "${OUT}/${f}")
 endforeach()

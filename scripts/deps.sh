@@ -35,7 +35,7 @@ need_pkgs=(
   libssl-dev openssl libgtest-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix wine64 winbind iproute2 dpkg-dev
-  wixl msitools gss-ntlmssp libkrb5-dev
+  wixl msitools osslsigncode gss-ntlmssp libkrb5-dev
 )
 
 missing=()
