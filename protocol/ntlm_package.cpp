@@ -1,5 +1,6 @@
 #include "protocol/ntlm_package.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -22,13 +23,13 @@ bool Continues(int32_t status) {
 
 std::vector<uint8_t> ChannelBindingsBlock(const std::vector<uint8_t>& applicationData) {
   constexpr uint32_t kHeaderSize = 32;
-  std::vector<uint8_t> block(kHeaderSize, 0);
+  std::vector<uint8_t> block(kHeaderSize + applicationData.size(), 0);
   auto put = [&block](size_t at, uint32_t v) {
     for (int i = 0; i < 4; ++i) block[at + i] = static_cast<uint8_t>(v >> (8 * i));
   };
   put(24, static_cast<uint32_t>(applicationData.size()));  // cbApplicationDataLength
   put(28, kHeaderSize);                                     // dwApplicationDataOffset
-  block.insert(block.end(), applicationData.begin(), applicationData.end());
+  std::copy(applicationData.begin(), applicationData.end(), block.begin() + kHeaderSize);
   return block;
 }
 
