@@ -41,10 +41,14 @@ ServerVerification ReadServerVerification(IRegistry& registry) {
   uint32_t type = 0;
   std::vector<uint8_t> data;
   if (key->QueryValue(kVerifyServerValue, type, data) == kErrorSuccess) {
+    // Fails closed: only a DWORD 0 switches verification off. A value of
+    // any other type or size (a string "0" included) is taken as on, so
+    // that a mistyped value never leaves the agent talking to anyone.
     if (type == kRegDword && data.size() == 4) {
       out.verify = (data[0] | data[1] | data[2] | data[3]) != 0;
     } else {
-      out.problems.push_back("VerifyServer is not a REG_DWORD; server verification stays off");
+      out.verify = true;
+      out.problems.push_back("VerifyServer is not a REG_DWORD; server verification is on");
     }
   }
 

@@ -1,7 +1,8 @@
 // The two registry values of the agent's key that switch on server
 // verification (see protocol/server_verification.h and
 // docs/configuration.md):
-//   VerifyServer             REG_DWORD, 0 (default) off, any other value on
+//   VerifyServer             REG_DWORD, 0 (or absent, the default) off; any
+//                            other value, of any type, on
 //   ServerCertificateSha256  REG_MULTI_SZ (or REG_SZ) of SHA-256 fingerprints
 //                            of accepted server certificates, in hex
 #pragma once
@@ -16,7 +17,7 @@ inline constexpr char16_t kVerifyServerValue[] = u"VerifyServer";
 inline constexpr char16_t kServerPinsValue[] = u"ServerCertificateSha256";
 
 // Reads both values. A missing key or value gives the default (off, no pin
-// list). A VerifyServer of another type leaves verification off; a pin list
+// list). A VerifyServer of another type switches verification on; a pin list
 // of another type, or entries that are not fingerprints, match no
 // certificate. Each such case is described in `problems`.
 ServerVerification ReadServerVerification(IRegistry& registry);

@@ -35,7 +35,8 @@ set(_pki ${LINDQVAR_DEV_PKI_DIR})
 set(_pki_files ${_pki}/ca.pem ${_pki}/ca.key ${_pki}/server.pem ${_pki}/server.key
     ${_pki}/client.pem ${_pki}/client.key ${_pki}/client.pass ${_pki}/client.pass2
     ${_pki}/other-ca.pem ${_pki}/other-ca.key ${_pki}/server-alt.pem ${_pki}/server-alt.key
-    ${_pki}/other-server.pem ${_pki}/other-server.key ${_pki}/codesign.pem ${_pki}/codesign.key)
+    ${_pki}/other-server.pem ${_pki}/other-server.key ${_pki}/server-cn-only.pem
+    ${_pki}/server-cn-only.key ${_pki}/codesign.pem ${_pki}/codesign.key)
 add_custom_command(
   OUTPUT ${_pki_files}
   COMMAND ${CMAKE_COMMAND} -DOPENSSL=${LINDQVAR_OPENSSL_EXECUTABLE} -DOUT=${_pki}

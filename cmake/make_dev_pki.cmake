@@ -16,6 +16,9 @@
 #   codesign.pem / .key        code-signing certificate from the development CA,
 #                              with which the build signs the Windows programs
 #                              and the package (key without a pass phrase)
+#   server-cn-only.pem / .key  a server certificate from the development CA
+#                              whose only name is its subject CN (localhost):
+#                              no subjectAltName, so it names no host
 # Nothing here is ever committed: it lives in the build tree only.
 #
 #   cmake -DOPENSSL=<openssl> -DOUT=<dir> -P make_dev_pki.cmake
@@ -44,6 +47,8 @@ set(days 3650)
 
 file(WRITE "${OUT}/server.ext"
   "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=serverAuth\nsubjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\n")
+file(WRITE "${OUT}/server-cn-only.ext"
+  "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=serverAuth\n")
 file(WRITE "${OUT}/client.ext"
   "basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=clientAuth\n")
 file(WRITE "${OUT}/codesign.ext"
@@ -66,15 +71,20 @@ foreach(ca ca other-ca)
       -addext "keyUsage=critical,keyCertSign,cRLSign")
 endforeach()
 
-foreach(pair server:ca server-alt:ca other-server:other-ca)
+foreach(pair server:ca server-alt:ca other-server:other-ca server-cn-only:ca)
   string(REPLACE ":" ";" pair "${pair}")
   list(GET pair 0 name)
   list(GET pair 1 issuer)
+  if(name STREQUAL "server-cn-only")
+    set(ext server-cn-only.ext)
+  else()
+    set(ext server.ext)
+  endif()
   run(req -newkey rsa:2048 -nodes -sha256 -keyout ${name}.key.tmp -out ${name}.csr
       -subj "/O=Lindqvar Lab/CN=localhost")
   random_hex(8 serial)
   run(x509 -req -in ${name}.csr -CA ${issuer}.pem.tmp -CAkey ${issuer}.key.tmp
-      -set_serial 0x${serial} -days ${days} -sha256 -extfile server.ext -out ${name}.pem.tmp)
+      -set_serial 0x${serial} -days ${days} -sha256 -extfile ${ext} -out ${name}.pem.tmp)
   file(REMOVE "${OUT}/${name}.csr")
 endforeach()
 
@@ -92,9 +102,10 @@ random_hex(8 serial)
 run(x509 -req -in codesign.csr -CA ca.pem.tmp -CAkey ca.key.tmp -set_serial 0x${serial}
     -days ${days} -sha256 -extfile codesign.ext -out codesign.pem.tmp)
 
-file(REMOVE "${OUT}/client.csr" "${OUT}/codesign.csr" "${OUT}/server.ext" "${OUT}/client.ext"
-     "${OUT}/codesign.ext")
+file(REMOVE "${OUT}/client.csr" "${OUT}/codesign.csr" "${OUT}/server.ext" "${OUT}/server-cn-only.ext"
+     "${OUT}/client.ext" "${OUT}/codesign.ext")
 foreach(f ca.key other-ca.key other-ca.pem server.key server.pem server-alt.key server-alt.pem
-        other-server.key other-server.pem client.key client.pem codesign.key codesign.pem ca.pem)
+        other-server.key other-server.pem server-cn-only.key server-cn-only.pem client.key
+        client.pem codesign.key codesign.pem ca.pem)
   file(RENAME "${OUT}/${f}.tmp" "${OUT}/${f}")
 endforeach()

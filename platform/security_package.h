@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/support.h"
 
@@ -45,6 +46,16 @@ struct PackageBuffer {
   uint32_t size = 0;
 };
 
+// What ties a client context to one server: the name of the service the
+// proof is for (InitializeSecurityContextW's target name) and the channel
+// bindings of the TLS connection it travels on, a SEC_CHANNEL_BINDINGS block
+// (given with the server's token as a SECBUFFER_CHANNEL_BINDINGS buffer).
+// Both empty: the context is bound to nothing.
+struct ContextBinding {
+  std::u16string targetName;
+  std::vector<uint8_t> channelBindings;
+};
+
 // What one QueryContextAttributesW call gave: the package name for the
 // negotiation information, the flags word for the flags.
 struct ContextAttribute {
@@ -62,12 +73,14 @@ class ISecurityPackage {
   // null: the calling thread's own credentials.
   virtual int32_t AcquireCredentials(const std::u16string& package, uint32_t use,
                                      const AuthIdentity* identity, SecurityHandle& credential) = 0;
-  // InitializeSecurityContextW with no target name, reserved words 0 and the
-  // native data representation. `context` null on the first call; `input`
-  // null when no token is given. One output token buffer, allocated by the
-  // package when the flags ask for it.
+  // InitializeSecurityContextW with the binding's target name (none when
+  // empty), reserved words 0 and the native data representation. `context`
+  // null on the first call; `input` null when no token is given; the
+  // binding's channel bindings go with an input token only. One output
+  // token buffer, allocated by the package when the flags ask for it.
   virtual int32_t InitializeContext(SecurityHandle& credential, SecurityHandle* context,
-                                    uint32_t flags, const uint8_t* input, uint32_t inputSize,
+                                    uint32_t flags, const ContextBinding& binding,
+                                    const uint8_t* input, uint32_t inputSize,
                                     SecurityHandle& newContext, PackageBuffer& output,
                                     uint32_t& attributes) = 0;
   // CompleteAuthToken over the one output token buffer.

@@ -5,7 +5,6 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "platform/log.h"
@@ -21,14 +20,6 @@ constexpr char kAgentVersionText[] = "Velmora Extension 1.1";
 // The server's version text must fit in this many bytes, terminator included.
 constexpr size_t kServerVersionSize = 32;
 
-void AbortOnRangeError(const char*) { std::abort(); }
-std::atomic<FatalRangeHandler> g_fatalRangeHandler{&AbortOnRangeError};
-
-[[noreturn]] void FatalRangeError(const char* what) {
-  g_fatalRangeHandler.load()(what);
-  std::abort();  // a handler that returns still ends the process
-}
-
 // Values of a bytes or string attribute: only those have a checked length
 // (a group's length is never checked by the walk), so only they are copied.
 bool HasData(const CDecoder& decoder) {
@@ -36,10 +27,6 @@ bool HasData(const CDecoder& decoder) {
 }
 
 }  // namespace
-
-void SetFatalRangeHandler(FatalRangeHandler handler) {
-  g_fatalRangeHandler.store(handler ? handler : &AbortOnRangeError);
-}
 
 void compute_response(uint8_t challenge[16], const uint8_t key[16], uint8_t digest[16]) {
   for (int i = 0; i < 16; ++i) challenge[i] ^= key[i];
@@ -270,8 +257,9 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
         break;
       case ATTR_VERSION_TEXT:
         if (!HasData(decoder)) break;
-        if (decoder.value_size() >= kServerVersionSize)
-          FatalRangeError("the server's version text does not fit in 32 bytes");
+        // A text that does not fit is a malformed hello: refused like any
+        // other, so that no server can end the agent's process with it.
+        if (decoder.value_size() >= kServerVersionSize) return 0;
         std::memcpy(version, decoder.value_data(), decoder.value_size());
         version[decoder.value_size()] = '\0';
         break;

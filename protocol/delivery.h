@@ -36,13 +36,6 @@ void compute_response(uint8_t challenge[16], const uint8_t key[16], uint8_t dige
 // padded with zero bytes when shorter.
 void preshared_key_block(const std::string& presharedKey, uint8_t key[16]);
 
-// A server's hello carrying a version text of 32 bytes or more does not fit
-// the agent's 32-byte buffer; the agent then ends, as a range error of the
-// runtime does. The handler decides how (default: std::abort). Tools that
-// want to report it install their own; it must not return.
-using FatalRangeHandler = void (*)(const char* what);
-void SetFatalRangeHandler(FatalRangeHandler handler);
-
 // What the delivery needs from its owner.
 class IDeliveryHost {
  public:

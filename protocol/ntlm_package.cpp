@@ -1,5 +1,6 @@
 #include "protocol/ntlm_package.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -19,6 +20,18 @@ bool Continues(int32_t status) {
   return status == sec::kContinueNeeded || status == sec::kCompleteAndContinue;
 }
 }  // namespace
+
+std::vector<uint8_t> ChannelBindingsBlock(const std::vector<uint8_t>& applicationData) {
+  constexpr uint32_t kHeaderSize = 32;
+  std::vector<uint8_t> block(kHeaderSize + applicationData.size(), 0);
+  auto put = [&block](size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) block[at + i] = static_cast<uint8_t>(v >> (8 * i));
+  };
+  put(24, static_cast<uint32_t>(applicationData.size()));  // cbApplicationDataLength
+  put(28, kHeaderSize);                                     // dwApplicationDataOffset
+  std::copy(applicationData.begin(), applicationData.end(), block.begin() + kHeaderSize);
+  return block;
+}
 
 CNtlmPackage::CNtlmPackage(ISecurityPackage& package, Print print, Clock clock)
     : m_package(package), m_print(std::move(print)), m_clock(std::move(clock)) {
@@ -168,7 +181,7 @@ bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input,
   uint32_t attributes = 0;
   const int32_t status = m_package.InitializeContext(
       record->credential, record->bNew ? nullptr : &record->context, flags | sec::kAllocateMemory,
-      record->bNew ? nullptr : input, record->bNew ? 0 : inputSize, record->context, output,
+      record->binding, record->bNew ? nullptr : input, record->bNew ? 0 : inputSize, record->context, output,
       attributes);
   if (status < 0) {
     Printf("InitializeSecurityContext failed: 0x%08x\n", static_cast<unsigned>(status));
@@ -214,13 +227,14 @@ std::string CNtlmPackage::EncodeAndFree(PackageBuffer& output) {
 }
 
 int CNtlmPackage::MakeFirstToken(uint32_t key1, uint32_t key2, std::string& token,
-                                 const AuthIdentity* identity) {
+                                 const AuthIdentity* identity, const ContextBinding* binding) {
   token.clear();
   auto record = std::unique_ptr<ContextRecord>(new (std::nothrow) ContextRecord);
   if (!record) {
     Printf("InitSession malloc failed\n");
     return -1;
   }
+  if (binding) record->binding = *binding;
   if (!Add(key1, key2, std::move(record))) {
     Printf("after: AddEntry failed, key1:%d key2:%d\n", static_cast<int>(key1),
            static_cast<int>(key2));

@@ -19,6 +19,12 @@
 
 namespace lindqvar {
 
+// The SEC_CHANNEL_BINDINGS block for `applicationData` (for TLS, e.g.
+// "tls-server-end-point:" and the certificate's hash): eight little-endian
+// 32-bit words, no initiator or acceptor address, the data's length and its
+// offset (32), then the data.
+std::vector<uint8_t> ChannelBindingsBlock(const std::vector<uint8_t>& applicationData);
+
 class CNtlmPackage {
  public:
   using Print = std::function<void(const std::string&)>;
@@ -41,8 +47,10 @@ class CNtlmPackage {
   // token's base64 text (empty when none was produced), or -1 when the pair
   // is already in the table or the token step failed; a failed step leaves
   // the exchange in the table for DropExchange.
+  // `binding`, when given, ties both tokens of the exchange to one server.
   int MakeFirstToken(uint32_t key1, uint32_t key2, std::string& token,
-                     const AuthIdentity* identity = nullptr);
+                     const AuthIdentity* identity = nullptr,
+                     const ContextBinding* binding = nullptr);
   // Turns the server's base64 challenge into the final token (base64) and
   // removes the exchange, whatever happened. Always 0; `token` stays empty
   // on failure.
@@ -68,6 +76,7 @@ class CNtlmPackage {
     uint32_t bCredentialHeld = 0;
     uint32_t bContextHeld = 0;
     SecurityHandle context;
+    ContextBinding binding;
   };
   struct Entry {
     uint32_t key1 = 0;

@@ -5,11 +5,14 @@
 // (137) with the challenge in, message 3 (138) out, the result (141) in. The
 // server, not the agent, checks the answer. The delivery counts the event as
 // delivered whatever happens here; each failure leaves one log line, never
-// a token.
+// a token. With server verification on, the proof is bound to the verified
+// server (its service name and the TLS channel bindings); with it off, the
+// first relay of the process logs a warning.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "platform/log.h"
@@ -45,7 +48,8 @@ class CNtlmRelay : public INtlmRelay {
   NtlmOutcome LastOutcome() const;
 
  private:
-  void Relay(CTlsConnection& connection, uint32_t session, NtlmOutcome& outcome);
+  void Relay(CTlsConnection& connection, uint32_t session, const ContextBinding& binding,
+             NtlmOutcome& outcome);
 
   CLog& m_log;
   ISupportLibrary& m_support;
@@ -55,6 +59,8 @@ class CNtlmRelay : public INtlmRelay {
   // Relays run under the session-table lock and never overlap; atomic only
   // so that tools may read it from another thread.
   std::atomic<uint32_t> m_dwNtlmKey{100000};
+  // The warning about relaying to an unverified server is logged once.
+  std::atomic<bool> m_bWarnedUnverified{false};
   mutable std::mutex m_outcomeLock;
   NtlmOutcome m_lastOutcome;
 };

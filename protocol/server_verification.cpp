@@ -126,16 +126,39 @@ std::string ServerCertificateCheck::Reason(const std::string& host) const {
   return {};
 }
 
+std::vector<uint8_t> TlsServerEndPoint(X509* certificate) {
+  static const char kLabel[] = "tls-server-end-point:";
+  if (!certificate) return {};
+  int digestNid = NID_undef;
+  if (X509_get_signature_info(certificate, &digestNid, nullptr, nullptr, nullptr) != 1)
+    digestNid = NID_undef;
+  const EVP_MD* digest = nullptr;
+  if (digestNid != NID_undef && digestNid != NID_md5 && digestNid != NID_sha1)
+    digest = EVP_get_digestbynid(digestNid);
+  if (!digest) digest = EVP_sha256();
+  unsigned char hash[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  if (X509_digest(certificate, digest, hash, &size) != 1) return {};
+  std::vector<uint8_t> out(kLabel, kLabel + sizeof kLabel - 1);
+  out.insert(out.end(), hash, hash + size);
+  return out;
+}
+
 void PrepareServerVerification(SSL* ssl, const std::string& host, ServerCertificateCheck& check) {
+  check.host = host;
   // The host name (or address) is checked as part of the chain also when
   // verification is off: the handshake then goes on regardless, and the
   // result only tells what verification would have said.
+  // Names are matched against the subjectAltName only: a certificate
+  // whose subject CN merely spells the host (and has no DNS name for it)
+  // does not name it.
   X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
+  X509_VERIFY_PARAM_set_hostflags(
+      param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
   IpAddress literal;
   if (parse_address_literal(host.c_str(), literal)) {
     check.hostUsable = X509_VERIFY_PARAM_set1_ip_asc(param, literal.Text()) == 1;
   } else {
-    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     check.hostUsable =
         !host.empty() && X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size()) == 1;
   }

@@ -1,8 +1,9 @@
 // Opt-in authentication of the authentication server. By default the agent
 // accepts any server certificate. With verification switched on, every
 // connection requires the server's chain to verify against the compiled-in
-// CA bundle and the certificate to be issued for the configured host (its
-// DNS name, or its IP address when the host is an address literal); with a
+// CA bundle and the certificate to be issued for the configured host (a DNS
+// name of its subjectAltName, or an IP address there when the host is an
+// address literal; the subject's CN is never consulted); with a
 // pin list, the certificate's SHA-256 fingerprint must also be one of the
 // list's.
 #pragma once
@@ -43,6 +44,7 @@ void AddServerPins(std::string_view text, ServerVerification& out);
 struct ServerCertificateCheck {
   ServerVerification settings;  // what the connection is held to
 
+  std::string host;         // the configured host it is checked against
   bool hostUsable = true;   // the configured host could be set as the name to check
   bool seen = false;        // the server presented a certificate
   std::string subject;      // its subject, one line
@@ -56,6 +58,12 @@ struct ServerCertificateCheck {
   // Why it does not pass ("" when it does), naming `host`.
   std::string Reason(const std::string& host) const;
 };
+
+// The "tls-server-end-point" channel binding of a server certificate: that
+// label, ":", and the hash of the certificate's DER encoding, made with the
+// hash of its signature algorithm (SHA-256 instead of MD5 or SHA-1, and
+// when the algorithm names no single hash). Empty when it cannot be made.
+std::vector<uint8_t> TlsServerEndPoint(X509* certificate);
 
 // Prepares a connection before its handshake: the host (or IP literal, IPv6
 // brackets allowed) the certificate must name, the verify mode (peer

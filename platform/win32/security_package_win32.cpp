@@ -61,17 +61,26 @@ int32_t CSecurityPackageWin32::AcquireCredentials(const std::u16string& package,
 
 int32_t CSecurityPackageWin32::InitializeContext(SecurityHandle& credential,
                                                  SecurityHandle* context, uint32_t flags,
+                                                 const ContextBinding& binding,
                                                  const uint8_t* input, uint32_t inputSize,
                                                  SecurityHandle& newContext, PackageBuffer& output,
                                                  uint32_t& attributes) {
   SecBuffer outToken{0, SECBUFFER_TOKEN, nullptr};
   SecBufferDesc outDesc{SECBUFFER_VERSION, 1, &outToken};
-  SecBuffer inToken{inputSize, SECBUFFER_TOKEN, const_cast<uint8_t*>(input)};
-  SecBufferDesc inDesc{SECBUFFER_VERSION, 1, &inToken};
+  // The server's token, and with it the channel bindings when there are
+  // any: the package puts them into the final token it makes from it.
+  SecBuffer inBuffers[2] = {
+      {inputSize, SECBUFFER_TOKEN, const_cast<uint8_t*>(input)},
+      {static_cast<unsigned long>(binding.channelBindings.size()), SECBUFFER_CHANNEL_BINDINGS,
+       const_cast<uint8_t*>(binding.channelBindings.data())}};
+  SecBufferDesc inDesc{SECBUFFER_VERSION, binding.channelBindings.empty() ? 1ul : 2ul, inBuffers};
+  std::wstring target;
+  if (!binding.targetName.empty()) target = W(binding.targetName);
   unsigned long attrs = 0;
   TimeStamp expiry;
   const SECURITY_STATUS status = ::InitializeSecurityContextW(
-      Cred(credential), context ? Ctxt(*context) : nullptr, nullptr, flags, 0,
+      Cred(credential), context ? Ctxt(*context) : nullptr,
+      target.empty() ? nullptr : const_cast<wchar_t*>(target.c_str()), flags, 0,
       SECURITY_NATIVE_DREP, input ? &inDesc : nullptr, 0, Ctxt(newContext), &outDesc, &attrs,
       &expiry);
   output.data = outToken.pvBuffer;

@@ -22,6 +22,7 @@ bool FakeImpersonation::DuplicateForImpersonation(IUserToken& primary,
 bool FakeImpersonation::SetThreadToken(IUserToken& impersonation) {
   auto& t = static_cast<FakeUserToken&>(impersonation);
   if (!t.impersonation) return false;  // a primary token cannot be set on a thread
+  if (t.domain + "\\" + t.user == refuseThreadTokenFor) return false;
   t_threadUser = t.domain + "\\" + t.user;
   ++threadTokensSet;
   return true;
@@ -50,10 +51,12 @@ int32_t FakeSecurityPackage::AcquireCredentials(const std::u16string& package, u
 }
 
 int32_t FakeSecurityPackage::InitializeContext(SecurityHandle& credential, SecurityHandle* context,
-                                               uint32_t flags, const uint8_t* input,
-                                               uint32_t inputSize, SecurityHandle& newContext,
-                                               PackageBuffer& output, uint32_t& attributes) {
+                                               uint32_t flags, const ContextBinding& binding,
+                                               const uint8_t* input, uint32_t inputSize,
+                                               SecurityHandle& newContext, PackageBuffer& output,
+                                               uint32_t& attributes) {
   std::lock_guard<std::mutex> lock(m_mutex);
+  m_bindings.push_back(binding);
   if (!(flags & sec::kAllocateMemory) || !m_credentials.count(credential.lower))
     return static_cast<int32_t>(0x80090301);  // invalid handle
   std::string token;
@@ -119,6 +122,11 @@ size_t FakeSecurityPackage::LiveContexts() const {
 size_t FakeSecurityPackage::LiveBuffers() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_buffers.size();
+}
+
+std::vector<ContextBinding> FakeSecurityPackage::Bindings() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_bindings;
 }
 
 }  // namespace lindqvar::testing

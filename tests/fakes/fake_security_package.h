@@ -12,6 +12,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/security_package.h"
 
@@ -36,6 +37,8 @@ class FakeImpersonation : public IImpersonation {
   static std::string ThreadUser();
 
   bool duplicateFails = false;
+  // "DOMAIN\user" whose impersonation token SetThreadToken refuses.
+  std::string refuseThreadTokenFor;
   std::atomic<int> threadTokensSet{0};
 };
 
@@ -45,7 +48,7 @@ class FakeSecurityPackage : public ISecurityPackage {
   int32_t AcquireCredentials(const std::u16string& package, uint32_t use,
                              const AuthIdentity* identity, SecurityHandle& credential) override;
   int32_t InitializeContext(SecurityHandle& credential, SecurityHandle* context, uint32_t flags,
-                            const uint8_t* input, uint32_t inputSize, SecurityHandle& newContext,
+                            const ContextBinding& binding, const uint8_t* input, uint32_t inputSize, SecurityHandle& newContext,
                             PackageBuffer& output, uint32_t& attributes) override;
   int32_t CompleteToken(SecurityHandle& context, PackageBuffer& token) override;
   int32_t QueryAttribute(SecurityHandle& context, uint32_t attribute,
@@ -67,6 +70,8 @@ class FakeSecurityPackage : public ISecurityPackage {
   size_t LiveCredentials() const;
   size_t LiveContexts() const;
   size_t LiveBuffers() const;
+  // The binding each InitializeContext call was given, in call order.
+  std::vector<ContextBinding> Bindings() const;
 
  private:
   mutable std::mutex m_mutex;
@@ -74,6 +79,7 @@ class FakeSecurityPackage : public ISecurityPackage {
   std::map<uintptr_t, std::string> m_credentials;  // handle -> "DOMAIN\user"
   std::map<uintptr_t, std::string> m_contexts;     // handle -> credential's user
   std::set<void*> m_buffers;
+  std::vector<ContextBinding> m_bindings;
 };
 
 }  // namespace lindqvar::testing

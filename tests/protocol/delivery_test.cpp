@@ -241,6 +241,8 @@ TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
       {"other-server", "127.0.0.1", false,
        "does not verify against the built-in CA bundle: unable to get local issuer certificate"},
       {"server", "authenticator.lab.test", false, "is not issued for authenticator.lab.test"},
+      // The host only in the subject's CN, no subjectAltName: not issued for it.
+      {"server-cn-only", "localhost", false, "is not issued for localhost"},
       {"server", "127.0.0.1", true,
        "fingerprint " + CertificateFingerprint(PkiFile("server.pem")) +
            " is not in ServerCertificateSha256"},
@@ -259,6 +261,7 @@ TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
       CLabFixture healthy(healthyOptions, "::1");
       CDeliveryHarness agent(kKey);
       agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
+      agent.network.names["localhost"] = {FakeNetwork::V4(127, 0, 0, 1)};
       agent.AddServer(c.host, tested.Port());
       agent.AddServer("[::1]", healthy.Port());
       // Off is the default; the pin row sets its list also with the switch off.
@@ -300,16 +303,25 @@ TEST_F(DeliveryTest, BrokenFramesFailTheExchangeWithoutHarm) {
       // The walk stops at the broken attribute: the challenge is missed, the
       // digest is wrong, and the server rejects the hello.
       {Fault::kMalformedFrame, "process_hello_ack(), failed to process hello ack message"},
+      // A version text that does not fit is refused like any malformed hello.
+      {Fault::kLongVersion, "process_hello(), failed to process hello message from authenticator, TID:"},
   };
   for (const Case& c : cases) {
     auto options = CLabFixture::Options(kKey);
     options.fault = c.fault;
     options.oversizedLength = 1u << 20;
     CLabFixture lab(options);
+    CLabFixture next(CLabFixture::Options(kKey), "::1");
     CDeliveryHarness agent(kKey);
     agent.AddServer("127.0.0.1", lab.Port());
-    EXPECT_FALSE(agent.Deliver()) << lab::FaultName(c.fault);
+    agent.AddServer("[::1]", next.Port());
+    // The pass goes on to the next server.
+    EXPECT_TRUE(agent.Deliver()) << lab::FaultName(c.fault);
+    EXPECT_EQ("complete", next.WaitReports(1)[0].end) << lab::FaultName(c.fault);
     EXPECT_TRUE(agent.Logged(c.logged)) << lab::FaultName(c.fault);
+    EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size())
+        << lab::FaultName(c.fault);
+    EXPECT_FALSE(lab.WaitReports(1)[0].eventReceived) << lab::FaultName(c.fault);
   }
 }
 

@@ -71,8 +71,26 @@ class NtlmRelayTest : public ::testing::Test {
 TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays) {
   CLabFixture lab(Options());
   agent.AddServer("127.0.0.1", lab.Port());
-  for (uint32_t key : {100001u, 100002u}) {
+  // With the server verified, both steps are bound to it: its service name
+  // and the channel bindings of its certificate (a 32-byte header of
+  // little-endian words whose last two are the data's length and offset).
+  Sha256 hash;
+  ASSERT_TRUE(ParseSha256Fingerprint(CertificateFingerprint(PkiFile("server.pem")), hash));
+  const std::string label = "tls-server-end-point:";
+  std::vector<uint8_t> bound(32, 0);
+  bound[24] = uint8_t(label.size() + 32);
+  bound[28] = 32;
+  bound.insert(bound.end(), label.begin(), label.end());
+  bound.insert(bound.end(), hash.begin(), hash.end());
+  for (uint32_t key : {100001u, 100002u, 100003u}) {
     SCOPED_TRACE(key);
+    const bool verified = key == 100003u;
+    if (verified) {
+      ServerVerification on;
+      on.verify = true;
+      agent.client->SetServerVerification(on);
+    }
+    const size_t stepsBefore = package.Bindings().size();
     ASSERT_TRUE(agent.Deliver(7));
     const auto r = lab.WaitReports(key - 100000).back();
     EXPECT_EQ("complete", r.end);
@@ -89,10 +107,21 @@ TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays
     EXPECT_EQ(NtlmFrame(138, key, encoded), r.ntlmFrames[1]);
     EXPECT_EQ(key, relay.LastKey());
     EXPECT_EQ(1, relay.LastOutcome().result);
+    const auto steps = package.Bindings();
+    ASSERT_EQ(stepsBefore + 2, steps.size());
+    for (size_t i = stepsBefore; i < steps.size(); ++i) {
+      EXPECT_EQ(verified ? u"HOST/127.0.0.1" : u"", steps[i].targetName);
+      EXPECT_EQ(verified ? bound : std::vector<uint8_t>{}, steps[i].channelBindings);
+    }
   }
-  EXPECT_EQ(2u, LinesWith("NTLM auth succeeded"));
+  EXPECT_EQ(3u, LinesWith("NTLM auth succeeded"));
+  // One warning for the whole run while servers go unverified.
+  EXPECT_EQ(1u, LinesWith("Server verification is off (VerifyServer 0): NTLM authentication goes to "
+                          "whichever server answered, which may relay the user's NTLM response or "
+                          "guess the password from it; switch VerifyServer on with pinned "
+                          "certificates"));
   // The tokens were made as the session's user on the relay's own thread.
-  EXPECT_EQ(2, impersonation.threadTokensSet.load());
+  EXPECT_EQ(3, impersonation.threadTokensSet.load());
   EXPECT_EQ("", FakeImpersonation::ThreadUser());
   EXPECT_EQ(0u, ntlm.ExchangeCount());
   EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
@@ -107,19 +136,25 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
     uint32_t session;
     const char* text;     // the relay's one log line; null: none
     const char* labEnd;   // how the lab saw the relay; null: no relay
+    bool keyTaken;        // only once the user is impersonated
   } rows[] = {
-      {"no token for the session", Fault::kNone, 2, 8, "Failed to get token of session 8", "no NTLM message 1"},
+      {"no token for the session", Fault::kNone, 2, 8, "Failed to get token of session 8", "no NTLM message 1", false},
+      // Without the user's identity the process's own would answer: nothing is sent.
+      {"impersonation refused", Fault::kNone, 2, 10,
+       "Failed to impersonate the user of session 10, no NTLM authentication", "no NTLM message 1", false},
       {"no message 2", Fault::kNtlmNoChallenge, 2, 7,
-       "ReceiveServerReply(), failed to receive NTLM message 2 from authenticator", "closed after NTLM message 1"},
+       "ReceiveServerReply(), failed to receive NTLM message 2 from authenticator", "closed after NTLM message 1", true},
       {"wrong first record", Fault::kNtlmWrongReply, 2, 7,
-       "msg_decode_NTLM_auth_type2(), failed to decode NTLM message 2 from authenticator", "no NTLM message 3"},
-      {"no message 3", Fault::kNtlmBadChallenge, 2, 7, "Failed to generate message 3\n", "no NTLM message 3"},
+       "msg_decode_NTLM_auth_type2(), failed to decode NTLM message 2 from authenticator", "no NTLM message 3", true},
+      {"no message 3", Fault::kNtlmBadChallenge, 2, 7, "Failed to generate message 3\n", "no NTLM message 3", true},
       {"no result", Fault::kNtlmNoResult, 2, 7,
-       "failed to receive NTLM auth result after message 3 from authenticator", "closed after NTLM message 3"},
-      {"user not proven", Fault::kNone, 2, 9, "NTLM auth failed", "not proven"},
-      {"result other than 2", Fault::kNone, 1, 7, nullptr, nullptr},
+       "failed to receive NTLM auth result after message 3 from authenticator", "closed after NTLM message 3", true},
+      {"user not proven", Fault::kNone, 2, 9, "NTLM auth failed", "not proven", true},
+      {"result other than 2", Fault::kNone, 1, 7, nullptr, nullptr, false},
   };
   agent.support.sessionUsers[9] = {"CORP", "mallory"};
+  agent.support.sessionUsers[10] = {"CORP", "carol"};
+  impersonation.refuseThreadTokenFor = "CORP\\carol";
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     auto options = Options(row.fault);
@@ -138,7 +173,7 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
     const auto lines = agent.support.Lines();
     size_t relayLines = 0;
     for (size_t i = before; i < lines.size(); ++i)
-      for (const char* t : {"Failed to get token", "ReceiveServerReply(), failed to receive NTLM",
+      for (const char* t : {"Failed to get token", "Failed to impersonate", "ReceiveServerReply(), failed to receive NTLM",
                             "msg_decode_NTLM", "Failed to generate", "failed to receive NTLM auth",
                             "NTLM auth"})
         relayLines += lines[i].text.rfind(t, 0) == 0;
@@ -147,7 +182,7 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
       EXPECT_EQ(1u, LinesWith(row.text));
     }
     // A key is taken only once the user's token is in hand.
-    EXPECT_EQ(keyBefore + (row.labEnd && row.session != 8 ? 1 : 0), relay.LastKey());
+    EXPECT_EQ(keyBefore + (row.keyTaken ? 1 : 0), relay.LastKey());
     EXPECT_EQ(0u, ntlm.ExchangeCount());
     EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
   }

@@ -255,8 +255,8 @@ TEST(DiagProgram, ExitCodesTellWhatWentWrong) {
   options.fault = lab::Fault::kLongVersion;
   CLabFixture longVersion(options);
   r = RunProgram(Diag("check --server 127.0.0.1:" + std::to_string(longVersion.Port()) + " --key diag-key"));
-  EXPECT_EQ(diag::kExitFatalHello, r.exitCode) << r.output;
-  EXPECT_NE(std::string::npos, r.output.find("version text does not fit in 32 bytes")) << r.output;
+  EXPECT_EQ(diag::kExitAllFailed, r.exitCode) << r.output;
+  EXPECT_NE(std::string::npos, r.output.find("FAILED at hello-parse")) << r.output;
 }
 
 TEST(DiagArguments, ServersKeepIPv6BracketsAndDefaultThePort) {

@@ -70,21 +70,10 @@ const char kUsage[] =
     "  --help\n"
     "\n"
     "Exit codes: 0 every server passed, 1 some servers failed, 2 every server\n"
-    "failed, 3 wrong command line, 4 no server configured, 5 a server sent a hello\n"
-    "that ends the agent, 6 cannot start (sockets or certificate material).\n";
+    "failed, 3 wrong command line, 4 no server configured, 6 cannot start (sockets\n"
+    "or certificate material).\n";
 
 namespace {
-
-std::FILE* g_fatalOut = stdout;
-
-void OnFatalHello(const char* what) {
-  std::fprintf(g_fatalOut,
-               "      FAILED: %s.\n"
-               "      The agent ends its process on such a hello: fix the server.\n",
-               what);
-  std::fflush(g_fatalOut);
-  std::_Exit(kExitFatalHello);
-}
 
 bool ParseUnsigned(const std::string& text, uint32_t& out) {
   if (text.empty()) return false;
@@ -230,7 +219,9 @@ const char* StageAdvice(ExchangeStage stage) {
     case ExchangeStage::kHello:
       return "no hello from the server: the TLS handshake failed (does the server accept the "
              "agent's client certificate?) or the server said nothing in time";
-    case ExchangeStage::kHelloParse: return "the server's first message was not a hello";
+    case ExchangeStage::kHelloParse:
+      return "the server's first message was not a hello the agent accepts (another message, "
+             "or a version text of 32 bytes or more)";
     case ExchangeStage::kHelloAck: return "no hello acknowledgement from the server";
     case ExchangeStage::kHelloReject:
       return "the server rejected the hello: check the preshared key";
@@ -594,8 +585,6 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   CDiagObserver observer(out, servers.size(), eventMode, relay.get());
   client.SetObserver(&observer);
   client.SetServerVerification(verification);
-  g_fatalOut = out;
-  SetFatalRangeHandler(&OnFatalHello);
 
   CDecoder decoder;
   if (eventMode) {
@@ -608,7 +597,6 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
       client.SendAndReceive(options.session, nullptr, decoder, ExchangeMode::kHelloOnly);
     }
   }
-  SetFatalRangeHandler(nullptr);
 
   const size_t passed = observer.Passed();
   std::fprintf(out, "%zu of %zu server(s) passed", passed, servers.size());

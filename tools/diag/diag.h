@@ -23,7 +23,7 @@ enum ExitCode : int {
   kExitAllFailed = 2,     // no server passed
   kExitUsage = 3,         // the command line is wrong
   kExitNotConfigured = 4, // no server is configured
-  kExitFatalHello = 5,    // a server's hello would end the agent's process
+  // 5 is not used: it meant a hello that ended the agent, which no hello does now.
   kExitSetup = 6,         // the program cannot start (sockets, certificate material)
 };
 

@@ -3,7 +3,10 @@
 # lindqvar-diag.exe sends an event to the native lab authenticator, which
 # asks for NTLM proof and checks it with its real acceptor against an account
 # file. Explicit credentials with the right password are proven, with a wrong
-# one not; no password, token or challenge shows in any output.
+# one not; with the server verified, the proof still goes through while the
+# package is given the server's name and the TLS channel bindings (which
+# Wine's package does not put into its tokens); no password, token or
+# challenge shows in any output.
 #   ntlm_under_wine.sh <wine-run> <lindqvar-diag.exe> <lab authenticator> <pki dir> <client CA>
 set -uo pipefail
 WINE_RUN=$1 DIAG=$2 LAB=$3 PKI=$4 CLIENT_CA=$5
@@ -37,10 +40,11 @@ if [ -z "$port" ]; then
   echo "0 passed, 1 failed"; exit 1
 fi
 
-send() {  # send <output> <password file>
+send() {  # send <output> <password file> [diag options...]
+  local out=$1 pw=$2; shift 2
   "$WINE_RUN" "$DIAG" send --verbose --server "127.0.0.1:$port" --key-file "Z:$work/key" \
     --user ntlmtest --domain workgroup --workstation lab-ws --ip 203.0.113.7 \
-    --ntlm-user 'WORKGROUP\ntlmtest' --ntlm-password-file "Z:$2" > "$1" 2>&1
+    --ntlm-user 'WORKGROUP\ntlmtest' --ntlm-password-file "Z:$pw" "$@" > "$out" 2>&1
   rc=$?
 }
 
@@ -48,6 +52,11 @@ send "$work/right.txt" "$work/right"
 expect "the event counts as delivered (exit $rc)" test "$rc" -eq 0
 expect "diag shows the relay proven" grep -q 'NTLM relay (exchange key 100001): the server says the user is proven (result 1)' "$work/right.txt"
 expect "the agent's code logged the success" grep -q 'NTLM auth succeeded' "$work/right.txt"
+expect "the unverified server drew the warning" grep -q 'Server verification is off (VerifyServer 0): NTLM authentication goes to whichever server answered' "$work/right.txt"
+send "$work/verified.txt" "$work/right" --verify-server
+expect "a verified server gets a bound proof that is proven (exit $rc)" \
+  grep -q 'NTLM relay (exchange key 100001): the server says the user is proven (result 1)' "$work/verified.txt"
+expect "a verified server draws no warning" bash -c "! grep -q 'Server verification is off' '$work/verified.txt'"
 send "$work/wrong.txt" "$work/wrong"
 expect "a wrong password still delivers the event (exit $rc)" test "$rc" -eq 0
 expect "diag shows the proof failed" grep -q 'the server says the proof FAILED (result 0)' "$work/wrong.txt"
