@@ -109,14 +109,22 @@ void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t t
       LogBeforeAfter("After", kName);
       return;
     }
-    case kWtsSessionLogoff:
+    case kWtsSessionLogoff: {
       LogReceived("WTS_SESSION_LOGOFF", session, tid);
-      // Sent before the entry goes, so that the event still carries its
-      // user.
-      SendSessionEvent(session, 0, 0);
-      m.table.RemoveSession(session);
+      {
+        // Sent before the entry goes, so that the event still carries its
+        // user, and in the same hold of the table lock as the removal: a
+        // report that took the lock between them would find the entry and
+        // announce the departed user again.
+        std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+        SendSessionEvent(session, 0, 0);
+        m.table.RemoveSession(session);
+      }
+      // After the table lock is left: the pending-list lock is never taken
+      // inside it.
       m.table.RemovePendingSession(session);
       return;
+    }
     default:  // console disconnect: nothing at all
       return;
   }
@@ -189,22 +197,39 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
   if (!entry) return 0;
 
   const bool changed = AddressesChanged(now);
-  const WorkstationFacts machine = Machine();
-
   CEncoder event(kEventEncoderCapacity);
-  event.begin_message(MSG_EVENT);
-  // The withdrawing record tells the server that the user left the old
-  // addresses. The test looks at the previous IPv4 list but at the new IPv6
-  // list, as the servers expect.
-  if ((wakeup || logon) && changed && (m_last.ipv4[0] != 0 || FirstWord(now.ipv6[0]) != 0))
-    build_session_record(event, *entry, machine, m_last.ipv4, m_last.ipv6, 0);
-  build_session_record(event, *entry, machine, now.ipv4, now.ipv6, logon);
-  event.end_group(MSG_EVENT);
+  BuildReport(event, wakeup || logon ? ReportPath::kLogonOrWakeup : ReportPath::kLogoff, *entry,
+              now, changed, logon);
 
   const bool delivered = m.host.DeliverEvent(session, event, false);
   WriteSessionLog(wakeup ? kActionWakeup : logon ? kActionLogon : kActionLogoff, *entry, delivered);
   if (delivered && changed) m_last = now;
   return delivered ? 1 : 0;
+}
+
+void CSessionEvents::BuildReport(CEncoder& event, ReportPath path, const CTerminalSession& entry,
+                                 const AddressSet& now, bool changed, uint32_t logon) {
+  // The withdrawing record tells the servers that the user left the last
+  // sent addresses. The paths test different lists for it, as the servers
+  // expect; the rules stand side by side so that none drifts alone.
+  const bool lastIPv4 = m_last.ipv4[0] != 0;
+  bool withdraw = false;
+  switch (path) {
+    case ReportPath::kLogonOrWakeup:  // when the addresses changed: previous IPv4 or NEW IPv6
+    case ReportPath::kKeepAlive:      // the same
+      withdraw = changed && (lastIPv4 || FirstWord(now.ipv6[0]) != 0);
+      break;
+    case ReportPath::kLogoff:  // never: the logoff withdraws the user anyway
+      break;
+    case ReportPath::kAddressChange:  // the change is the event: previous IPv4 or PREVIOUS IPv6
+      withdraw = lastIPv4 || FirstWord(m_last.ipv6[0]) != 0;
+      break;
+  }
+  const WorkstationFacts machine = Machine();
+  event.begin_message(MSG_EVENT);
+  if (withdraw) build_session_record(event, entry, machine, m_last.ipv4, m_last.ipv6, 0);
+  build_session_record(event, entry, machine, now.ipv4, now.ipv6, logon);
+  event.end_group(MSG_EVENT);
 }
 
 void CSessionEvents::WriteSessionLog(uint32_t action, const CTerminalSession& entry,

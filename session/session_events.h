@@ -83,7 +83,9 @@ class CSessionEvents {
   void SendKeepAliveEvent();
   void ResendLogonEvent();
   // One round of the address-change check: when the addresses changed and
-  // an IPv4 address is left, reports the new set for the current session.
+  // an IPv4 address is left, reports the new set for the session reported
+  // as logged on (nothing while none is). Holds the table lock throughout,
+  // its delivery included, like every other report.
   void CheckAddressChange();
 
   // Log lines with a "TICC" variant use it while this is on (the default).
@@ -103,6 +105,13 @@ class CSessionEvents {
   // Logoff of the session reported as logged on, when there is one.
   void WithdrawCurrent();
   bool AddressesChanged(const AddressSet& now) const;
+  // The reports, each with its own rule for withdrawing the last sent set.
+  enum class ReportPath { kLogonOrWakeup, kLogoff, kKeepAlive, kAddressChange };
+  // The event of one report for the entry: the record that withdraws the
+  // last sent set when the path's rule asks for it, then the record of the
+  // current set with the given logon flag.
+  void BuildReport(CEncoder& event, ReportPath path, const CTerminalSession& entry,
+                   const AddressSet& now, bool changed, uint32_t logon);
   // The keep-alive and re-send report.
   void SendCurrentSession(const char* routine, int line, bool resend);
   // Gathers the reportable addresses.

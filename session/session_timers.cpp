@@ -7,10 +7,6 @@
 
 namespace lindqvar {
 
-namespace {
-uint16_t FirstWord(const IPv6Address& a) { return static_cast<uint16_t>(a[0] << 8 | a[1]); }
-}  // namespace
-
 void CSessionEvents::SendKeepAliveEvent() {
   SendCurrentSession("CSessionManager::SendKeepAliveEvent", 934, false);
 }
@@ -30,13 +26,8 @@ void CSessionEvents::SendCurrentSession(const char* routine, int line, bool rese
   if (!entry) return;
 
   const bool changed = AddressesChanged(now);
-  const WorkstationFacts machine = Machine();
   CEncoder event(kEventEncoderCapacity);
-  event.begin_message(MSG_EVENT);
-  if (changed && (m_last.ipv4[0] != 0 || FirstWord(now.ipv6[0]) != 0))
-    build_session_record(event, *entry, machine, m_last.ipv4, m_last.ipv6, 0);
-  build_session_record(event, *entry, machine, now.ipv4, now.ipv6, 1);
-  event.end_group(MSG_EVENT);
+  BuildReport(event, ReportPath::kKeepAlive, *entry, now, changed, 1);
   const bool delivered = m.host.DeliverEvent(session, event, resend);
   if (delivered && changed) m_last = now;
   // A re-send writes no delivery record.
@@ -45,24 +36,13 @@ void CSessionEvents::SendCurrentSession(const char* routine, int line, bool rese
 
 void CSessionEvents::CheckAddressChange() {
   m.addresses.BuildVirtualAdapterList();
+  // The whole round holds the table lock, its delivery included, as every
+  // other report does. So a logoff cannot come between the look at the
+  // entry and the report (the servers would map the machine's addresses to
+  // a user who has left, and nothing would correct them), and the
+  // identifiers and the last sent set are not changed while in use.
+  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
   const AddressSet now = GatherAddresses();
-  AddressSet last;
-  uint32_t session = 0;
-  CTerminalSession entry;
-  bool known = false;
-  {
-    // The exchange below runs without the table lock; what it needs is
-    // copied under it, so a logoff meanwhile cannot pull the entry away.
-    std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-    last = m_last;
-    session = m_dwCurrentSession.load();
-    if (m.table.Allocated()) {
-      if (const CTerminalSession* e = m.table.FindSession(session)) {
-        entry = *e;
-        known = true;
-      }
-    }
-  }
   const bool changed = AddressesChanged(now);
   if (!changed || now.count4 == 0) {
     // Only an IPv6 address (or none) is left: nothing is reported, the
@@ -70,7 +50,12 @@ void CSessionEvents::CheckAddressChange() {
     if (changed) m.host.RequestResend();
     return;
   }
-  if (!known) return;
+  // Nothing while no user is reported as logged on, as for the keep-alive:
+  // a locked, disconnected or departed user is not mapped to new addresses.
+  if (m_bLogon.load() == 0 || !m.table.Allocated()) return;
+  const uint32_t session = m_dwCurrentSession.load();
+  const CTerminalSession* entry = m.table.FindSession(session);
+  if (!entry) return;
 
   const auto logAddresses = [this](const char* format, const AddressSet& set) {
     for (uint32_t i = 0; i < set.count4 && i < set.ipv4.size(); ++i) {
@@ -84,22 +69,14 @@ void CSessionEvents::CheckAddressChange() {
       m.log.Debug(format, a.Text());
     }
   };
-  logAddresses("old ip address:%s", last);
+  logAddresses("old ip address:%s", m_last);
   logAddresses("new ip address:%s", now);
 
-  const WorkstationFacts machine = Machine();
   CEncoder event(kEventEncoderCapacity);
-  event.begin_message(MSG_EVENT);
-  if (last.ipv4[0] != 0 || FirstWord(last.ipv6[0]) != 0)
-    build_session_record(event, entry, machine, last.ipv4, last.ipv6, 0);
-  build_session_record(event, entry, machine, now.ipv4, now.ipv6, 1);
-  event.end_group(MSG_EVENT);
+  BuildReport(event, ReportPath::kAddressChange, *entry, now, changed, 1);
   if (!m.host.DeliverEvent(session, event, false)) return;  // the next round tries again
-  {
-    std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-    m_last = now;
-  }
-  WriteSessionLog(kActionAddressChange, entry, true);
+  m_last = now;
+  WriteSessionLog(kActionAddressChange, *entry, true);
 }
 
 }  // namespace lindqvar

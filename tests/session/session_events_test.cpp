@@ -201,25 +201,6 @@ TEST_F(SessionFixture, WithoutAddressesNothingIsSentAndTheResendFlagRises) {
   EXPECT_EQ(events.Logon(), 1u);
 }
 
-TEST_F(SessionFixture, TheWithdrawingTestMixesThePreviousIPv4AndTheNewIPv6List) {
-  // The first send with IPv6 addresses withdraws the (empty) previous set;
-  // from IPv6 only to IPv4 only there is nothing to withdraw; back to IPv6
-  // the old IPv4 address is withdrawn.
-  AddUser(1);
-  ASSERT_EQ(table.AddSession(1), 1u);
-  SetAddresses({FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})});
-  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  SetAddresses({FakeNetwork::V4(10, 0, 0, 5)});
-  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  SetAddresses({FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2})});
-  ASSERT_EQ(events.SendSessionEvent(1, 1, 1), 1u);
-  EXPECT_EQ(host.Summary(),
-            (std::vector<std::string>{"USER1:0+USER1:1", "USER1:1", "USER1:0+USER1:1"}));
-  EXPECT_TRUE(host.deliveries[0].records[0].ipv6.empty());
-  EXPECT_EQ(host.deliveries[2].records[0].ipv4, (std::vector<std::string>{"10.0.0.5"}));
-  EXPECT_EQ(host.deliveries[2].records[1].ipv6, (std::vector<std::string>{"2001:db8::2"}));
-}
-
 TEST_F(SessionFixture, EveryDeliveryWritesItsLogRecord) {
   AddUser(1);
   ASSERT_EQ(table.AddSession(1), 1u);
@@ -271,6 +252,7 @@ struct AddressRow {
   std::vector<std::string> sent;  // summaries; empty: nothing sent
   std::vector<std::string> newIPv4;
   int resendRequests;
+  bool withdrawn = false;  // the user's logon was withdrawn (logon flag 0) before the change
 };
 
 class AddressChangeTest : public SessionFixture,
@@ -286,6 +268,8 @@ const AddressRow kAddressRows[] = {
     {"reordered", {kA5, kA6}, {kA6, kA5}, {}, {}, 0},
     {"ipv6 only", {kA5}, {FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})}, {}, {}, 1},
     {"none left", {kA5}, {}, {}, {}, 1},
+    // A locked-out or departed user is not mapped to the new addresses.
+    {"withdrawn user", {kA5}, {kA6}, {}, {}, 0, true},
 };
 
 TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
@@ -294,6 +278,9 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
   ASSERT_EQ(table.AddSession(1), 1u);
   SetAddresses(row.before);
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  if (row.withdrawn) {
+    ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
+  }
   host.deliveries.clear();
   SetAddresses(row.now);
   events.CheckAddressChange();
@@ -326,6 +313,131 @@ TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
                                                       "USER1:0+USER1:1"}));
   EXPECT_EQ(support.FieldEvents().size(), 2u);  // the logon and the successful change
 }
+
+// What the three reporting paths send after a change of addresses: each has
+// its own rule for the record that withdraws the last sent set.
+enum class Path { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
+
+struct WithdrawRow {
+  const char* name;
+  Path path;
+  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was ever sent
+  std::vector<ResolvedAddress> now;
+  std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
+};
+
+class WithdrawRuleTest : public SessionFixture, public ::testing::WithParamInterface<WithdrawRow> {};
+
+const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
+const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
+const WithdrawRow kWithdrawRows[] = {
+    // Session events and keep-alives: the previous IPv4 list or the NEW IPv6
+    // list, so a first report with IPv6 withdraws an empty set...
+    {"logon, none before, IPv6 now", Path::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, none before, IPv6 now", Path::kKeepAlive, {}, {kA5, kV6a},
+     {"0:", "1:10.0.0.5,2001:db8::1"}},
+    // ...and an IPv6-only previous set is not withdrawn.
+    {"logon, IPv6 before", Path::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"keep-alive, IPv6 before", Path::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, IPv4 before, IPv6 now", Path::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
+    {"logon, IPv4 changed", Path::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"keep-alive, IPv4 changed", Path::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"keep-alive, unchanged", Path::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
+    {"logoff, IPv4 changed", Path::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
+    // Address changes: the previous IPv4 list or the PREVIOUS IPv6 list.
+    {"address change, none before, IPv6 now", Path::kAddressChange, {}, {kA5, kV6a},
+     {"1:10.0.0.5,2001:db8::1"}},
+    {"address change, IPv6 before", Path::kAddressChange, {kV6a}, {kA5},
+     {"0:2001:db8::1", "1:10.0.0.5"}},
+    {"address change, IPv4 changed", Path::kAddressChange, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+};
+
+TEST_P(WithdrawRuleTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
+  const WithdrawRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  // The logon that leaves `last` as the last sent set; with none, it fails
+  // and so leaves nothing sent, but the user is reported as logged on.
+  SetAddresses(row.last.empty() ? row.now : row.last);
+  host.accept = !row.last.empty();
+  events.SendSessionEvent(1, 1, 0);
+  host.accept = true;
+  host.deliveries.clear();
+  SetAddresses(row.now);
+  switch (row.path) {
+    case Path::kLogon: events.SendSessionEvent(1, 1, 0); break;
+    case Path::kWakeup: events.SendSessionEvent(1, 1, 1); break;
+    case Path::kLogoff: events.SendSessionEvent(1, 0, 0); break;
+    case Path::kKeepAlive: events.SendKeepAliveEvent(); break;
+    case Path::kAddressChange: events.CheckAddressChange(); break;
+  }
+  ASSERT_EQ(host.deliveries.size(), 1u);
+  std::vector<std::string> records;
+  for (const auto& r : host.deliveries[0].records) {
+    std::string s = std::to_string(r.logon) + ":";
+    for (const auto& list : {r.ipv4, r.ipv6})
+      for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
+    records.push_back(s);
+  }
+  EXPECT_EQ(records, row.records);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, WithdrawRuleTest, ::testing::ValuesIn(kWithdrawRows), RowName);
+
+// An address report that is in flight when another report is made: the
+// other waits for it, so the servers see them in the order they were made
+// and never see the user of a logoff at new addresses after it.
+enum class Meanwhile { kLogoff, kLogonSend, kKeepAlive };
+
+struct InFlightRow {
+  const char* name;
+  Meanwhile action;
+  std::vector<std::string> sent;  // after the first logon
+  uint32_t logon;                 // the logon flag at the end
+};
+
+class InFlightTest : public SessionFixture, public ::testing::WithParamInterface<InFlightRow> {};
+
+const InFlightRow kInFlightRows[] = {
+    {"logoff", Meanwhile::kLogoff, {"USER1:0+USER1:1", "USER1:0"}, 0},
+    // This send refreshes the identifiers and the last sent set while the
+    // round reads them.
+    {"logon send", Meanwhile::kLogonSend, {"USER1:0+USER1:1", "USER1:1"}, 1},
+    {"keep-alive", Meanwhile::kKeepAlive, {"USER1:0+USER1:1", "USER1:1"}, 1},
+};
+
+TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
+  const InFlightRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  host.deliveries.clear();
+  SetAddresses({kA6});
+  host.HoldNextDelivery();
+  Worker round([this] { events.CheckAddressChange(); });
+  ASSERT_TRUE(host.WaitUntilHeld());
+  // While the round holds the table lock through its delivery, the other
+  // report waits for it; a round that does not hold it lets the other
+  // report finish first, which is the order this test refuses.
+  std::unique_lock<std::recursive_mutex> probe(table.Lock(), std::try_to_lock);
+  const bool roundHoldsLock = !probe.owns_lock();
+  if (probe.owns_lock()) probe.unlock();
+  Worker other([this, &row] {
+    switch (row.action) {
+      case Meanwhile::kLogoff: events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 1); break;
+      case Meanwhile::kLogonSend: events.SendSessionEvent(1, 1, 0); break;
+      case Meanwhile::kKeepAlive: events.SendKeepAliveEvent(); break;
+    }
+  });
+  if (!roundHoldsLock) other.Wait();
+  host.ReleaseDelivery();
+  round.Wait();
+  other.Wait();
+  EXPECT_EQ(host.Summary(), row.sent);
+  EXPECT_EQ(events.Logon(), row.logon);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows), RowName);
 
 // --- the event message --------------------------------------------------------
 

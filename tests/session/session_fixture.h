@@ -5,8 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/os.h"
@@ -16,6 +25,26 @@
 #include "tools/lab_authenticator/lab_server.h"
 
 namespace lindqvar::testing {
+
+// Every wait of these tests ends by this deadline.
+inline constexpr std::chrono::seconds kDeadline{10};
+
+// Work on a thread of its own. Wait() waits for it until the deadline; past
+// it the process ends, since threads caught in a deadlock cannot be unwound.
+class Worker {
+ public:
+  explicit Worker(std::function<void()> work)
+      : m_done(std::async(std::launch::async, std::move(work))) {}
+  ~Worker() { Wait(); }
+  void Wait() {
+    if (m_done.wait_for(kDeadline) == std::future_status::ready) return;
+    std::fprintf(stderr, "a worker thread did not finish within the deadline\n");
+    std::abort();
+  }
+
+ private:
+  std::future<void> m_done;
+};
 
 class FakeEventHost : public ISessionEventHost {
  public:
@@ -27,6 +56,16 @@ class FakeEventHost : public ISessionEventHost {
     uint8_t code = 0;
     Delivery d{session, isRetry, lab::DecodeEvent(decoder, code)};
     EXPECT_EQ(code, MSG_EVENT);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_hold) {
+      m_hold = false;
+      // Told without a synchronising operation, so that the test thread
+      // learns of it without ordering itself after what this thread did.
+      m_held.store(true, std::memory_order_relaxed);
+      if (!m_releasedChanged.wait_for(lock, kDeadline, [this] { return m_released; }))
+        ADD_FAILURE() << "the held delivery was never released";
+    }
+    // Recorded when it is done: the order in which a server would see them.
     deliveries.push_back(std::move(d));
     return accept;
   }
@@ -34,6 +73,28 @@ class FakeEventHost : public ISessionEventHost {
   uint32_t LocalIPv4() override { return 0x0500000A; }   // 10.0.0.5
   uint32_t ServerIPv4() override { return 0x0100007F; }  // 127.0.0.1
   void RequestResend() override { ++resendRequests; }
+
+  // The next delivery stops once reached, until ReleaseDelivery.
+  void HoldNextDelivery() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hold = true;
+    m_released = false;
+    m_held.store(false, std::memory_order_relaxed);
+  }
+  // Whether the held delivery was reached before the deadline.
+  bool WaitUntilHeld() const {
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (!m_held.load(std::memory_order_relaxed)) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+  void ReleaseDelivery() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_released = true;
+    m_releasedChanged.notify_all();
+  }
 
   struct Delivery {
     uint32_t session;
@@ -55,6 +116,13 @@ class FakeEventHost : public ISessionEventHost {
   int resendRequests = 0;
   WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
   std::vector<Delivery> deliveries;
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_releasedChanged;
+  bool m_hold = false;
+  bool m_released = false;
+  std::atomic<bool> m_held{false};
 };
 
 class SessionFixture : public ::testing::Test, protected FakeUserLookup {
