@@ -33,6 +33,9 @@ int AgentMain(int argc, const char* const* argv, const Platform& platform,
     // not waited for beyond the grace time.
     if (changed != 0) {
       if (!manager->EndWorkers(platform.timings.processEndGraceMs)) {
+        // The manager is not destroyed on this way out, so its final state
+        // is written here.
+        manager->WriteFinalState();
         if (leaveRunning)
           leaveRunning(std::move(manager));
         else
