@@ -328,16 +328,16 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
   fake.window.Post(kWmWtsSessionChange, kWtsSessionLogoff, 5);
   const auto reports = lab.WaitReports(5);
   m.Stop();
-  std::vector<std::string> anna;
+  std::vector<std::string> anna, mlind;
   for (const auto& r : reports) {
     for (const std::string& u : Users(r))
-      if (u.rfind("ANNA", 0) == 0) anna.push_back(u);
+      (u.rfind("ANNA", 0) == 0 ? anna : mlind).push_back(u);
   }
   EXPECT_EQ(anna, (std::vector<std::string>{"ANNA:1", "ANNA:1", "ANNA:1", "ANNA:0"}));
+  // The retry thread's logon may come before or after ANNA's logoff (both
+  // from the same address, so the lab's table keeps whichever came last).
+  EXPECT_EQ(mlind, (std::vector<std::string>{"MLIND:1"}));
   EXPECT_EQ(m.Sessions().PendingSessionCount(), 0u);
-  const lab::CLogonTable table = lab.Server().Table();
-  ASSERT_EQ(table.Entries().size(), 1u);
-  EXPECT_EQ(table.Entries()[0].user, "MLIND");
   EXPECT_EQ(RegistryState(), kConfiguredReachable);
 }
 
