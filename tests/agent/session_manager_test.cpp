@@ -618,11 +618,12 @@ class AgentMainTest : public ManagerTest {
     return AgentMain(static_cast<int>(argv.size()), argv.data(), P(),
                      [this](const std::string& name) {
                        createdNames.push_back(name);
-                       auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,
-                                                        Event::InitialState::kNotSignaled);
-                       control = e.get();
+                       // Kept here too: the test may still signal it after
+                       // the agent has ended.
+                       control = std::make_shared<Event>(Event::ResetPolicy::kAutomatic,
+                                                         Event::InitialState::kNotSignaled);
                        controlReady.Set();
-                       return e;
+                       return control;
                      });
   }
   // Signals the control event once the agent waits on it.
@@ -631,7 +632,7 @@ class AgentMainTest : public ManagerTest {
     control->Set();
   }
   std::vector<std::string> createdNames;
-  Event* control = nullptr;
+  std::shared_ptr<Event> control;
   Event controlReady{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
 };
 
