@@ -14,7 +14,7 @@ int AgentMain(int argc, const char* const* argv, const Platform& platform,
   const auto args = ScanArguments(argc, argv);
   if (!args) return kExitCode;
 
-  std::unique_ptr<Event> control = createNamedEvent(args->eventName);
+  std::shared_ptr<Event> control = createNamedEvent(args->eventName);
   const std::u16string key = AnsiToWide(args->controlKey);
 
   manager->Start();
@@ -33,6 +33,9 @@ int AgentMain(int argc, const char* const* argv, const Platform& platform,
     // not waited for beyond the grace time.
     if (changed != 0) {
       if (!manager->EndWorkers(platform.timings.processEndGraceMs)) {
+        // The manager is not destroyed on this way out, so its final state
+        // is written here.
+        manager->WriteFinalState();
         if (leaveRunning)
           leaveRunning(std::move(manager));
         else

@@ -24,6 +24,7 @@ uint16_t FirstGroup(const uint8_t* a) { return static_cast<uint16_t>(a[0] << 8 |
 
 CSessionManager::CSessionManager(const Platform& platform)
     : m_platform(platform),
+      m_waits(platform.waits ? *platform.waits : m_plainWaits),
       m_support(*platform.support),
       m_registry(*platform.registry),
       m_network(*platform.network),
@@ -57,12 +58,21 @@ CSessionManager::~CSessionManager() {
   // (quietly: no catalogue event, no log release) lets the manager be torn
   // down without a worker touching freed members.
   StopWorkers();
-  SetState(kNotConfigured);
+  WriteFinalState();
 }
 
 void CSessionManager::SetState(uint32_t state) {
+  std::lock_guard<std::mutex> lock(m_stateLock);
+  if (m_finalState) return;
   m_dwState.store(state);
   WriteState(m_registry, m_log, state);
+}
+
+void CSessionManager::WriteFinalState() {
+  std::lock_guard<std::mutex> lock(m_stateLock);
+  m_finalState = true;
+  m_dwState.store(kNotConfigured);
+  WriteState(m_registry, m_log, kNotConfigured);
 }
 
 uint32_t CSessionManager::Start() {
@@ -308,6 +318,22 @@ uint32_t CSessionManager::NotificationThread() {
   return 1;
 }
 
+bool CSessionManager::PauseAfterFailedWait(const char* thread, uint32_t& failures) {
+  if (failures++ == 0) {
+    m_log.Error("%s: waiting for an address change failed, error %d; trying again every %d ms",
+                thread, static_cast<int>(LastErrorCode()),
+                static_cast<int>(m_platform.timings.addressWaitRetryMs));
+  }
+  return m_stopEvent.Wait(m_platform.timings.addressWaitRetryMs) != WaitResult::kSignaled;
+}
+
+void CSessionManager::EndFailedWaits(const char* thread, uint32_t& failures) {
+  if (failures == 0) return;
+  m_log.Debug("%s: waiting for an address change works again after %d failed waits", thread,
+              static_cast<int>(failures));
+  failures = 0;
+}
+
 uint32_t CSessionManager::AddressWatchThread() {
   std::unique_ptr<IAddressChangeWatch> watch = m_network.CreateAddressChangeWatch();
   const uint32_t error = watch ? watch->Arm() : 1u;
@@ -315,21 +341,33 @@ uint32_t CSessionManager::AddressWatchThread() {
     m_log.Debug("NotifyAddrChange error...%d", static_cast<int>(error));
     return 0;
   }
+  uint32_t failures = 0;
   for (;;) {
-    const int which = Event::WaitAny(m_stopEvent, watch->Changed(), kInfinite);
+    const int which = m_waits.WaitAny(m_stopEvent, watch->Changed(), kInfinite);
     if (which == 0) break;
     if (which == 1) {
+      EndFailedWaits("address watch", failures);
       watch->Changed().Reset();
       m_addressEvent.Set();
       watch->Rearm();
+    } else if (!PauseAfterFailedWait("address watch", failures)) {
+      break;
     }
   }
   return 1;
 }
 
 uint32_t CSessionManager::AddressHandlerThread() {
+  uint32_t failures = 0;
   for (;;) {
-    if (Event::WaitAny(m_stopEvent, m_addressEvent, kInfinite) == 0) return 1;
+    const int which = m_waits.WaitAny(m_stopEvent, m_addressEvent, kInfinite);
+    if (which == 0) return 1;
+    // A failed wait says nothing about the addresses: no round for it.
+    if (which != 1) {
+      if (!PauseAfterFailedWait("address handler", failures)) return 1;
+      continue;
+    }
+    EndFailedWaits("address handler", failures);
     // Checks at about 0, 5 and 10 seconds after the change; signals that
     // arrive meanwhile fold into one further check.
     for (int round = 0; round < 3; ++round) {
@@ -341,10 +379,20 @@ uint32_t CSessionManager::AddressHandlerThread() {
   }
 }
 
+uint32_t CSessionManager::KeepAliveWaitMs(uint32_t seconds, uint32_t unitMs) {
+  const uint64_t kept = seconds < 1 ? 1 : (seconds > kMaxKeepAliveSeconds ? kMaxKeepAliveSeconds
+                                                                          : seconds);
+  const uint64_t ms = kept * unitMs;
+  return ms >= kInfinite ? kInfinite - 1 : static_cast<uint32_t>(ms);
+}
+
 uint32_t CSessionManager::KeepAliveThread() {
   for (;;) {
-    const uint32_t waitMs = m_dwKeepAliveInterval.load() * m_platform.timings.keepAliveUnitMs;
-    const WaitResult r = m_stopEvent.Wait(waitMs);
+    // The server sets the interval; a value whose milliseconds do not fit
+    // 32 bits must not wrap into a short wait and a flood of keep-alives.
+    const uint32_t waitMs =
+        KeepAliveWaitMs(m_dwKeepAliveInterval.load(), m_platform.timings.keepAliveUnitMs);
+    const WaitResult r = m_waits.Wait(m_stopEvent, waitMs);
     if (r == WaitResult::kSignaled) return 1;
     if (r == WaitResult::kTimeout) m_events.SendKeepAliveEvent();
   }

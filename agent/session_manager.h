@@ -69,8 +69,12 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   bool EndWorkers(uint32_t graceMs);
 
   uint32_t State() const { return m_dwState.load(); }
-  // Sets the state and writes it through to the registry.
+  // Sets the state and writes it through to the registry; nothing once the
+  // final state is written.
   void SetState(uint32_t state);
+  // Writes NOT_CONFIGURED as this process's last state, on every way out:
+  // a send that ends afterwards does not overwrite it.
+  void WriteFinalState();
 
   // Sends one session event (see CSessionEvents). 1 when acknowledged.
   uint32_t SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
@@ -78,6 +82,11 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   }
 
   uint32_t KeepAliveInterval() const { return m_dwKeepAliveInterval.load(); }
+  // The keep-alive thread's wait for a server interval of `seconds`: the
+  // interval kept within 1 s and kMaxKeepAliveSeconds, times the unit, in
+  // 64 bits and never reaching an unlimited wait.
+  static uint32_t KeepAliveWaitMs(uint32_t seconds, uint32_t unitMs);
+  static constexpr uint32_t kMaxKeepAliveSeconds = 86400;
   const CAuthenticatorClient& Delivery() const { return m_delivery; }
   const CAgentSettings& Settings() const { return m_settings; }
   const std::string& HostName() const { return m_hostName; }
@@ -102,6 +111,12 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   void ReadComputerDomain();
   void EnumerateSessions();
   void StopWorkers();
+  // A failed wait of an address-change thread: logged once per run of
+  // failures, then a pause of the retry interval. False when the agent
+  // stops meanwhile.
+  bool PauseAfterFailedWait(const char* thread, uint32_t& failures);
+  // Closes a run of failed waits with one line.
+  void EndFailedWaits(const char* thread, uint32_t& failures);
 
   // IDeliveryHost
   DeliveryConfigPtr DeliveryConfiguration() override { return m_settings.Delivery(); }
@@ -115,6 +130,8 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   void RequestResend() override { m_delivery.RequestResend(); }
 
   Platform m_platform;
+  IWaits m_plainWaits;
+  IWaits& m_waits;
   ISupportLibrary& m_support;
   IRegistry& m_registry;
   INetwork& m_network;
@@ -125,6 +142,8 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   std::array<WorkerThread, kThreadCount> m_threads;
 
   std::atomic<uint32_t> m_dwState{0};
+  std::mutex m_stateLock;  // orders the state writes against the final one
+  bool m_finalState = false;
   std::atomic<uint32_t> m_dwKeepAliveInterval{180};
   std::atomic<uint32_t> m_bNotifyRegistered{0};
   uint32_t m_bModeFlag = 1;

@@ -51,4 +51,16 @@ class Event {
   std::unique_ptr<Impl> m_impl;
 };
 
+// The waits of the agent's long-running worker loops, as one replaceable
+// object: the product uses the plain event waits; tests put in a recorder
+// (to see the time-out a loop asked for) or a wait that fails.
+class IWaits {
+ public:
+  virtual ~IWaits() = default;
+  virtual WaitResult Wait(Event& event, uint32_t milliseconds) { return event.Wait(milliseconds); }
+  virtual int WaitAny(Event& first, Event& second, uint32_t milliseconds) {
+    return Event::WaitAny(first, second, milliseconds);
+  }
+};
+
 }  // namespace lindqvar

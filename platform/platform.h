@@ -6,6 +6,7 @@
 #include "platform/accounts.h"
 #include "platform/adapters.h"
 #include "platform/console_runner.h"
+#include "platform/event.h"
 #include "platform/hyperv.h"
 #include "platform/network.h"
 #include "platform/registry.h"
@@ -32,6 +33,8 @@ struct Platform {
   // acknowledgement that asks for NTLM starts no relay.
   ISecurityPackage* securityPackage = nullptr;
   IImpersonation* impersonation = nullptr;
+  // The worker loops' waits; null: the plain event waits.
+  IWaits* waits = nullptr;
 };
 
 }  // namespace lindqvar

@@ -15,6 +15,7 @@ struct Timings {
   uint32_t resendPeriodMs = 10000;      // re-send timer
   uint32_t pendingRetryPeriodMs = 10000;// pending-session retry
   uint32_t addressRoundWaitMs = 5000;   // address-change handling: between rounds
+  uint32_t addressWaitRetryMs = 1000;   // address-change threads: pause after a failed wait
   uint32_t wakeupRetryMs = 1000;        // resume from sleep: between attempts
   uint32_t keepAliveUnitMs = 1000;      // keep-alive interval is in seconds
   uint32_t connectPolls = 20;           // TLS connect: select rounds

@@ -61,14 +61,13 @@ std::string WorkstationName(const WorkstationFacts& machine, const std::string& 
 
 int build_session_record(CEncoder& encoder, const CTerminalSession& entry,
                          const WorkstationFacts& machine, const IPv4List& ipv4,
-                         const IPv6List& ipv6, uint32_t logon, const std::string& azureAccount,
-                         uint32_t now) {
+                         const IPv6List& ipv6, uint32_t logon, uint32_t now) {
   SessionRecordFields f;
   f.logon = logon;
   f.domain = entry.Domain();
   f.user = entry.UserName();
   f.workstation = WorkstationName(machine, entry.Domain());
-  if (machine.preferAzure == 1) f.azureAccount = azureAccount;
+  if (machine.preferAzure == 1) f.azureAccount = entry.TenantId();
   f.deviceUuid = machine.deviceUuid;
   f.vrxSerial = machine.vrxSerial;
   f.tenantId = machine.tenantId;

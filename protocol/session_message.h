@@ -56,14 +56,13 @@ struct WorkstationFacts {
 // is one, else the user's domain (so it may end in ".").
 std::string WorkstationName(const WorkstationFacts& machine, const std::string& userDomain);
 
-// One record for the session entry with the given addresses. The session
-// record holds no Azure AD account text of its own, so ATTR_AZURE_ACCOUNT is
-// only written for an `azureAccount` passed in. `now` 0: the current time.
-// Returns 1.
+// One record for the session entry with the given addresses. The Azure AD
+// account attribute carries the entry's Azure tenant id, which is set only
+// when the lookup took the Azure answer; it is sent when the prefer-Azure
+// setting is 1. `now` 0: the current time. Returns 1.
 int build_session_record(CEncoder& encoder, const CTerminalSession& entry,
                          const WorkstationFacts& machine, const IPv4List& ipv4,
-                         const IPv6List& ipv6, uint32_t logon, const std::string& azureAccount = {},
-                         uint32_t now = 0);
+                         const IPv6List& ipv6, uint32_t logon, uint32_t now = 0);
 
 // The facts of one delivery for its local log record.
 struct SessionLogRecord {

@@ -19,7 +19,8 @@ bool CSessionWindowWin32::Create(IWindowMessageSink& sink) {
   wc.hInstance = m_instance;
   wc.hIcon = ::LoadIconW(nullptr, IDI_APPLICATION);
   wc.hCursor = ::LoadCursorW(nullptr, IDC_ARROW);
-  wc.hbrBackground = reinterpret_cast<HBRUSH>(static_cast<INT_PTR>(COLOR_WINDOW));
+  // The brush value 6: system colour COLOR_WINDOW + 1, the window colour.
+  wc.hbrBackground = reinterpret_cast<HBRUSH>(static_cast<INT_PTR>(COLOR_WINDOW + 1));
   wc.lpszMenuName = nullptr;
   wc.lpszClassName = kDetectorClassName;
   wc.hIconSm = nullptr;

@@ -422,6 +422,44 @@ void FakeSessionWindow::Post(uint32_t message, uint64_t wParam, int64_t lParam) 
   m_queue.push_back({message, wParam, lParam});
 }
 
+// --- waits ------------------------------------------------------------------
+
+WaitResult FakeWaits::Wait(Event& event, uint32_t milliseconds) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_timeOuts.push_back(milliseconds);
+  }
+  return event.Wait(milliseconds);
+}
+
+int FakeWaits::WaitAny(Event& first, Event& second, uint32_t milliseconds) {
+  const Side side = &second == m_network.WatchChanged() ? kWatch : kHandler;
+  if (m_failuresLeft[side] > 0) {
+    // Held until the test has set the scene; a stop ends the hold.
+    if (Event::WaitAny(first, m_gate, 20000) == 0) return 0;
+    --m_failuresLeft[side];
+    ++failed[side];
+    SetLastErrorCode(m_error);
+    return -2;
+  }
+  ++realWaits[side];
+  return Event::WaitAny(first, second, milliseconds);
+}
+
+std::vector<uint32_t> FakeWaits::TimeOuts() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_timeOuts;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, uint32_t limitMs) {
+  const uint32_t start = TickCount();
+  while (!condition()) {
+    if (TickCount() - start >= limitMs) return condition();
+    SleepMs(1);
+  }
+  return true;
+}
+
 // --- platform ---------------------------------------------------------------
 
 Timings FakePlatform::ShortTimings() {
@@ -433,6 +471,7 @@ Timings FakePlatform::ShortTimings() {
   t.resendPeriodMs = 20;
   t.pendingRetryPeriodMs = 20;
   t.addressRoundWaitMs = 20;
+  t.addressWaitRetryMs = 1;
   t.wakeupRetryMs = 1;
   t.keepAliveUnitMs = 1;
   t.connectPolls = 20;
@@ -453,6 +492,7 @@ Platform FakePlatform::Get() {
   p.window = &window;
   p.securityPackage = &ntlm;
   p.impersonation = &impersonation;
+  p.waits = &waits;
   p.timings = timings;
   return p;
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -199,6 +200,38 @@ class FakeSessionWindow : public ISessionWindow {
   std::vector<Message> m_queue;
 };
 
+// The worker loops' waits: records every single-event time-out asked for,
+// and makes the two-event waits of the address-change threads fail on
+// request. The failures start once the gate is opened.
+class FakeWaits : public IWaits {
+ public:
+  enum Side { kWatch = 0, kHandler = 1 };
+  explicit FakeWaits(const FakeNetwork& network) : m_network(network) {}
+  WaitResult Wait(Event& event, uint32_t milliseconds) override;
+  int WaitAny(Event& first, Event& second, uint32_t milliseconds) override;
+  std::vector<uint32_t> TimeOuts() const;
+
+  // The next `count` waits of that thread fail with `error`, once Open() ran.
+  void FailNext(Side side, int count, uint32_t error) {
+    m_failuresLeft[side] = count;
+    m_error = error;
+  }
+  void Open() { m_gate.Set(); }
+  std::atomic<int> failed[2] = {0, 0};     // waits made to fail
+  std::atomic<int> realWaits[2] = {0, 0};  // waits passed on to the events
+
+ private:
+  const FakeNetwork& m_network;
+  Event m_gate{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  std::atomic<int> m_failuresLeft[2] = {0, 0};
+  std::atomic<uint32_t> m_error{0};
+  mutable std::mutex m_mutex;
+  std::vector<uint32_t> m_timeOuts;
+};
+
+// Polls `condition` every millisecond for at most `limitMs`; its last value.
+bool WaitUntil(const std::function<bool()>& condition, uint32_t limitMs = 20000);
+
 // A platform made of the fakes above, with short timings.
 struct FakePlatform {
   FakeSupport support;
@@ -208,6 +241,7 @@ struct FakePlatform {
   FakeSessionWindow window;
   FakeSecurityPackage ntlm;
   FakeImpersonation impersonation;
+  FakeWaits waits{network};
   Timings timings = ShortTimings();
 
   static Timings ShortTimings();

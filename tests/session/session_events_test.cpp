@@ -480,6 +480,50 @@ TEST(SessionMessage, RecordHasTheFixedOrderAndUpperCasedTexts) {
   EXPECT_EQ(records[0].time, 1700000000u);
 }
 
+// The Azure AD account attribute carries the entry's Azure tenant id: sent
+// exactly when prefer-Azure is 1 and the lookup took the Azure answer.
+struct AzureRecordRow {
+  const char* name;
+  uint32_t preferAzure;
+  const char16_t* adDomain;  // u"AzureAD": the AD answer is discarded
+  bool joined;               // the device-registration tool reports the user
+  const char* user;
+  const char* azureAccount;  // "": the attribute is absent
+};
+const AzureRecordRow kAzureRecordRows[] = {
+    {"PreferredAndTaken", 1, u"CORP", true, "MARA.LIND", "4F1C2B7E-9D3A-4E55-8A61-0C2F7D9B1E44"},
+    {"NotPreferred", 0, u"CORP", true, "USER2", ""},
+    {"TakenWithoutPreference", 0, u"AzureAD", true, "MARA.LIND", ""},
+    {"PreferredButNotJoined", 1, u"CORP", false, "USER2", ""},
+};
+
+class AzureRecordTest : public SessionFixture,
+                        public ::testing::WithParamInterface<AzureRecordRow> {};
+
+TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
+  const AzureRecordRow& row = GetParam();
+  FakeAccounts::User user;
+  user.sid = DomainSid(1002);
+  user.name = u"user2";
+  user.domain = row.adDomain;
+  accounts.SetUser(2, user);
+  console.script = {PipeStep{row.joined
+                                 ? "             AzureAdJoined : YES\r\n"
+                                   "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
+                                   "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n"
+                                 : "             AzureAdJoined : NO\r\n"}};
+  preferAzure = row.preferAzure;
+  host.machine.preferAzure = row.preferAzure;
+  ASSERT_EQ(table.AddSession(2), 1u);
+  ASSERT_EQ(events.SendSessionEvent(2, 1, 0), 1u);
+  ASSERT_EQ(host.deliveries.size(), 1u);
+  const lab::SessionRecord& r = host.deliveries[0].records.back();
+  EXPECT_EQ(r.user, row.user);
+  EXPECT_EQ(r.azureAccount, row.azureAccount);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, AzureRecordTest, ::testing::ValuesIn(kAzureRecordRows), RowName);
+
 TEST(SessionMessage, WorkstationNameTakesTheDnsDomainElseTheUsersDomain) {
   struct Row {
     const char* dnsDomain;

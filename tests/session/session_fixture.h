@@ -149,13 +149,14 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
   FakeSessions sessions;
   FakeSessionWindow window;
   std::set<uint32_t> notReady;  // sessions whose lookup says "not ready"
+  uint32_t preferAzure = 0;     // the lookups' prefer-Azure setting
   int lookups = 0;
   CAddressDiscovery addresses{log, network, adapters, hyperv, "ws1", 0};
   CIdentifiers identifiers{log, support, registry};
   CSessionTable table{log, [this](CTerminalSession& record, uint32_t session) -> uint32_t {
                         ++lookups;
                         if (notReady.count(session)) return 2;
-                        return LoadSessionUser(system, record, session, log, 0);
+                        return LoadSessionUser(system, record, session, log, preferAzure);
                       }};
   FakeEventHost host;
   CSessionEvents events{

@@ -145,7 +145,7 @@ const char* DigestCheckName(DigestCheck check) {
 }
 
 CLabAuthenticator::CLabAuthenticator(LabOptions options, ILabSink* sink)
-    : m_options(std::move(options)), m_sink(sink) {}
+    : m_options(std::move(options)), m_sink(sink), m_keepAlive(m_options.keepAliveInterval) {}
 
 CLabAuthenticator::~CLabAuthenticator() {
   Stop();
@@ -527,7 +527,8 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   CEncoder eventAck(kReplyEncoderCapacity);
   eventAck.begin_message(MSG_EVENT_ACK);
   eventAck.add_u32(ATTR_EVENT_RESULT, m_options.eventResult);
-  if (m_options.keepAliveInterval) eventAck.add_u32(ATTR_KEEPALIVE_INTERVAL, m_options.keepAliveInterval);
+  const uint32_t keepAlive = m_keepAlive.load();
+  if (keepAlive) eventAck.add_u32(ATTR_KEEPALIVE_INTERVAL, keepAlive);
   eventAck.end_group(MSG_EVENT_ACK);
   if (!WriteMessage(ssl, eventAck, fault)) {
     report.end = "the event acknowledgement could not be sent";
@@ -535,7 +536,7 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   }
   report.eventAckSent = true;
   report.eventResult = m_options.eventResult;
-  report.keepAliveInterval = m_options.keepAliveInterval;
+  report.keepAliveInterval = keepAlive;
   if (m_options.eventResult == 2) NtlmDialogue(ssl, report, fault);
   report.end = "complete";
 }

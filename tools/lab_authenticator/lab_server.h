@@ -170,6 +170,8 @@ class CLabAuthenticator {
   uint64_t Finished() const;
   // Waits until `count` connections have finished; false on time-out.
   bool WaitFinished(uint64_t count, uint32_t timeoutMs);
+  // The keep-alive interval of the acknowledgements from now on (0: none).
+  void SetKeepAliveInterval(uint32_t seconds) { m_keepAlive = seconds; }
   // Copies of what was recorded.
   std::vector<ConnectionReport> Reports() const;
   CLogonTable Table() const;
@@ -205,6 +207,7 @@ class CLabAuthenticator {
   std::vector<SocketAddress> m_bound;
   std::vector<std::thread> m_acceptThreads;
   std::atomic<bool> m_stopping{false};
+  std::atomic<uint32_t> m_keepAlive;
 
   mutable std::mutex m_mutex;  // guards everything below and the sink
   std::condition_variable m_finishedChanged;
