@@ -164,6 +164,7 @@ uint32_t CSessionManager::Init() {
   m_settings.Load(m_support, m_log);
   m_addresses.SetAddressCategory(m_settings.AddressCategory());
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
+  ApplyUserExclusions();
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
@@ -181,9 +182,10 @@ void CSessionManager::EnumerateSessions() {
     m_log.Debug("Succeeded to call WTSEnumerateSessions, dwSICount:%d",
                 static_cast<int>(sessions.size()));
     for (const SessionInfo& info : sessions) {
-      if (m_sessions.AddSession(info.id) == 0)
+      const uint32_t r = m_sessions.AddSession(info.id);
+      if (r == 0)
         m_log.Debug("failed to add session %d", static_cast<int>(info.id));
-      else
+      else if (r != CSessionTable::kExcluded)  // which AddSession has logged
         m_log.Debug("Succeede to add session %d", static_cast<int>(info.id));
       if (info.state == SessionState::kActive) {
         // A later active session replaces an earlier one.
@@ -247,6 +249,20 @@ void CSessionManager::ReadComputerDomain() {
   if (m_domainName.size() > 255) m_domainName.resize(255);
 }
 
+void CSessionManager::ApplyUserExclusions() {
+  std::vector<uint8_t> value = ReadUserExclusions(m_registry);
+  // Unchanged since the last read: nothing to parse, nothing to log again.
+  if (m_exclusionsRead && value == m_exclusionsValue) return;
+  m_exclusionsRead = true;
+  m_exclusionsValue = std::move(value);
+  std::vector<std::string> problems;
+  CUserExclusions exclusions = CUserExclusions::Parse(m_exclusionsValue, problems);
+  for (const std::string& problem : problems) m_log.Error("%s", problem.c_str());
+  if (!exclusions.Empty())
+    m_log.Debug("ExcludedUsers: %d pattern(s)", static_cast<int>(exclusions.Patterns().size()));
+  m_sessions.SetExclusions(std::move(exclusions));
+}
+
 uint32_t CSessionManager::ReloadSettings() {
   const uint32_t changed = m_settings.IsChanged(m_support);
   // Swaps in a new snapshot; a pass in progress keeps the one it took.
@@ -255,6 +271,9 @@ uint32_t CSessionManager::ReloadSettings() {
   // Server verification is not part of the change test: it applies from the
   // next connection on without ending the agent.
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
+  // Nor is the exclusion list: each session meets the new list at its next
+  // event.
+  ApplyUserExclusions();
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }

@@ -109,6 +109,10 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   uint32_t PendingSessionThread();
   void CollectHostAddresses();
   void ReadComputerDomain();
+  // Reads ExcludedUsers and hands the list to the session table; problems
+  // with its entries are logged when the value has changed since the last
+  // read.
+  void ApplyUserExclusions();
   void EnumerateSessions();
   void StopWorkers();
   // A failed wait of an address-change thread: logged once per run of
@@ -152,6 +156,8 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   // Set by Init before any worker runs, read by them afterwards.
   std::string m_hostName;
   std::string m_domainName;
+  bool m_exclusionsRead = false;
+  std::vector<uint8_t> m_exclusionsValue;  // as last read
   // The first address collection; guarded by its own lock.
   std::mutex m_csAddresses;
   std::array<uint32_t, 4> m_IPv4{};

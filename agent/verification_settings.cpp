@@ -6,6 +6,7 @@
 
 #include "agent/state.h"
 #include "platform/registry.h"
+#include "session/user_exclusions.h"
 
 namespace lindqvar {
 
@@ -63,6 +64,18 @@ ServerVerification ReadServerVerification(IRegistry& registry) {
     }
   }
   return out;
+}
+
+std::vector<uint8_t> ReadUserExclusions(IRegistry& registry) {
+  std::unique_ptr<IRegistryKey> key;
+  std::vector<uint8_t> data;
+  uint32_t type = 0;
+  if (registry.OpenKey(RegistryHive::kLocalMachine, kAgentKeyPath,
+                       reg_access::kRead | reg_access::kWow64_64Key, key) != kErrorSuccess ||
+      !key || key->QueryValue(kExcludedUsersValue, type, data) != kErrorSuccess ||
+      (type != kRegMultiSz && type != kRegSz))
+    data.clear();
+  return data;
 }
 
 }  // namespace lindqvar

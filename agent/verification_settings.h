@@ -7,6 +7,9 @@
 //                            of accepted server certificates, in hex
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include "protocol/server_verification.h"
 
 namespace lindqvar {
@@ -21,5 +24,10 @@ inline constexpr char16_t kServerPinsValue[] = u"ServerCertificateSha256";
 // of another type, or entries that are not fingerprints, match no
 // certificate. Each such case is described in `problems`.
 ServerVerification ReadServerVerification(IRegistry& registry);
+
+// The stored bytes of the opt-in ExcludedUsers value (REG_MULTI_SZ, or a
+// REG_SZ of one pattern); empty when the key or value is missing or of
+// another type. session/user_exclusions.h parses them.
+std::vector<uint8_t> ReadUserExclusions(IRegistry& registry);
 
 }  // namespace lindqvar

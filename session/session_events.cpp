@@ -49,6 +49,16 @@ void CSessionEvents::WithdrawCurrent() {
   if (m_bLogon.load() == 1) SendSessionEvent(m_dwCurrentSession.load(), 0, 0);
 }
 
+bool CSessionEvents::SetAsideIfExcluded(uint32_t session) {
+  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
+  if (!m.table.IsExcluded(session)) return false;
+  // Reported before the list named its user: withdrawn first, so that the
+  // servers do not keep the mapping.
+  if (m_bLogon.load() == 1 && m_dwCurrentSession.load() == session) SendSessionEvent(session, 0, 0);
+  m.table.RemoveSession(session);
+  return true;
+}
+
 void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t tid) {
   switch (code) {
     case kWtsConsoleConnect: {
@@ -56,9 +66,13 @@ void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t t
       LogBeforeAfter("Before", kName);
       if (session == m.sessions.ActiveConsoleSession()) {
         LogReceived(kName, session, tid);
-        if (m.table.FindSession(session) || m.table.AddSession(session) != 0)
+        // An excluded user's session changes nothing (kExcluded).
+        const uint32_t r = SetAsideIfExcluded(session)    ? CSessionTable::kExcluded
+                           : m.table.FindSession(session) ? 1
+                                                          : m.table.AddSession(session);
+        if (r == 1 || r == 2)
           SendSessionEvent(session, 1, 0);
-        else
+        else if (r == 0)
           WithdrawCurrent();
       }
       LogBeforeAfter("After", kName);
@@ -71,9 +85,11 @@ void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t t
       LogReceived(code == kWtsRemoteConnect ? "WTS_REMOTE_CONNECT" : "WTS_SESSION_UNLOCK", session,
                   tid);
       // A session that is not ready yet (2) is reported all the same.
-      if (m.table.AddSession(session) != 0)
+      const uint32_t r =
+          SetAsideIfExcluded(session) ? CSessionTable::kExcluded : m.table.AddSession(session);
+      if (r == 1 || r == 2)
         SendSessionEvent(session, 1, 0);
-      else
+      else if (r == 0)
         WithdrawCurrent();
       LogBeforeAfter("After", "WTS_SESSION_UNLOCK");
       return;
@@ -88,10 +104,11 @@ void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t t
       constexpr char kName[] = "WTS_SESSION_LOGON";
       LogBeforeAfter("Before", kName);
       LogReceived(kName, session, tid);
-      const uint32_t r = m.table.AddSession(session);
+      const uint32_t r =
+          SetAsideIfExcluded(session) ? CSessionTable::kExcluded : m.table.AddSession(session);
       if (r == 1) {
         SendSessionEvent(session, 1, 0);
-      } else {
+      } else if (r != CSessionTable::kExcluded) {
         if (r == 2) {
           // Parked for the retry thread, which sends the logon once the
           // user is known.
@@ -132,7 +149,7 @@ void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t t
 
 void CSessionEvents::OnResume(uint32_t tid) {
   const uint32_t session = m.sessions.ActiveConsoleSession();
-  if (!m.table.FindSession(session)) return;
+  if (!m.table.FindSession(session) || SetAsideIfExcluded(session)) return;
   for (int attempt = 0; attempt < kResumeAttempts; ++attempt) {
     if (SendSessionEvent(session, 1, 1)) return;
     SleepMs(m.timings.wakeupRetryMs);

@@ -104,6 +104,10 @@ class CSessionEvents {
   void LogBeforeAfter(const char* when, const char* name);
   // Logoff of the session reported as logged on, when there is one.
   void WithdrawCurrent();
+  // When the session's user is on the ExcludedUsers list (which may have
+  // changed since the session was added): withdraws the session if it is
+  // the one reported and drops it from the table. True when excluded.
+  bool SetAsideIfExcluded(uint32_t session);
   bool AddressesChanged(const AddressSet& now) const;
   // The reports, each with its own rule for withdrawing the last sent set.
   enum class ReportPath { kLogonOrWakeup, kLogoff, kKeepAlive, kAddressChange };

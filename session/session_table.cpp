@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "platform/os.h"
+
 namespace lindqvar {
 
 CTerminalSession* CSessionTable::FindSession(uint32_t session) {
@@ -42,6 +44,9 @@ uint32_t CSessionTable::AddSession(uint32_t session) {
   const uint32_t r = m_loadUser(*record, session);
   if (r == 0) return 0;
   if (r == 2 || r == 3) return 2;
+  // Matched against the names that would be sent, after the lookup chose
+  // between the domain account and the Azure AD one.
+  if (Excluding(*record)) return kExcluded;
 
   try {
     if (m_pSessions.empty()) m_pSessions.resize(kInitialSlots);
@@ -60,6 +65,26 @@ uint32_t CSessionTable::AddSession(uint32_t session) {
   }
   m_log.Debug("session ID:%d has added to session table\n", static_cast<int>(session));
   return 1;
+}
+
+void CSessionTable::SetExclusions(CUserExclusions exclusions) {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  m_exclusions = std::move(exclusions);
+}
+
+bool CSessionTable::IsExcluded(uint32_t session) {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  const CTerminalSession* record = m_exclusions.Empty() ? nullptr : FindSession(session);
+  return record && Excluding(*record);
+}
+
+const CUserExclusions::Pattern* CSessionTable::Excluding(const CTerminalSession& record) {
+  const CUserExclusions::Pattern* pattern = m_exclusions.Match(record.UserName(), record.Domain());
+  if (pattern)
+    m_log.Debug("session %d of %s\\%s is not reported: its user matches ExcludedUsers entry %s",
+                static_cast<int>(record.SessionId()), record.Domain().c_str(),
+                record.UserName().c_str(), WideToUtf8(pattern->text).c_str());
+  return pattern;
 }
 
 uint32_t CSessionTable::RemoveSession(uint32_t session) {
@@ -105,7 +130,7 @@ void CSessionTable::RetryPendingSessions(const std::function<void(uint32_t)>& se
     if (r == 1) {
       sendLogon(it->session);
       it = m_pending.erase(it);
-    } else if (r == 0) {
+    } else if (r == 0 || r == kExcluded) {
       it = m_pending.erase(it);
     } else if (++it->tries >= kMaxPendingTries) {
       m_log.Debug("Failed to get session information, session:%d", static_cast<int>(it->session));

@@ -12,6 +12,7 @@
 
 #include "identity/terminal_session.h"
 #include "platform/log.h"
+#include "session/user_exclusions.h"
 
 namespace lindqvar {
 
@@ -33,8 +34,17 @@ class CSessionTable {
   // The first record of the session, walking the slots in index order.
   CTerminalSession* FindSession(uint32_t session);
   // 1 the session is (now) in the table, 0 no user could be determined (or
-  // memory ran out), 2 the session is not ready.
+  // memory ran out), 2 the session is not ready, kExcluded its user is on
+  // the ExcludedUsers list (the session is not added).
   uint32_t AddSession(uint32_t session);
+  static constexpr uint32_t kExcluded = 3;
+
+  // The ExcludedUsers list; sessions already in the table are checked
+  // against it by the next event that concerns them (IsExcluded).
+  void SetExclusions(CUserExclusions exclusions);
+  // Whether the session is in the table and its user is on the list (then
+  // logged, naming the user and the pattern).
+  bool IsExcluded(uint32_t session);
   // 1 when a record was removed. Its slot is reused by a later add.
   uint32_t RemoveSession(uint32_t session);
 
@@ -67,8 +77,12 @@ class CSessionTable {
     uint32_t tries;
   };
 
+  // The pattern excluding the record's user, logged; null when none does.
+  const CUserExclusions::Pattern* Excluding(const CTerminalSession& record);
+
   CLog& m_log;
   LoadUser m_loadUser;
+  CUserExclusions m_exclusions;  // guarded by the table lock
 
   std::recursive_mutex m_csSessions;
   // Null slots are free; the array never shrinks. Empty until the first

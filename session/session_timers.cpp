@@ -22,6 +22,8 @@ void CSessionEvents::SendCurrentSession(const char* routine, int line, bool rese
   m.log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", routine, line,
               static_cast<int>(m_bLogon.load()), static_cast<int>(session));
   if (m_bLogon.load() == 0 || !m.table.Allocated() || (now.count4 == 0 && now.count6 == 0)) return;
+  // A user the ExcludedUsers list now names is withdrawn, not repeated.
+  if (SetAsideIfExcluded(session)) return;
   const CTerminalSession* entry = m.table.FindSession(session);
   if (!entry) return;
 
@@ -54,6 +56,7 @@ void CSessionEvents::CheckAddressChange() {
   // a locked, disconnected or departed user is not mapped to new addresses.
   if (m_bLogon.load() == 0 || !m.table.Allocated()) return;
   const uint32_t session = m_dwCurrentSession.load();
+  if (SetAsideIfExcluded(session)) return;
   const CTerminalSession* entry = m.table.FindSession(session);
   if (!entry) return;
 

@@ -60,7 +60,10 @@ CUserExclusions CUserExclusions::Parse(const std::vector<uint8_t>& multiSz,
     all.push_back(static_cast<char16_t>(multiSz[i] | multiSz[i + 1] << 8));
   size_t start = 0;
   while (start < all.size()) {
-    size_t end = all.find(u'\0', start);
+    // Entries end at a NUL or a ";" (which no account name holds), so that
+    // one string such as the installer's "svc_*;CORP\\helpdesk" carries
+    // several.
+    size_t end = all.find_first_of(std::u16string_view(u"\0;", 2), start);
     if (end == std::u16string::npos) end = all.size();
     const std::u16string_view entry = Trim(std::u16string_view(all).substr(start, end - start));
     start = end + 1;

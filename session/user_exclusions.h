@@ -6,7 +6,8 @@
 // Each string is a pattern: "user" (any domain) or "DOMAIN\user", with "*"
 // (any run of characters) and "?" (one character) in either part, compared
 // ignoring case with the upper-casing the agent applies to the names it
-// sends. Blanks around a pattern and empty strings are ignored.
+// sends. Blanks around a pattern and empty strings are ignored. A string may
+// hold several patterns separated by ";" (no account name contains one).
 #pragma once
 
 #include <cstddef>

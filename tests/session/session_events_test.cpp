@@ -31,6 +31,7 @@ struct StateRow {
   uint32_t nextL, nextC;
   std::vector<std::string> lines;   // must be logged
   std::vector<std::string> absent;  // must not be logged
+  bool excluded = false;  // ExcludedUsers names the notified session's user
 };
 
 constexpr uint64_t kResume = 0x100;
@@ -82,6 +83,20 @@ const StateRow kStateRows[] = {
     {"resume, console in table", true, kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
     {"resume, console not in table", true, kResume, 2, Known::kResolvable, {}, 1, 1, {},
      {"Found session:2", "Did not found session:2"}},
+    // An excluded user's session is never reported and disturbs nothing:
+    // no logoff of the reported user, no move of the current session.
+    {"logon, excluded", true, kWtsSessionLogon, 2, Known::kResolvable, {}, 1, 1,
+     {"session 2 of CORP\\user2 is not reported: its user matches ExcludedUsers entry corp\\USER2"},
+     {"Received message WTS_SESSION_LOGON, session id:1"}, true},
+    {"unlock, excluded", true, kWtsSessionUnlock, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"console connect, excluded", false, kWtsConsoleConnect, 2, Known::kResolvable, {}, 0, 0, {},
+     {}, true},
+    {"logoff, excluded", true, kWtsSessionLogoff, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"resume, console excluded since it was added", true, kResume, 2, Known::kInTable, {}, 1, 1, {},
+     {}, true},
+    // The reported user, named by a list that changed since: withdrawn.
+    {"unlock, reported user excluded since", true, kWtsSessionUnlock, 1, Known::kInTable,
+     {"USER1:0"}, 0, 1, {}, {}, true},
 };
 
 class StateTableTest : public SessionFixture, public ::testing::WithParamInterface<StateRow> {};
@@ -99,6 +114,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   if (row.known == Known::kInTable) {
     ASSERT_EQ(table.AddSession(row.session), 1u);
   }
+  if (row.excluded) Exclude({u"nobody", u"corp\\USER" + AnsiToWide(std::to_string(row.session))});
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
 
@@ -218,6 +234,29 @@ TEST_F(SessionFixture, EveryDeliveryWritesItsLogRecord) {
 }
 
 // --- keep-alive, re-send and address change ------------------------------------
+
+// An excluded user beside a reported one: the reported user's keep-alives go
+// on through the excluded user's logon and logoff, and stop (withdrawn) once
+// the list names the reported user too.
+TEST_F(SessionFixture, AnExcludedSessionLeavesTheReportedOneAlone) {
+  AddUser(1);
+  AddUser(2);
+  Exclude({u"*\\user2"});
+  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 1);
+  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 2);
+  events.SendKeepAliveEvent();
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 6)});
+  events.CheckAddressChange();
+  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 2);
+  events.SendKeepAliveEvent();
+  Exclude({u"user1"});
+  events.SendKeepAliveEvent();
+  events.ResendLogonEvent();
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
+                                                      "USER1:1", "USER1:0"}));
+  EXPECT_EQ(events.Logon(), 0u);
+  EXPECT_EQ(table.FindSession(1), nullptr);
+}
 
 TEST_F(SessionFixture, KeepAliveAndResendReportTheLoggedOnSessionOnly) {
   AddUser(1);

@@ -139,6 +139,16 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
     user.domain = u"CORP";
     accounts.SetUser(id, user);
   }
+  // The ExcludedUsers list, as the registry value holds it.
+  void Exclude(std::initializer_list<std::u16string> patterns) {
+    std::vector<uint8_t> data;
+    for (const std::u16string& p : patterns) {
+      for (char16_t unit : p) data.insert(data.end(), {uint8_t(unit), uint8_t(unit >> 8)});
+      data.insert(data.end(), {0, 0});
+    }
+    std::vector<std::string> problems;
+    table.SetExclusions(CUserExclusions::Parse(data, problems));
+  }
   void SetAddresses(std::vector<ResolvedAddress> addresses) {
     network.names["ws1"] = std::move(addresses);
   }

@@ -43,6 +43,7 @@ TEST(UserExclusions, MatchesUserAndDomainPatterns) {
       {{"corp \\ bob"}, "bob", "CORP", "corp \\ bob"},
       {{"\xc3\xa9ric"}, "\xc3\x89RIC", "CORP", "\xc3\xa9ric"},  // é / É
       {{"bob", "alice"}, "alice", "CORP", "alice"},
+      {{"bob; corp\\alice ;"}, "alice", "CORP", "corp\\alice"},
       {{"*a*a*a*a*a*b"}, std::string(200, 'a'), "CORP", ""},
       {{"?*"}, "", "CORP", ""},
       {{}, "alice", "CORP", ""},
