@@ -156,6 +156,8 @@ TEST(EncoderTest, FailedGrowthLosesTheMessageUntilReset) {
   e.reset();
   EXPECT_EQ(e.add_u32(ATTR_ID, 1), 0);
   EXPECT_EQ(Contents(e), (Bytes{0, 0, 0, 10, ATTR_ID, TYPE_U32, 0, 0, 0, 1}));
+  e.reset();  // with a buffer: emptied
+  EXPECT_EQ(e.length(), 0u);
 }
 
 // --- upper-casing ----------------------------------------------------------------

@@ -116,10 +116,10 @@ class HandshakeTest : public ::testing::Test {
 TEST_F(HandshakeTest, HelloReplyEchoesIdAndFlagsAndProvesTheKey) {
   struct Row {
     const char* name;
-    Hello hello;
+    Hello hello{};
     std::string key = "s3cret-key";
-    std::u16string guid;
-    std::vector<uint8_t> challenge;  // the digest's input; empty: the hello's
+    std::u16string guid{};
+    std::vector<uint8_t> challenge{};  // the digest's input; empty: the hello's
     bool digestOverrun = false;      // the digest's length claims far more bytes than there are
   };
   auto with = [](auto change) {
@@ -128,17 +128,21 @@ TEST_F(HandshakeTest, HelloReplyEchoesIdAndFlagsAndProvesTheKey) {
     return h;
   };
   const Row rows[] = {
-      {"unknown attribute first, with a GUID", with([](Hello& h) { h.extra = true; }),
-       "s3cret-key", u"{0C1A5E00-1234-4321-ABCD-00AA00BB00CC}"},
-      {"without a GUID", Hello{}},
-      {"flag bit 0 clear: sixteen zero bytes", with([](Hello& h) { h.flags = 0xFFFFFFFE; })},
-      {"short challenge padded with zero bytes",
-       with([](Hello& h) { h.challenge = {1, 2, 3, 4, 5, 6, 7, 8}; })},
-      {"longer key counts with its first 16 bytes", Hello{}, "0123456789abcdefWXYZ"},
-      {"31-byte version text", with([](Hello& h) { h.version = std::string(31, 'v'); })},
-      {"digest running past the end is not read", Hello{}, "s3cret-key", u"",
-       std::vector<uint8_t>(16, 0), true},
+      {.name = "unknown attribute first, with a GUID",
+       .hello = with([](Hello& h) { h.extra = true; }),
+       .guid = u"{0C1A5E00-1234-4321-ABCD-00AA00BB00CC}"},
+      {.name = "without a GUID"},
+      {.name = "flag bit 0 clear: sixteen zero bytes",
+       .hello = with([](Hello& h) { h.flags = 0xFFFFFFFE; })},
+      {.name = "short challenge padded with zero bytes",
+       .hello = with([](Hello& h) { h.challenge = {1, 2, 3, 4, 5, 6, 7, 8}; })},
+      {.name = "longer key counts with its first 16 bytes", .key = "0123456789abcdefWXYZ"},
+      {.name = "31-byte version text", .hello = with([](Hello& h) { h.version = std::string(31, 'v'); })},
+      {.name = "digest running past the end is not read",
+       .challenge = std::vector<uint8_t>(16, 0),
+       .digestOverrun = true},
   };
+
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     agent.presharedKey = row.key;
