@@ -26,7 +26,7 @@ uint32_t BE32At(const Bytes& b, size_t at) {
 
 // --- encoder -------------------------------------------------------------------
 
-TEST(EncoderTest, HelloReplyIsByteExact) {
+TEST(EncoderTest, WireFormatIsByteExact) {
   CEncoder e(kReplyEncoderCapacity);
   const uint8_t digest[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
   EXPECT_EQ(e.begin_message(MSG_HELLO), 0);
@@ -35,7 +35,6 @@ TEST(EncoderTest, HelloReplyIsByteExact) {
   EXPECT_EQ(e.add_string(ATTR_VERSION_TEXT, std::string("Velmora Extension 1.1"), 0), 0);
   EXPECT_EQ(e.add_bytes(ATTR_DIGEST, digest, 16), 0);
   EXPECT_EQ(e.end_group(MSG_HELLO), 0);
-
   Bytes expected = {0, 0, 0, 75, 128, 6,                 // envelope
                     0, 0, 0, 10, 1,   3, 1, 2, 3, 4,     // ATTR_ID
                     0, 0, 0, 10, 16,  3, 0, 0, 0, 1,     // ATTR_HELLO_FLAGS
@@ -45,22 +44,19 @@ TEST(EncoderTest, HelloReplyIsByteExact) {
   expected.insert(expected.end(), {0, 0, 0, 22, 18, 1});  // ATTR_DIGEST
   expected.insert(expected.end(), digest, digest + 16);
   EXPECT_EQ(Contents(e), expected);
-}
 
-TEST(EncoderTest, AttributeSizes) {
-  CEncoder e;
-  e.add_string(ATTR_USER, "", 0, 1);
-  e.add_u16(7, 0xABCD);
-  e.begin_group(9);
-  e.end_group(9);
-  e.begin_group(10);
-  e.add_u32(11, 0xDEADBEEF);
-  e.end_group(10);
-  const Bytes expected = {0, 0, 0, 6,  ATTR_USER, 5,                        // empty string
-                          0, 0, 0, 8,  7,  2, 0xAB, 0xCD,                   // u16
-                          0, 0, 0, 6,  9,  6,                               // empty group
-                          0, 0, 0, 16, 10, 6, 0, 0, 0, 10, 11, 3, 0xDE, 0xAD, 0xBE, 0xEF};
-  EXPECT_EQ(Contents(e), expected);
+  CEncoder sizes;
+  sizes.add_string(ATTR_USER, "", 0, 1);
+  sizes.add_u16(7, 0xABCD);
+  sizes.begin_group(9);
+  sizes.end_group(9);
+  sizes.begin_group(10);
+  sizes.add_u32(11, 0xDEADBEEF);
+  sizes.end_group(10);
+  EXPECT_EQ(Contents(sizes), (Bytes{0, 0, 0, 6,  ATTR_USER, 5,         // empty string
+                                    0, 0, 0, 8,  7,  2, 0xAB, 0xCD,    // u16
+                                    0, 0, 0, 6,  9,  6,                // empty group
+                                    0, 0, 0, 16, 10, 6, 0, 0, 0, 10, 11, 3, 0xDE, 0xAD, 0xBE, 0xEF}));
 }
 
 TEST(EncoderTest, OpenGroupsFollowTheBufferWhenItMoves) {
@@ -205,32 +201,26 @@ TEST(UpperCaseTest, StringsKeepTheirByteCount) {
 
 TEST(UpperCaseTest, WideUnitTable) {
   const std::pair<char16_t, char16_t> rows[] = {
-      {u'a', u'A'}, {u'z', u'Z'}, {u'A', u'A'}, {u'{', u'{'},
+      {u'a', u'A'}, {u'z', u'Z'}, {u'A', u'A'}, {u'{', u'{'}, {u'\u0131', u'I'},
       {u'\u00B5', u'\u039C'},  // micro sign
       {u'\u00DF', u'\u00DF'},  // ß has no one-unit upper case
       {u'\u00F7', u'\u00F7'},  // ÷ sits between two runs
       {u'\u0101', u'\u0100'}, {u'\u0100', u'\u0100'},  // alternating upper/lower
-      {u'\u0131', u'I'},
-      {u'\u01C5', u'\u01C4'},  // title case Dž
-      {u'\u03C2', u'\u03A3'},  // final sigma
-      {u'\u0450', u'\u0400'},
-      {u'\u24D0', u'\u24B6'},  // circled a
-      {u'\uFF41', u'\uFF21'},  // full-width a
-      {char16_t{0xD801}, char16_t{0xD801}},  // a surrogate unit
-      {u'\uFFFF', u'\uFFFF'}, {u'\0', u'\0'},
-  };
+      {u'\u01C5', u'\u01C4'}, {u'\u03C2', u'\u03A3'},  // title case Dž, final sigma
+      {u'\u0450', u'\u0400'}, {u'\u24D0', u'\u24B6'}, {u'\uFF41', u'\uFF21'},  // circled, full-width a
+      {char16_t{0xD801}, char16_t{0xD801}}, {u'\uFFFF', u'\uFFFF'}, {u'\0', u'\0'}};
   for (const auto& [unit, upper] : rows) EXPECT_EQ(WideToUpperTable(unit), upper) << int{unit};
 }
 
 // --- decoder -------------------------------------------------------------------
 
 TEST(DecoderTest, WalksFlatThroughNestedGroupsWithValuesInPlace) {
+  const uint8_t v6[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   CEncoder e;
   e.begin_message(MSG_EVENT);
   e.begin_group(MSG_SESSION_INFO);
   e.add_u32(ATTR_LOGON, 1);
   e.add_string(ATTR_TENANT_ID, std::string("t-1"), 1);
-  const uint8_t v6[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   e.add_bytes(ATTR_IPV6, v6, sizeof v6);
   e.end_group(MSG_SESSION_INFO);
   e.begin_group(MSG_SESSION_INFO);
@@ -243,41 +233,35 @@ TEST(DecoderTest, WalksFlatThroughNestedGroupsWithValuesInPlace) {
   CDecoder d(b.data(), static_cast<uint32_t>(b.size()));
   EXPECT_EQ(d.message_code(), MSG_EVENT);
   EXPECT_EQ(d.peek_code(), MSG_EVENT);
-  // 132 is both the envelope's code and the tenant id's: the type tells them apart.
-  const std::vector<std::pair<uint8_t, uint8_t>> expected = {
-      {MSG_EVENT, TYPE_GROUP},   {MSG_SESSION_INFO, TYPE_GROUP}, {ATTR_LOGON, TYPE_U32},
-      {ATTR_TENANT_ID, TYPE_STRING}, {ATTR_IPV6, TYPE_BYTES},    {MSG_SESSION_INFO, TYPE_GROUP},
-      {ATTR_LOGON, TYPE_U32},    {3, TYPE_U16}};
-  std::vector<std::pair<uint8_t, uint8_t>> seen;
-  std::vector<uint32_t> values;
+  // Each item as code/type=value; 132 is both the envelope's code and the
+  // tenant id's: the type tells them apart. Values are read in place.
+  std::vector<std::string> seen;
   uint8_t* header;
   while ((header = d.next()) != nullptr) {
-    seen.emplace_back(d.code(), d.type());
     uint32_t hostLength;
     std::memcpy(&hostLength, header, 4);
     EXPECT_EQ(hostLength, d.length());  // rewritten in host order
-    if (d.type() == TYPE_U32) values.push_back(d.value_u32());
-    if (d.type() == TYPE_U16) values.push_back(d.value_u16());
-    if (d.type() == TYPE_GROUP || d.type() == TYPE_STRING || d.type() == TYPE_BYTES) {
-      EXPECT_EQ(d.value_data(), header + 6);  // a pointer into the buffer
+    std::string item = std::to_string(d.code()) + "/" + std::to_string(d.type()) + "=";
+    if (d.type() == TYPE_U32) item += std::to_string(d.value_u32());
+    if (d.type() == TYPE_U16) item += std::to_string(d.value_u16());
+    if (d.type() == TYPE_STRING || d.type() == TYPE_BYTES) {
+      EXPECT_EQ(d.value_data(), header + 6);
+      item += std::string(reinterpret_cast<const char*>(d.value_data()), d.value_size());
     }
-    if (d.type() == TYPE_STRING) {
-      EXPECT_EQ(std::string(reinterpret_cast<const char*>(d.value_data()), d.value_size()), "T-1");
-    }
-    if (d.type() == TYPE_BYTES) {
-      EXPECT_EQ(std::memcmp(d.value_data(), v6, 16), 0);
-    }
-    if (d.code() == ATTR_LOGON && d.value_u32() == 0x102) {
-      uint32_t asStored;
-      const uint8_t wire[4] = {0, 0, 1, 2};
-      std::memcpy(&asStored, wire, 4);
-      EXPECT_EQ(d.value_raw_u32(), asStored);
-    }
+    seen.push_back(item);
   }
-  EXPECT_EQ(seen, expected);
-  EXPECT_EQ(values, (std::vector<uint32_t>{1, 0x102, 0x1234}));
+  const std::string ipv6(reinterpret_cast<const char*>(v6), 16);
+  EXPECT_EQ(seen, (std::vector<std::string>{"132/6=", "80/6=", "81/3=1", "132/5=T-1", "94/1=" + ipv6,
+                                            "80/6=", "81/3=258", "3/2=4660"}));
   EXPECT_EQ(d.peek_code(), 0);
   EXPECT_EQ(d.next(), nullptr);
+  // A u32 taken without byte-order conversion: the wire bytes as stored.
+  uint8_t u32[10] = {0, 0, 0, 10, ATTR_NTLM_STATUS, TYPE_U32, 0, 0, 1, 2};
+  CDecoder raw(u32, sizeof u32);
+  ASSERT_NE(raw.next(), nullptr);
+  uint32_t asStored;
+  std::memcpy(&asStored, u32 + 6, 4);
+  EXPECT_EQ(raw.value_raw_u32(), asStored);
 }
 
 TEST(DecoderTest, SecondWalkReadsRewrittenLengths) {
