@@ -16,10 +16,14 @@ namespace {
 using RP = Event::ResetPolicy;
 using IS = Event::InitialState;
 
+// Long enough never to expire on a loaded machine; it only bounds a wait
+// that a fault would leave hanging.
+constexpr uint32_t kBound = 10000;
+
 TEST(Event, ManualStaysSignaledAutomaticReleasesOneWait) {
   Event manual(RP::kManual, IS::kSignaled);
   EXPECT_EQ(manual.Wait(0), WaitResult::kSignaled);
-  EXPECT_EQ(manual.Wait(0), WaitResult::kSignaled);
+  EXPECT_EQ(manual.Wait(kInfinite), WaitResult::kSignaled);  // already set: returns at once
   manual.Reset();
   EXPECT_EQ(manual.Wait(0), WaitResult::kTimeout);
 
@@ -35,23 +39,38 @@ TEST(Event, WaitAnyReportsWhichAndConsumesOnlyAutomaticSignals) {
   Event change(RP::kAutomatic, IS::kNotSignaled);
   EXPECT_EQ(Event::WaitAny(stop, change, 5), -1);
   change.Set();
-  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 1);
+  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 1);
   EXPECT_EQ(Event::WaitAny(stop, change, 0), -1);
   stop.Set();
   change.Set();
-  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 0);  // the first wins
-  EXPECT_EQ(Event::WaitAny(stop, change, kInfinite), 0);  // manual stays set
+  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 0);  // the first wins
+  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 0);  // manual stays set
 }
 
-TEST(Event, WaitAnyWakesForASetFromAnotherThread) {
-  Event a(RP::kManual, IS::kNotSignaled);
-  Event b(RP::kAutomatic, IS::kNotSignaled);
-  std::thread setter([&] {
-    SleepMs(20);
-    b.Set();
+TEST(Event, WaitsWakeForASetFromAnotherThread) {
+  // Ping-pong: each side waits for the other's Set, so in most rounds the
+  // wait is already blocked when the Set comes.
+  Event stop(RP::kManual, IS::kNotSignaled);
+  Event ping(RP::kAutomatic, IS::kNotSignaled);
+  Event pong(RP::kAutomatic, IS::kNotSignaled);
+  std::atomic<int> answered{0};
+  std::thread peer([&] {
+    while (Event::WaitAny(stop, ping, kBound) == 1) {
+      ++answered;
+      pong.Set();
+    }
   });
-  EXPECT_EQ(Event::WaitAny(a, b, kInfinite), 1);
-  setter.join();
+  for (int round = 0; round < 200; ++round) {
+    ping.Set();
+    // Half the peer's bound: an answer that only a time-out produced fails.
+    if (pong.Wait(kBound / 2) != WaitResult::kSignaled) {
+      ADD_FAILURE() << "no answer in round " << round;
+      break;
+    }
+  }
+  stop.Set();
+  peer.join();
+  EXPECT_EQ(answered.load(), 200);
 }
 
 TEST(WorkerThread, ReportsStillActiveThenTheRoutineResult) {
@@ -59,8 +78,7 @@ TEST(WorkerThread, ReportsStillActiveThenTheRoutineResult) {
   WorkerThread t;
   EXPECT_FALSE(t.Started());
   t.Start([&] {
-    release.Wait(kInfinite);
-    return 7u;
+    return release.Wait(kBound) == WaitResult::kSignaled ? 7u : 8u;
   });
   EXPECT_TRUE(t.Started());
   EXPECT_EQ(t.ExitCode(), WorkerThread::kStillActive);

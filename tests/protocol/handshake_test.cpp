@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/os.h"
 #include "protocol/delivery.h"
 #include "tests/protocol/tls_test_support.h"
 
@@ -13,37 +14,28 @@ namespace lindqvar::testing {
 namespace {
 
 TEST(ComputeResponse, KnownVectors) {
-  struct Vector {
+  struct Row {
     uint8_t challenge[16];
-    uint8_t key[16];
+    const char* key;  // cut or padded to 16 bytes
     const char* digest;
   };
-  Vector zero = {{}, {}, "4ae71336e44bf9bf79d2752e234818a5"};  // MD5 of 16 zero bytes
-  Vector counting = {{}, {}, "5f39f63d02ffcd9f51773f3efce1a9ab"};
-  for (int i = 0; i < 16; ++i) counting.challenge[i] = static_cast<uint8_t>(i);
-  std::memcpy(counting.key, "0123456789abcdef", 16);
-  Vector shortKey = {{0xf0, 0xe1, 0xd2, 0xc3, 0xb4, 0xa5, 0x96, 0x87, 0x78, 0x69, 0x5a, 0x4b, 0x3c,
-                      0x2d, 0x1e, 0x0f},
-                     {},
-                     "9fbcbbdc70ae384990510492bee2f6b8"};
-  preshared_key_block("secret", shortKey.key);
-  for (Vector* v : {&zero, &counting, &shortKey}) {
-    uint8_t digest[16];
-    compute_response(v->challenge, v->key, digest);
-    EXPECT_EQ(v->digest, Hex(digest, 16));
+  Row rows[] = {
+      {{}, "", "4ae71336e44bf9bf79d2752e234818a5"},  // MD5 of 16 zero bytes
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, "0123456789abcdef",
+       "5f39f63d02ffcd9f51773f3efce1a9ab"},
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}, "0123456789abcdefWXYZ",
+       "5f39f63d02ffcd9f51773f3efce1a9ab"},
+      {{0xf0, 0xe1, 0xd2, 0xc3, 0xb4, 0xa5, 0x96, 0x87, 0x78, 0x69, 0x5a, 0x4b, 0x3c, 0x2d, 0x1e,
+        0x0f},
+       "secret", "9fbcbbdc70ae384990510492bee2f6b8"},
+  };
+  for (Row& row : rows) {
+    uint8_t key[16], digest[16];
+    std::memset(key, 0xAA, sizeof key);  // whatever was there before is overwritten
+    preshared_key_block(row.key, key);
+    compute_response(row.challenge, key, digest);
+    EXPECT_EQ(row.digest, Hex(digest, 16)) << row.key;
   }
-}
-
-TEST(PresharedKeyBlock, PadsShortKeysAndCutsLongOnesAt16Bytes) {
-  uint8_t key[16];
-  preshared_key_block("abc", key);
-  EXPECT_EQ("61626300000000000000000000000000", Hex(key, 16));
-  preshared_key_block("0123456789abcdef", key);
-  EXPECT_EQ(0, std::memcmp(key, "0123456789abcdef", 16));
-  preshared_key_block("0123456789abcdefWXYZ", key);
-  EXPECT_EQ(0, std::memcmp(key, "0123456789abcdef", 16));
-  preshared_key_block("", key);
-  EXPECT_EQ(std::string(32, '0'), Hex(key, 16));
 }
 
 // A message copied out of an encoder, for a decoder to walk (the walk
@@ -119,61 +111,62 @@ std::vector<uint8_t> ExpectedDigest(std::vector<uint8_t> challenge, const std::s
 class HandshakeTest : public ::testing::Test {
  protected:
   CDeliveryHarness agent{"s3cret-key"};
-
-  uint32_t ProcessHello(const Hello& h, CEncoder& reply) {
-    CEncoder e;
-    WriteHello(h, e);
-    Received r(e);
-    return agent.client->process_hello(r.decoder, reply);
-  }
 };
 
 TEST_F(HandshakeTest, HelloReplyEchoesIdAndFlagsAndProvesTheKey) {
-  agent.support.guid = u"{0C1A5E00-1234-4321-ABCD-00AA00BB00CC}";
-  Hello h;
-  h.extra = true;  // an unknown attribute first: ignored
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, ProcessHello(h, reply));
-  const Reply r = ReadReply(reply);
-  EXPECT_EQ(77u, r.id);
-  EXPECT_EQ(1u, r.flags);
-  EXPECT_EQ("Velmora Extension 1.1", r.version);
-  EXPECT_EQ(ExpectedDigest(h.challenge, "s3cret-key"), r.digest);
-  EXPECT_TRUE(r.hasGuid);
-  EXPECT_EQ("{0C1A5E00-1234-4321-ABCD-00AA00BB00CC}", r.guid);
-  // Fits the 256-byte reply encoder without growth.
-  EXPECT_EQ(kReplyEncoderCapacity, reply.capacity());
-}
+  struct Row {
+    const char* name;
+    Hello hello{};
+    std::string key = "s3cret-key";
+    std::u16string guid{};
+    std::vector<uint8_t> challenge{};  // the digest's input; empty: the hello's
+    bool digestOverrun = false;      // the digest's length claims far more bytes than there are
+  };
+  auto with = [](auto change) {
+    Hello h;
+    change(h);
+    return h;
+  };
+  const Row rows[] = {
+      {.name = "unknown attribute first, with a GUID",
+       .hello = with([](Hello& h) { h.extra = true; }),
+       .guid = u"{0C1A5E00-1234-4321-ABCD-00AA00BB00CC}"},
+      {.name = "without a GUID"},
+      {.name = "flag bit 0 clear: sixteen zero bytes",
+       .hello = with([](Hello& h) { h.flags = 0xFFFFFFFE; })},
+      {.name = "short challenge padded with zero bytes",
+       .hello = with([](Hello& h) { h.challenge = {1, 2, 3, 4, 5, 6, 7, 8}; })},
+      {.name = "longer key counts with its first 16 bytes", .key = "0123456789abcdefWXYZ"},
+      {.name = "31-byte version text", .hello = with([](Hello& h) { h.version = std::string(31, 'v'); })},
+      {.name = "digest running past the end is not read",
+       .challenge = std::vector<uint8_t>(16, 0),
+       .digestOverrun = true},
+  };
 
-TEST_F(HandshakeTest, WithoutAGuidTheReplyHasNoGuidAttribute) {
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, ProcessHello(Hello{}, reply));
-  EXPECT_FALSE(ReadReply(reply).hasGuid);
-}
-
-TEST_F(HandshakeTest, FlagBitZeroClearGivesSixteenZeroBytes) {
-  Hello h;
-  h.flags = 0xFFFFFFFE;
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, ProcessHello(h, reply));
-  const Reply r = ReadReply(reply);
-  EXPECT_EQ(0xFFFFFFFEu, r.flags);
-  EXPECT_EQ(std::vector<uint8_t>(16, 0), r.digest);
-}
-
-TEST_F(HandshakeTest, AShortChallengeIsPaddedWithZeroBytes) {
-  Hello h;
-  h.challenge = {1, 2, 3, 4, 5, 6, 7, 8};
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, ProcessHello(h, reply));
-  EXPECT_EQ(ExpectedDigest(h.challenge, "s3cret-key"), ReadReply(reply).digest);
-}
-
-TEST_F(HandshakeTest, ALongerKeyCountsWithItsFirstSixteenBytes) {
-  agent.presharedKey = "0123456789abcdefWXYZ";
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, ProcessHello(Hello{}, reply));
-  EXPECT_EQ(ExpectedDigest(Hello{}.challenge, "0123456789abcdef"), ReadReply(reply).digest);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    agent.presharedKey = row.key;
+    agent.support.guid = row.guid;
+    CEncoder e;
+    WriteHello(row.hello, e);
+    Received hello(e);
+    if (row.digestOverrun) hello.bytes[hello.bytes.size() - 22] = 0x7F;  // the last attribute
+    CEncoder reply(kReplyEncoderCapacity);
+    ASSERT_EQ(1u, agent.client->process_hello(hello.decoder, reply));
+    const Reply r = ReadReply(reply);
+    EXPECT_EQ(row.hello.id, r.id);
+    EXPECT_EQ(row.hello.flags, r.flags);
+    EXPECT_EQ("Velmora Extension 1.1", r.version);
+    std::vector<uint8_t> digest(16, 0);
+    if (row.hello.flags & 1) {
+      digest = ExpectedDigest(row.challenge.empty() ? row.hello.challenge : row.challenge,
+                              row.key.substr(0, 16));
+    }
+    EXPECT_EQ(digest, r.digest);
+    EXPECT_EQ(!row.guid.empty(), r.hasGuid);
+    EXPECT_EQ(WideToUtf8(row.guid), r.guid);
+    EXPECT_EQ(kReplyEncoderCapacity, reply.capacity());  // fits without growth
+  }
 }
 
 TEST_F(HandshakeTest, AMessageThatIsNotAHelloIsRefused) {
@@ -187,29 +180,17 @@ TEST_F(HandshakeTest, AMessageThatIsNotAHelloIsRefused) {
   EXPECT_EQ(0u, reply.length());
   CDecoder empty;
   EXPECT_EQ(0u, agent.client->process_hello(empty, reply));
-}
-
-TEST_F(HandshakeTest, AVersionTextOf31BytesFitsAndALongerOneRefusesTheHello) {
-  // A text that does not fit is a malformed hello: refused, nothing to send.
-  for (size_t size : {31u, 32u, 4096u}) {
+  // A version text that does not fit its 32 bytes is a malformed hello:
+  // refused, nothing to send, the process goes on.
+  for (size_t size : {32u, 4096u}) {
     Hello h;
     h.version = std::string(size, 'v');
-    CEncoder reply(kReplyEncoderCapacity);
-    EXPECT_EQ(size < 32 ? 1u : 0u, ProcessHello(h, reply)) << size;
-    EXPECT_EQ(size < 32, reply.length() > 0) << size;
+    CEncoder long_version;
+    WriteHello(h, long_version);
+    Received hello(long_version);
+    EXPECT_EQ(0u, agent.client->process_hello(hello.decoder, reply)) << size;
+    EXPECT_EQ(0u, reply.length()) << size;
   }
-}
-
-TEST_F(HandshakeTest, AHelloWhoseDigestLengthRunsPastTheEndIsReadWithoutIt) {
-  CEncoder e;
-  WriteHello(Hello{}, e);
-  Received r(e);
-  // The digest is the last attribute: claim far more bytes than there are.
-  uint8_t* digest = r.bytes.data() + r.bytes.size() - 22;
-  digest[0] = 0x7F;
-  CEncoder reply(kReplyEncoderCapacity);
-  ASSERT_EQ(1u, agent.client->process_hello(r.decoder, reply));
-  EXPECT_EQ(ExpectedDigest(std::vector<uint8_t>(16, 0), "s3cret-key"), ReadReply(reply).digest);
 }
 
 uint32_t HelloAck(CAuthenticatorClient& client, std::initializer_list<uint32_t> results,

@@ -1,9 +1,8 @@
 // Where the Windows build uses the system instead of the project's own
 // code, against that code: the C runtime's towupper against the upper-case
 // table, and the system's address conversions against the project's
-// rendering of them. Each table row holds what the system gives (measured
-// under Wine 8) and, where it differs, what the project's code gives;
-// docs/windows-runtime.md lists the same differences.
+// rendering of them, over the rows the native tests use
+// (tests/protocol/address_rows.h).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "protocol/codec.h"
 #include "protocol/ip_address.h"
 #include "protocol/wide_upper.h"
+#include "tests/protocol/address_rows.h"
 
 namespace lindqvar {
 namespace {
@@ -57,8 +57,6 @@ TEST(UpperCaseUnderWine, TheBuildAppliesTowupperWhichMapsOnlyPartOfTheTable) {
 
 // --- address literals and text forms ---------------------------------------------
 
-constexpr char kSame[] = "same as the system";
-
 // The system's own answer: the literal's text form, or "" when refused.
 std::string SystemLiteral(const char* text) {
   for (const INT family : {AF_INET, AF_INET6}) {
@@ -99,82 +97,10 @@ std::string OwnLiteral(const char* text) {
 }
 
 TEST(AddressLiteralUnderWine, TheBuildParsesAsTheSystemDoes) {
-  struct Row {
-    const char* text;
-    const char* system;  // "" refused
-    const char* own = kSame;
-  };
-  const Row rows[] = {
-      // Short dotted forms, octal and hex parts, ports.
-      {"127.1", "127.0.0.1"},
-      {"10.258", "10.0.1.2"},
-      {"1.0xffffff", "1.255.255.255"},
-      {"1.2.65536", ""},
-      {"3232235777", "192.168.1.1"},
-      {"4294967296", ""},
-      {"0x7f.0.0.01", "127.0.0.1"},
-      {"0X7F.1", "127.0.0.1"},
-      {"012.0.0.1", "10.0.0.1"},
-      {"08.1.1.1", ""},
-      {"0400.1.1.1", ""},
-      {"0", "0.0.0.0"},
-      {"1.2.3.4:80", "1.2.3.4"},
-      {"1.2.3.4:0x50", "1.2.3.4"},
-      {"1.2.3.4:0", ""},
-      {"1.2.3.4:65536", ""},
-      {"1.2.3.4:08", ""},
-      {"1.2.3.4:", ""},
-      {" 1.2.3.4", ""},
-      {"1.2.3.4 ", ""},
-      {"1.2.3.", ""},
-      {"1..2", ""},
-      // Zone ids.
-      {"fe80::1%3", "fe80::1"},
-      {"fe80::1%0", "fe80::1"},
-      {"fe80::1%00", "", "fe80::1"},
-      {"fe80::1%4294967295", "fe80::1"},
-      {"fe80::1%4294967296", ""},
-      {"fe80::1%eth0", ""},
-      {"fe80::1%", ""},
-      {"::%1", "::"},
-      // Embedded IPv4.
-      {"::ffff:1.2.3.4", "::ffff:1.2.3.4"},
-      {"::1.2.3.4", "::1.2.3.4"},
-      {"::0.0.0.1", "::1"},
-      {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"},
-      {"1:2:3:4:5:6:7:1.2.3.4", ""},
-      {"::1.2.3", ""},
-      {"::256.1.1.1", ""},
-      {"1.2.3.4%5", ""},
-      // Leading zeros.
-      {"0001::1", "1::1"},
-      {"00000::1", ""},
-      {"1::001.2.3.4", "1::102:304"},
-      {"::1.02.3.4", "::1.2.3.4"},
-      {"1::0001.2.3.4", ""},
-      // Brackets.
-      {"[fe80::1]", "fe80::1"},
-      {"[fe80::1]:8001", "fe80::1"},
-      {"[fe80::1%12]:443", "fe80::1"},
-      {"[::1]:0x50", "::1"},
-      {"[::1]:08", ""},
-      {"[::1]:0", ""},
-      {"[fe80::1]:", ""},
-      {"[fe80::1]%3", ""},
-      {"[10.0.0.5]", ""},
-      {"[ ::1]", ""},
-      {"[]:80", ""},
-      // Word counts.
-      {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
-      {"1::2:3:4:5:6:7", "1:0:2:3:4:5:6:7"},
-      {"1::2::3", ""},
-      {"fe80:::1", ""},
-      {"12345::", ""},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : testing::kLiteralRows) {
     const std::string system = SystemLiteral(row.text);
     EXPECT_EQ(row.system, system) << row.text;
-    EXPECT_EQ(row.own == kSame ? row.system : row.own, OwnLiteral(row.text)) << row.text;
+    EXPECT_EQ(row.Own(), OwnLiteral(row.text)) << row.text;
     IpAddress parsed;
     const uint32_t literal = parse_address_literal(row.text, parsed);
     EXPECT_EQ(system.empty() ? 0u : 1u, literal) << row.text;
@@ -185,32 +111,7 @@ TEST(AddressLiteralUnderWine, TheBuildParsesAsTheSystemDoes) {
 }
 
 TEST(AddressLiteralUnderWine, TheBuildWritesIPv6AsTheSystemDoes) {
-  struct Row {
-    uint16_t words[8];
-    const char* system;
-    const char* own = kSame;
-  };
-  const Row rows[] = {
-      {{0, 0, 0, 0, 0, 0, 0, 1}, "::1"},
-      {{0, 0, 0, 0, 0, 0, 0, 0}, "::"},
-      {{0, 0, 0, 0, 0, 0, 0x102, 0x304}, "::1.2.3.4"},
-      {{0, 0, 0, 0, 0, 0, 1, 0}, "::0.1.0.0"},
-      {{0, 0, 0, 0, 0, 0, 0, 0x102}, "::102"},
-      {{0, 0, 0, 0, 0, 0xffff, 0x102, 0x304}, "::ffff:1.2.3.4"},
-      {{0, 0, 0, 0, 0, 0xffff, 0, 0}, "::ffff:0:0"},
-      {{0, 0, 0, 0, 0xffff, 0, 0x102, 0x304}, "::ffff:0:1.2.3.4"},
-      {{0, 0, 0, 0, 0xffff, 0, 0, 0}, "::ffff:0:0:0", "::ffff:0:0.0.0.0"},
-      {{0, 0, 0, 0, 0xffff, 0, 0, 1}, "::ffff:0:0:1", "::ffff:0:0.0.0.1"},
-      {{0x2001, 0xdb8, 0, 0, 0, 0x5efe, 0x102, 0x304}, "2001:db8::5efe:1.2.3.4"},
-      {{0x2001, 0xdb8, 0, 0, 0x200, 0x5efe, 0x102, 0x304}, "2001:db8::200:5efe:1.2.3.4"},
-      {{0x2001, 0xdb8, 0, 0, 0x300, 0x5efe, 0x102, 0x304}, "2001:db8::300:5efe:102:304"},
-      {{0x64, 0xff9b, 0, 0, 0, 0, 0x102, 0x304}, "64:ff9b::102:304"},
-      {{1, 0, 0, 1, 0, 0, 1, 1}, "1::1:0:0:1:1"},
-      {{1, 0, 1, 0, 0, 1, 0, 0}, "1:0:1::1:0:0"},
-      {{0, 1, 0, 0, 0, 0, 0, 0}, "0:1::"},
-      {{1, 2, 3, 4, 5, 6, 7, 0}, "1:2:3:4:5:6:7:0"},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : testing::kIPv6Rows) {
     uint8_t bytes[16];
     for (int i = 0; i < 8; ++i) {
       bytes[2 * i] = static_cast<uint8_t>(row.words[i] >> 8);
@@ -226,7 +127,7 @@ TEST(AddressLiteralUnderWine, TheBuildWritesIPv6AsTheSystemDoes) {
     EXPECT_STREQ(row.system, system);
     char own[64];
     OwnAddressToString(kFamilyIPv6, bytes, own, sizeof own);
-    EXPECT_STREQ(row.own == kSame ? row.system : row.own, own);
+    EXPECT_STREQ(row.Own(), own);
     IpAddress product;
     product.SetIPv6(bytes);
     EXPECT_STREQ(system, product.Text());
