@@ -3,6 +3,7 @@
 #include "agent/catalogue.h"
 #include "agent/session_manager.h"
 #include "platform/win32/platform_win32.h"
+#include "platform/win32/protected_security_win32.h"
 #include "protocol/tls.h"
 #include "platform/win32/windows_include.h"
 
@@ -12,8 +13,11 @@ int main(int argc, char** argv) {
   return lindqvar::AgentMain(
       argc, argv, platform.Get(),
       [](const std::string& name) {
-        // Automatic reset, not signalled; opens the event when the parent made it.
-        HANDLE h = ::CreateEventA(nullptr, FALSE, FALSE, name.c_str());
+        // Automatic reset, not signalled; opens the event when the parent
+        // made it. Made here, it gets SYSTEM and Administrators only.
+        lindqvar::win32::CProtectedSecurity security;
+        if (!security.get()) return std::unique_ptr<lindqvar::Event>();
+        HANDLE h = ::CreateEventA(security.get(), FALSE, FALSE, name.c_str());
         return h ? lindqvar::Event::Adopt(h) : nullptr;
       },
       [](std::unique_ptr<lindqvar::CSessionManager>) {

@@ -45,7 +45,9 @@ SettingsRecordView DecodeSettingsRecord(const uint8_t* record) {
 SettingsRecordView ReadSettingsRecord(ISupportLibrary& support) {
   uint8_t record[settings_record::kSize] = {};
   support.cfg_get_lindqvar_settings(record);
-  return DecodeSettingsRecord(record);
+  SettingsRecordView view = DecodeSettingsRecord(record);
+  WipeMemory(record, sizeof record);  // it holds the preshared key
+  return view;
 }
 
 void ParseServerList(const std::string& text, ServerList& list) {
@@ -92,7 +94,7 @@ uint32_t CAgentSettings::IsChanged(ISupportLibrary& support) const {
   const SettingsRecordView fresh = ReadSettingsRecord(support);
   ServerList freshList;
   ParseServerList(WideToAnsi(fresh.serverList), freshList);
-  const std::string freshKey = WideToUtf8(fresh.presharedKey);
+  const SecretString freshKey(WideToUtf8(fresh.presharedKey));
 
   const ServerList& inForce = Servers();
   if (std::strcmp(freshKey.c_str(), PresharedKey().c_str()) != 0) return 1;
@@ -131,7 +133,8 @@ void CAgentSettings::Load(ISupportLibrary& support, CLog& log) {
   m_preferAzure.store(record.preferAzure);
   auto config = std::make_shared<DeliveryConfig>();
   ParseServerList(servers, config->servers);
-  config->presharedKey = WideToUtf8(record.presharedKey);
+  const SecretString key(WideToUtf8(record.presharedKey));
+  config->presharedKey = key;
   std::lock_guard<std::mutex> lock(m_configLock);
   m_config = std::move(config);
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/secret.h"
 #include "protocol/server_entry.h"
 
 namespace lindqvar {
@@ -22,7 +23,7 @@ struct SettingsRecordView {
   uint32_t addressCategory = 0;
   uint32_t preferAzure = 0;
   std::u16string serverList;    // up to its NUL within 256 units
-  std::u16string presharedKey;  // up to its NUL within the rest of the record
+  SecretU16String presharedKey;  // up to its NUL within the rest of the record
 };
 
 // Decodes a raw record of settings_record::kSize bytes.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* kFunction = "GetAZureSessionUserInfo";
 constexpr uint32_t kPipeReadSize = 1024;
+constexpr const char* kDeviceRegistrationTool = "dsregcmd.exe";
 
 }  // namespace
 
@@ -26,8 +27,9 @@ int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t se
                                 std::u16string& user, std::u16string& domain,
                                 std::u16string& tenantId) {
   std::unique_ptr<IUserToken> token;
-  // Nobody logged on (1) is not a failure here: the tool is run with no token.
-  if (QuerySessionUserToken(system.accounts, log, sessionId, &token, true) < 0) {
+  // The tool runs as the session's user or not at all: with nobody logged
+  // on (1) there is no token and no lookup.
+  if (QuerySessionUserToken(system.accounts, log, sessionId, &token, true) != 0 || !token) {
     log.Debug("%s(), GetTokenOfSession() failed, err=%d", kFunction,
               static_cast<int>(system.accounts.LastError()));
     return kAzureNoToken;
@@ -35,7 +37,12 @@ int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t se
 
   std::string output;
   const int32_t run =
-      RunExternalProgram(system.console, system.timings, token.get(), "dsregcmd.exe", "/status", output);
+      RunExternalProgram(system.console, system.timings, *token, kDeviceRegistrationTool, "/status", output);
+  if (run == kRunOutputTooLong) {
+    log.Error("%s(), the output of %s exceeds %u bytes, lookup refused", kFunction,
+              kDeviceRegistrationTool, static_cast<unsigned>(kConsoleOutputLimit));
+    return kAzureProgramFailed;
+  }
   if (run != 0) {
     log.Debug("%s(), Calling of RunExternalProgram is failed, error:%d", kFunction, run);
     return kAzureProgramFailed;
@@ -53,11 +60,11 @@ int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t se
   // The token, when there is one, is closed here by its owner.
 }
 
-int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUserToken* token,
+int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUserToken& token,
                            const std::string& program, const std::string& arguments,
                            std::string& output) {
   std::unique_ptr<IConsolePipe> pipe;
-  const ConsoleStart start = runner.Start(token, program + " " + arguments, pipe);
+  const ConsoleStart start = runner.Start(token, program, arguments, pipe);
   switch (start.failure) {
     case ConsoleStartFailure::kNone:
       break;
@@ -70,9 +77,10 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
   }
   if (!pipe) return -1;
 
-  // Neither end of the pipe is ever closed (see the Windows runner), so the
-  // pipe never reports a broken pipe and reading always ends by the idle
-  // rule: that many empty polls in a row, one interval apart.
+  // Both ends of the pipe stay open while reading (see the Windows runner),
+  // so the pipe never reports a broken pipe and reading always ends by the
+  // idle rule: that many empty polls in a row, one interval apart. They
+  // close when `pipe` goes, at the end of this function.
   std::printf("Start to read pipe\n");
   uint32_t idle = 0;
   char buffer[kPipeReadSize];
@@ -87,6 +95,12 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
     uint32_t read = 0;
     if (!pipe->Read(buffer, kPipeReadSize, read) || read == 0) continue;
     std::printf("dwRead:%d\n", static_cast<int>(read));
+    // The program runs as the user, who can write to its pipe: more than
+    // any real status report is refused rather than collected.
+    if (output.size() + read > kConsoleOutputLimit) {
+      output.clear();
+      return kRunOutputTooLong;
+    }
     output.append(buffer, read);
     idle = 0;
   }

@@ -1,5 +1,5 @@
-// The Azure AD identity of a session's user: "dsregcmd.exe /status" run as
-// that user, its console output collected and parsed for the account and
+// The Azure AD identity of a session's user: "dsregcmd.exe /status" from the
+// system directory run as that user, its console output collected and parsed for the account and
 // the tenant.
 #pragma once
 
@@ -22,13 +22,20 @@ int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t se
                                 std::u16string& user, std::u16string& domain,
                                 std::u16string& tenantId);
 
-// Runs "<program> <arguments>" as the token's user and appends everything it
-// writes to `output` (ANSI code page bytes). 0 on success, -1 when the pipe
-// could not be made, the HRESULT form of the error when its read end could
-// not be made non-inheritable, -2 when the process could not be started.
-// Reading ends after timings.consoleIdlePolls empty polls in a row,
-// timings.consoleIdlePollMs apart.
-int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUserToken* token,
+// The most output RunExternalProgram takes from a program (64 KiB); a real
+// status report is a few KiB.
+inline constexpr uint32_t kConsoleOutputLimit = 64 * 1024;
+inline constexpr int32_t kRunOutputTooLong = -3;
+
+// Runs the system program "<program> <arguments>" as the token's user and
+// appends everything it writes to `output` (ANSI code page bytes). 0 on
+// success, -1 when the pipe could not be made, the HRESULT form of the error
+// when its read end could not be made non-inheritable, -2 when the process
+// could not be started, kRunOutputTooLong (output emptied) as soon as the
+// output would exceed kConsoleOutputLimit. Reading ends after
+// timings.consoleIdlePolls empty polls in a row, timings.consoleIdlePollMs
+// apart.
+int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUserToken& token,
                            const std::string& program, const std::string& arguments,
                            std::string& output);
 

@@ -128,13 +128,28 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
   if (!accounts.LookupSidAccount(sid, name, sidDomain)) return 0;
   user = name;
 
-  std::u16string dnsDomain;
-  if (useDnsDomain && GetUserDnsDomain(system.registry, sid, dnsDomain)) {
-    domain = dnsDomain;
-  } else {
+  if (!useDnsDomain) {
     domain = sidDomain;
+    return 1;
   }
+  std::u16string sessionDomain, userDnsDomain;
+  const bool fromSession = accounts.LogonSessionDnsDomain(*token, sessionDomain);
+  const bool fromUser = GetUserDnsDomain(system.registry, sid, userDnsDomain) != 0;
+  domain = ChooseDnsDomain(log, fromSession ? &sessionDomain : nullptr,
+                           fromUser ? &userDnsDomain : nullptr, sidDomain);
   return 1;
+}
+
+std::u16string ChooseDnsDomain(CLog& log, const std::u16string* sessionDomain,
+                               const std::u16string* userDnsDomain, const std::u16string& sidDomain) {
+  if (sessionDomain && !sessionDomain->empty()) {
+    if (userDnsDomain && !WideEqualsNoCase(*userDnsDomain, *sessionDomain)) {
+      log.Error("USERDNSDOMAIN %s differs from the logon session's DNS domain %s, ignored",
+                Utf8(*userDnsDomain).c_str(), Utf8(*sessionDomain).c_str());
+    }
+    return *sessionDomain;
+  }
+  return userDnsDomain ? *userDnsDomain : sidDomain;
 }
 
 int QuerySessionUserToken(IAccounts& accounts, CLog& log, uint32_t sessionId,

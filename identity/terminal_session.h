@@ -73,6 +73,14 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
 int QuerySessionUserToken(IAccounts& accounts, CLog& log, uint32_t sessionId,
                           std::unique_ptr<IUserToken>* token, bool wantLinkedToken);
 
+// The DNS domain to report for an account. The logon session's own DNS
+// domain wins; the user's USERDNSDOMAIN, which the user can rewrite, counts
+// only where the session gives none (or its data is unavailable); without
+// either the SID's domain stays. `sessionDomain` and `userDnsDomain` are null
+// when unknown. A USERDNSDOMAIN that differs from the session's is logged.
+std::u16string ChooseDnsDomain(CLog& log, const std::u16string* sessionDomain,
+                               const std::u16string* userDnsDomain, const std::u16string& sidDomain);
+
 // The user's own USERDNSDOMAIN from HKEY_USERS\<SID>\Volatile Environment.
 uint32_t GetUserDnsDomain(IRegistry& registry, const SidBytes& sid, std::u16string& domain);
 

@@ -40,6 +40,11 @@ class IAccounts {
   // 260 characters each. False on failure.
   virtual bool LookupSidAccount(const SidBytes& sid, std::u16string& name,
                                 std::u16string& domain) = 0;
+  // The DNS domain name of the token's logon session (LsaGetLogonSessionData
+  // for the token's TokenStatistics AuthenticationId), which the user cannot
+  // change. False when the system does not give the session's data; true
+  // with an empty name when the session has none (a local account).
+  virtual bool LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) = 0;
   // GetComputerNameW into 16 characters; empty on failure.
   virtual std::u16string ComputerName() = 0;
   // The calling thread's last system error (GetLastError()).

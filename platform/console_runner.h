@@ -1,6 +1,6 @@
-// Running a console program as a user, with its standard output and
-// standard error on an anonymous pipe that the caller reads.
-// platform/win32/identity_win32.h has the Windows implementation.
+// Running one of the system's console programs as a user, with its standard
+// output and standard error on an anonymous pipe that the caller reads.
+// platform/win32/console_runner_win32.h has the Windows implementation.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace lindqvar {
 
-// The read end of the pipe.
+// The read end of the pipe. Releasing it closes both ends of the pipe.
 class IConsolePipe {
  public:
   virtual ~IConsolePipe() = default;
@@ -26,7 +26,7 @@ enum class ConsoleStartFailure {
   kNone,         // started
   kPipe,         // CreatePipe
   kInheritance,  // making the read end non-inheritable
-  kProcess,      // CreateProcessAsUserA
+  kProcess,      // CreateProcessAsUserA, or the system directory unknown
 };
 
 struct ConsoleStart {
@@ -38,10 +38,13 @@ class IConsoleRunner {
  public:
   virtual ~IConsoleRunner() = default;
   // Makes an anonymous pipe of which only the write end is inheritable and
-  // starts `commandLine` as the token's user (a null token is passed on as
-  // it is) with a hidden window and standard output and error on the write
-  // end. The process is not waited for. On success `pipe` is the read end.
-  virtual ConsoleStart Start(IUserToken* token, const std::string& commandLine,
+  // starts `program`, a file name taken from the system directory (never a
+  // search), with the command line "<program> <arguments>", as the token's
+  // user with a hidden window and standard output and error on the write
+  // end. The process is not waited for. On success `pipe` is the read end;
+  // both ends stay open until it is released.
+  virtual ConsoleStart Start(IUserToken& token, const std::string& program,
+                             const std::string& arguments,
                              std::unique_ptr<IConsolePipe>& pipe) = 0;
 };
 

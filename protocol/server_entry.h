@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/secret.h"
+
 namespace lindqvar {
 
 inline constexpr uint32_t kDefaultServerPort = 8001;
@@ -24,7 +26,13 @@ using ServerList = std::vector<std::unique_ptr<ServerEntry>>;
 // The servers and the preshared key of one delivery pass. A pass works on
 // the snapshot it took at its start; a settings re-read swaps in a new one
 // without waiting for a pass to end.
+// The key is wiped when the snapshot goes.
 struct DeliveryConfig {
+  DeliveryConfig() = default;
+  DeliveryConfig(DeliveryConfig&&) = default;
+  DeliveryConfig& operator=(DeliveryConfig&&) = default;
+  ~DeliveryConfig() { WipeString(presharedKey); }
+
   ServerList servers;
   std::string presharedKey;  // UTF-8
 };

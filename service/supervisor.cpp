@@ -37,6 +37,15 @@ CAgentSupervisor::CAgentSupervisor(ISupervisorSystem& system, IServiceLog& log,
 
 uint32_t CAgentSupervisor::Run() {
   if (const uint32_t rc = m_system.CreateControlEvent(kControlEventName); rc != 0) {
+    if (rc == kErrorAlreadyExists) {
+      // Someone else made the event first and may hold a handle that can
+      // signal the agent.
+      m_log.Write(ServiceEvent::kControlEventExists, EventKind::kError,
+                  std::string("The agent's control event ") + kControlEventName +
+                      " already exists, made by another process; the service refuses it and does "
+                      "not start the agent.");
+      return rc;
+    }
     m_log.Write(ServiceEvent::kControlFailed, EventKind::kError,
                 std::string("Cannot create the agent's control event ") + kControlEventName + " (" +
                     Error(rc) + "); the service does not start the agent.");

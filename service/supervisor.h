@@ -25,6 +25,7 @@ inline constexpr char kControlEventName[] = "Global\\LindqvarAgent_Service";
 // other value asks it to re-read its settings when the event is signalled.
 inline constexpr uint32_t kStatusRun = 1;
 inline constexpr uint32_t kStatusStop = 3;
+inline constexpr uint32_t kErrorAlreadyExists = 183;  // ERROR_ALREADY_EXISTS
 
 // Every wait of the supervisor; the defaults are the product's values.
 struct SupervisorTimings {
@@ -49,6 +50,8 @@ enum class ServiceEvent : uint32_t {
   kAgentStartFailed = 107,
   kControlFailed = 108,    // the control event or the desired status cannot be set
   kWatchFailed = 109,      // the settings key cannot be watched (yet)
+  kLogFileRefused = 110,   // the log file is a link or not a plain file
+  kControlEventExists = 111,  // the control event's name is taken: refused
   kEnabled = 96981,
   kDisabled = 96982,
 };
@@ -77,7 +80,9 @@ enum class Wake { kStop, kSettingsChanged, kAgentEnded, kTimeout };
 class ISupervisorSystem {
  public:
   virtual ~ISupervisorSystem() = default;
-  // Creates the named automatic-reset control event (error code on failure).
+  // Creates the named automatic-reset control event, SYSTEM and
+  // Administrators only (error code on failure; kErrorAlreadyExists, with
+  // nothing kept, when another process made it first).
   virtual uint32_t CreateControlEvent(const std::string& name) = 0;
   virtual void SignalControlEvent() = 0;
   // Writes the desired status under DesiredStatus\25, value `key`.

@@ -1,7 +1,11 @@
 #include "platform/win32/accounts_win32.h"
 
+#include <memory>
+
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/windows_include.h"
+
+#include <ntsecapi.h>
 
 namespace lindqvar::win32 {
 
@@ -90,6 +94,31 @@ bool CAccountsWin32::LookupSidAccount(const SidBytes& sid, std::u16string& name,
   }
   name = U(nameBuffer);
   domain = U(domainBuffer);
+  return true;
+}
+
+bool CAccountsWin32::LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) {
+  dnsDomain.clear();
+  TOKEN_STATISTICS statistics = {};
+  DWORD returned = 0;
+  if (!::GetTokenInformation(Native(token), TokenStatistics, &statistics, sizeof statistics,
+                             &returned)) {
+    return false;
+  }
+  PSECURITY_LOGON_SESSION_DATA raw = nullptr;
+  if (::LsaGetLogonSessionData(&statistics.AuthenticationId, &raw) != 0 || !raw) return false;
+  struct FreeLsaBuffer {
+    void operator()(SECURITY_LOGON_SESSION_DATA* p) const { ::LsaFreeReturnBuffer(p); }
+  };
+  const std::unique_ptr<SECURITY_LOGON_SESSION_DATA, FreeLsaBuffer> data(raw);
+  // A session data block too old to carry the DNS domain counts as none.
+  if (data->Size < offsetof(SECURITY_LOGON_SESSION_DATA, DnsDomainName) + sizeof(LSA_UNICODE_STRING)) {
+    return true;
+  }
+  const LSA_UNICODE_STRING& name = data->DnsDomainName;
+  if (name.Buffer && name.Length > 0) {
+    dnsDomain.assign(reinterpret_cast<const char16_t*>(name.Buffer), name.Length / sizeof(wchar_t));
+  }
   return true;
 }
 

@@ -22,6 +22,7 @@ class CAccountsWin32 : public IAccounts {
   std::unique_ptr<IUserToken> LinkedToken(IUserToken& token) override;
   bool TokenUserSid(IUserToken& token, SidBytes& sid) override;
   bool LookupSidAccount(const SidBytes& sid, std::u16string& name, std::u16string& domain) override;
+  bool LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) override;
   std::u16string ComputerName() override;
   uint32_t LastError() override;
   void AbandonToken(std::unique_ptr<IUserToken> token) override;

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "platform/secret.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/support_key_win32.h"
@@ -51,9 +52,11 @@ LSTATUS QueryString(HKEY key, std::u16string_view name, std::u16string& out) {
   std::vector<uint8_t> data;
   const LSTATUS rc = QueryRaw(key, name, type, data);
   if (rc != ERROR_SUCCESS) return rc;
-  if (type != REG_SZ && type != REG_EXPAND_SZ) return ERROR_UNSUPPORTED_TYPE;
-  out = RegistryValueText(data);
-  return ERROR_SUCCESS;
+  const bool text = type == REG_SZ || type == REG_EXPAND_SZ;
+  if (text) out = RegistryValueText(data);
+  // The value may be the preshared key: no copy stays in freed memory.
+  WipeMemory(data.data(), data.capacity());
+  return text ? ERROR_SUCCESS : ERROR_UNSUPPORTED_TYPE;
 }
 
 LSTATUS OpenBelow(HKEY parent, std::u16string_view path, uint32_t access, REGSAM view,
@@ -66,7 +69,8 @@ std::u16string ReadString(HKEY key, std::u16string_view name, std::u16string_vie
   std::u16string value;
   const bool ok = QueryString(key, name, value) == ERROR_SUCCESS;
   if (found) *found = ok;
-  return ok ? value : std::u16string(fallback);
+  if (!ok) value = fallback;
+  return value;  // returned in place, not copied
 }
 
 std::u16string ReadString(HKEY root, const std::u16string& path, std::u16string_view name,

@@ -2,11 +2,14 @@
 
 #include "platform/win32/windows_include.h"
 
+#include <atomic>
 #include <cstring>
 #include <vector>
 
 #include "platform/os.h"
+#include "platform/secret.h"
 #include "platform/win32/accounts_win32.h"
+#include "platform/win32/log_file_win32.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/support_key_win32.h"
@@ -69,9 +72,26 @@ std::string Timestamp() {
   return buf;
 }
 
-HANDLE OpenForAppend(const std::u16string& path) {
-  return ::CreateFileW(W(path), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                       OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+// Opens the named log for appending; a refused file is reported to the
+// event log once per process and the agent carries on without it.
+ScopedFileHandle OpenLog(std::u16string_view name) {
+  static std::atomic<bool> reported{false};
+  const std::u16string file = std::u16string(name) + u".log";
+  const std::u16string folder = CSupportLibraryWin32::LogFolder();
+  ScopedFileHandle handle;
+  if (OpenLogFileForAppend(std::wstring(W(folder)), std::wstring(W(file)), handle) ==
+          LogFileOpen::kRefused &&
+      !reported.exchange(true)) {
+    const std::u16string text = u"The log file " + folder + file +
+                                u" is a link or not a plain file; logging to it is off";
+    ScopedEventSource source(::RegisterEventSourceW(nullptr, L"Lindqvar"));
+    if (source) {
+      const wchar_t* strings[] = {W(text)};
+      ::ReportEventW(source.get(), EVENTLOG_ERROR_TYPE, 0, kEventLogFileRefused, nullptr, 1, 0,
+                     strings, nullptr);
+    }
+  }
+  return handle;
 }
 
 // One line: time, thread, kind, then the text without its own line ends.
@@ -102,16 +122,16 @@ std::u16string RenderTitle(const CatalogueEvent& e, const char16_t* data) {
 CSupportLibraryWin32::CSupportLibraryWin32(std::span<const CatalogueEvent> catalogue)
     : m_catalogue(catalogue) {}
 
-std::u16string CSupportLibraryWin32::LogFilePath(std::u16string_view name) {
+std::u16string CSupportLibraryWin32::LogFolder() {
   std::u16string dir = ReadString(HKEY_LOCAL_MACHINE, kLoggingKey, u"LogDirectory", u"");
   if (dir.empty()) dir = ProgramDirectory();
-  if (dir.back() != u'\\' && dir.back() != u'/') dir += u'\\';
-  return dir + std::u16string(name) + u".log";
+  if (!dir.empty() && dir.back() != u'\\' && dir.back() != u'/') dir += u'\\';
+  return dir;
 }
 
 LogHandle CSupportLibraryWin32::log_initialize(std::u16string_view name) {
   auto* log = new LogContext();
-  log->file.Set(OpenForAppend(LogFilePath(name)));
+  log->file = OpenLog(name);
   uint8_t record[logging_record::kSize] = {};
   cfg_get_logging_info(record);
   const uint32_t enabled = ReadU32(record + logging_record::kEnabled);
@@ -184,7 +204,7 @@ void CSupportLibraryWin32::WriteEvent(uint32_t eventId, uint32_t level, const st
   // Catalogue events also go to the log file, whatever the level, so that
   // the start and stop of the agent and every delivery can be read in one
   // place.
-  ScopedFileHandle file(OpenForAppend(LogFilePath(kAgentLogName)));
+  ScopedFileHandle file = OpenLog(kAgentLogName);
   if (file) {
     const std::string line = std::to_string(eventId) + " " + WideToUtf8(text) +
                              (reported ? "" : " (event log unavailable)");
@@ -209,8 +229,8 @@ void CSupportLibraryWin32::cfg_get_lindqvar_settings(uint8_t* record) {
   PutU32(record + r::kAddressCategory, ReadDword(key.get(), u"AddressCategory", 0));
   PutU32(record + r::kPreferAzure, ReadDword(key.get(), u"PreferAzure", 0));
   PutWide(record + r::kServerList, ReadString(key.get(), u"Servers", u""), r::kServerListUnits);
-  PutWide(record + r::kPresharedKey, ReadString(key.get(), u"PresharedKey", u""),
-          r::kPresharedKeyUnits);
+  const SecretU16String presharedKey(ReadString(key.get(), u"PresharedKey", u""));
+  PutWide(record + r::kPresharedKey, presharedKey, r::kPresharedKeyUnits);
 }
 
 void CSupportLibraryWin32::cfg_get_logging_info(uint8_t* record) {

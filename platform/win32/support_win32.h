@@ -36,9 +36,9 @@ class CSupportLibraryWin32 : public ISupportLibrary {
   bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
-  // The file of a named log: <name>.log in the "LogDirectory" of the logging
-  // key, else beside the program.
-  static std::u16string LogFilePath(std::u16string_view name);
+  // The folder of the logs: the "LogDirectory" of the logging key, else the
+  // program's folder.
+  static std::u16string LogFolder();
 
  private:
   const CatalogueEvent* FindEvent(uint32_t eventId) const;
@@ -48,5 +48,9 @@ class CSupportLibraryWin32 : public ISupportLibrary {
   std::span<const CatalogueEvent> m_catalogue;
   std::mutex m_eventMutex;
 };
+
+// The event the agent's library reports, once per process, when a log file
+// is refused (see platform/win32/log_file_win32.h).
+inline constexpr uint32_t kEventLogFileRefused = 110;
 
 }  // namespace lindqvar::win32

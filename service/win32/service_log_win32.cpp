@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "platform/os.h"
+#include "platform/win32/log_file_win32.h"
 #include "platform/win32/registry_values.h"
 #include "service/win32/settings_key_win32.h"
 
@@ -10,14 +11,18 @@ namespace lindqvar::service {
 
 using win32::W;
 
+namespace {
+constexpr wchar_t kServiceLogFile[] = L"LindqvarService.log";
+}  // namespace
+
 CServiceLogWin32::CServiceLogWin32() : m_source(::RegisterEventSourceW(nullptr, kEventSource)) {}
 
-std::wstring CServiceLogWin32::FilePath() {
+std::wstring CServiceLogWin32::Folder() {
   std::u16string dir =
       win32::ReadString(HKEY_LOCAL_MACHINE, win32::kLoggingKey, u"LogDirectory", u"");
   std::wstring folder = dir.empty() ? ProgramFolder() : std::wstring(W(dir));
   if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
-  return folder + L"LindqvarService.log";
+  return folder;
 }
 
 void CServiceLogWin32::Write(ServiceEvent id, EventKind kind, const std::string& text) {
@@ -34,9 +39,20 @@ void CServiceLogWin32::Write(ServiceEvent id, EventKind kind, const std::string&
                    nullptr);
   }
 
-  win32::ScopedFileHandle file(::CreateFileW(FilePath().c_str(), FILE_APPEND_DATA,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                             OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  win32::ScopedFileHandle file;
+  const std::wstring folder = Folder();
+  const win32::LogFileOpen opened =
+      win32::OpenLogFileForAppend(folder, kServiceLogFile, file);
+  if (opened == win32::LogFileOpen::kRefused && !m_refusalReported && m_source) {
+    // Reported once; the service carries on with the event log alone.
+    m_refusalReported = true;
+    const std::wstring refused = L"The log file " + folder + kServiceLogFile +
+                                 L" is a link or not a plain file; logging to it is off";
+    const wchar_t* strings[] = {refused.c_str()};
+    ::ReportEventW(m_source.get(), EVENTLOG_ERROR_TYPE, 0,
+                   static_cast<DWORD>(ServiceEvent::kLogFileRefused), nullptr, 1, 0, strings,
+                   nullptr);
+  }
   if (!file) return;
   SYSTEMTIME t;
   ::GetLocalTime(&t);

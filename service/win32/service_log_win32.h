@@ -19,12 +19,13 @@ class CServiceLogWin32 : public IServiceLog {
   CServiceLogWin32();
   void Write(ServiceEvent id, EventKind kind, const std::string& text) override;
 
-  // The log file: LogDirectory of the agent's logging settings, else the
-  // program's folder.
-  static std::wstring FilePath();
+  // The log file's folder: LogDirectory of the agent's logging settings,
+  // else the program's folder.
+  static std::wstring Folder();
 
  private:
   std::mutex m_mutex;
+  bool m_refusalReported = false;
   win32::ScopedEventSource m_source;
 };
 

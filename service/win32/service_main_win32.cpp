@@ -5,7 +5,8 @@
 //                                          service control manager)
 //   lindqvar-service.exe --console         the same in the foreground, until Ctrl-C
 //   lindqvar-service.exe --setup install   create the settings key readable by
-//                                          SYSTEM and Administrators only
+//                                          SYSTEM and Administrators only; outside
+//                                          Program Files, protect the program folder
 //   lindqvar-service.exe --setup stopped   wait until the service has stopped
 //   lindqvar-service.exe --setup remove    the same, then remove the settings key,
 //                                          the service's registry value and log files
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/win32/protected_security_win32.h"
 #include "platform/win32/windows_include.h"
 #include "service/supervisor.h"
 #include "service/win32/service_log_win32.h"
@@ -83,7 +85,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   g_service.handle = ::RegisterServiceCtrlHandlerExW(kServiceName, ControlHandler, nullptr);
   if (!g_service.handle) return;
   ReportStatus(SERVICE_START_PENDING, 0, 10000);
-  g_service.stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  g_service.stop = ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
   if (!g_service.stop) {
     ReportStatus(SERVICE_STOPPED, ::GetLastError(), 0);
     return;
@@ -123,7 +125,8 @@ int Usage() {
                "  net start LindqvarAgent\n"
                "Other uses:\n"
                "  lindqvar-service.exe --console          run in the foreground until Ctrl-C\n"
-               "  lindqvar-service.exe --setup install    restrict the settings key's access\n"
+               "  lindqvar-service.exe --setup install    restrict the settings key's (and, outside\n"
+               "                                          Program Files, the program folder's) access\n"
                "  lindqvar-service.exe --setup stopped    wait until the service has stopped\n"
                "  lindqvar-service.exe --setup remove     the same, then remove its registry and logs\n");
   return 2;
@@ -139,14 +142,16 @@ int Main(int argc, char** argv) {
   }
   const std::string mode = argv[1];
   if (mode == "--console" && argc == 2) {
-    g_service.stop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    g_service.stop = ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
     ::SetConsoleCtrlHandler(ConsoleHandler, TRUE);
     return static_cast<int>(Supervise(g_service.stop));
   }
   if (mode == "--setup" && argc == 3 && std::strcmp(argv[2], "install") == 0) {
     const uint32_t rc = ProtectSettingsKey();
     if (rc != 0) std::fprintf(stderr, "cannot protect the settings key: error %u\n", rc);
-    return rc ? 1 : 0;
+    const uint32_t folder = ProtectInstallFolder();
+    if (folder != 0) std::fprintf(stderr, "cannot protect the program folder: error %u\n", folder);
+    return rc || folder ? 1 : 0;
   }
   if (mode == "--setup" && argc == 3 && std::strcmp(argv[2], "stopped") == 0) {
     WaitServiceStopped(kTimings.stopLimitMs + 10000);

@@ -9,6 +9,7 @@
 #include "platform/os.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/scoped_handle.h"
+#include "service/install_folder.h"
 #include "service/supervisor.h"
 
 namespace lindqvar::service {
@@ -136,6 +137,29 @@ void RemoveServiceRegistry() {
         std::u16string(u"software\\Orvane")}) {
     DeleteIfEmpty(path);
   }
+}
+
+uint32_t ProtectInstallFolder() {
+  const std::wstring folder = ProgramFolder();
+  const std::u16string programFiles = win32::ReadString(
+      HKEY_LOCAL_MACHINE, u"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", u"ProgramFilesDir", u"");
+  if (folder.empty()) return ERROR_PATH_NOT_FOUND;
+  if (IsWithinFolder(win32::U(folder.c_str()), programFiles)) return 0;
+  ScopedLocal sd;
+  if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
+          kInstallFolderSddl, SDDL_REVISION_1, reinterpret_cast<PSECURITY_DESCRIPTOR*>(sd.receive()),
+          nullptr)) {
+    return ::GetLastError();
+  }
+  BOOL present = FALSE, defaulted = FALSE;
+  PACL dacl = nullptr;
+  if (!::GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted)) return ::GetLastError();
+  // Set by name, so the inheritable entries also reach the files already there.
+  std::wstring path = folder;
+  while (path.size() > 3 && path.back() == L'\\') path.pop_back();
+  return ::SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT,
+                                 DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                 nullptr, nullptr, dacl, nullptr);
 }
 
 std::wstring ProgramFolder() {

@@ -29,6 +29,16 @@ SettingsSnapshot ReadSnapshot(HKEY key);
 // service's desired-status value, and the parent keys this leaves empty.
 void RemoveServiceRegistry();
 
+// Programs, SYSTEM and Administrators full control, users read and run;
+// nothing inherited from the parent folder.
+inline constexpr wchar_t kInstallFolderSddl[] =
+    L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+
+// Gives the running program's folder that access when it lies outside the
+// system's Program Files folder (see service/install_folder.h). 0 when done
+// or not needed, or the Windows error.
+uint32_t ProtectInstallFolder();
+
 // The folder of the running program, with a trailing backslash.
 std::wstring ProgramFolder();
 

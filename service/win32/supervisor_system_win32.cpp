@@ -3,11 +3,13 @@
 #include <vector>
 
 #include "platform/os.h"
+#include "platform/win32/protected_security_win32.h"
 #include "platform/win32/registry_values.h"
 #include "service/win32/settings_key_win32.h"
 
 namespace lindqvar::service {
 
+using win32::CProtectedSecurity;
 using win32::ScopedHandle;
 using win32::ScopedRegKey;
 using win32::W;
@@ -48,14 +50,21 @@ HANDLE CreateKillOnCloseJob() {
 CSupervisorSystemWin32::CSupervisorSystemWin32(std::wstring agentPath, HANDLE stop)
     : m_agentPath(std::move(agentPath)),
       m_stop(stop),
-      m_settingsChanged(::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_settingsChanged(::CreateEventW(CProtectedSecurity().get(), FALSE, FALSE, nullptr)),
       m_job(CreateKillOnCloseJob()) {}
 
 uint32_t CSupervisorSystemWin32::CreateControlEvent(const std::string& name) {
-  // Automatic reset, not signalled. The service's own token gives the
-  // default access: SYSTEM and Administrators only.
-  m_control.Set(::CreateEventA(nullptr, FALSE, FALSE, name.c_str()));
-  return m_control ? 0 : ::GetLastError();
+  // Automatic reset, not signalled, with SYSTEM and Administrators only in
+  // its DACL. A name already taken means another process made the event
+  // first, with a DACL of its choosing, and could signal the agent: that
+  // event is refused.
+  CProtectedSecurity security;
+  if (!security.get()) return ::GetLastError();
+  ScopedHandle event(::CreateEventA(security.get(), FALSE, FALSE, name.c_str()));
+  if (!event) return ::GetLastError();
+  if (::GetLastError() == ERROR_ALREADY_EXISTS) return ERROR_ALREADY_EXISTS;
+  m_control = std::move(event);
+  return 0;
 }
 
 void CSupervisorSystemWin32::SignalControlEvent() { ::SetEvent(m_control.get()); }

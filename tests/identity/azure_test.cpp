@@ -101,7 +101,9 @@ class RunExternalProgramTest : public ::testing::Test {
     timings.consoleIdlePolls = 50;
     timings.consoleIdlePollMs = 0;
   }
-  int32_t Run() { return RunExternalProgram(runner, timings, nullptr, "prog.exe", "/x", output); }
+  int32_t Run() { return RunExternalProgram(runner, timings, token, "prog.exe", "/x", output); }
+  std::atomic<int> closed{0};
+  FakeToken token{closed, 4};
   FakeConsoleRunner runner;
   Timings timings;
   std::string output;
@@ -117,6 +119,32 @@ TEST_F(RunExternalProgramTest, ReadsInPiecesUntilFiftyEmptyPolls) {
   EXPECT_EQ(4, *runner.reads);  // 1024 + 1024 + 952, then "tail"
   // 3 peeks with data, 30 empty, 1 with "tail", then 51 empty: the 51st ends.
   EXPECT_EQ(3 + 30 + 1 + 51, *runner.peeks);
+}
+
+TEST_F(RunExternalProgramTest, OutputBeyondTheLimitIsRefused) {
+  // The user owns the program and can write its pipe: rows of (pieces
+  // written, result, bytes kept).
+  const uint32_t limit = kConsoleOutputLimit;
+  struct Row {
+    std::vector<PipeStep> script;
+    int32_t result;
+    size_t kept;
+  };
+  const Row rows[] = {
+      {{PipeStep{std::string(limit, 'a')}}, 0, limit},
+      {{PipeStep{std::string(limit + 1, 'a')}}, kRunOutputTooLong, 0},
+      {{PipeStep{std::string(limit - 1, 'a')}, PipeStep{"", 1}, PipeStep{"bc"}}, kRunOutputTooLong, 0},
+      // Refused at once: the rest of an endless writer is not read.
+      {{PipeStep{std::string(limit, 'a')}, PipeStep{std::string(limit * 4, 'b')}}, kRunOutputTooLong, 0},
+  };
+  for (const Row& row : rows) {
+    runner.script = row.script;
+    *runner.reads = 0;
+    output.clear();
+    EXPECT_EQ(row.result, Run()) << row.script.size();
+    EXPECT_EQ(row.kept, output.size());
+    EXPECT_LE(*runner.reads, static_cast<int>(limit / 1024 + 1));
+  }
 }
 
 TEST_F(RunExternalProgramTest, FailedReadsRetryAtOnceAndAFailedPeekEnds) {
@@ -176,11 +204,21 @@ TEST_F(AzureLookupTest, FailureResults) {
   EXPECT_EQ(kAzureProgramFailed, Lookup());
   EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is failed, error:-2"));
 
-  accounts.queryError = 5;
-  EXPECT_EQ(kAzureNoToken, Lookup(8));
-  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=5"));
-  EXPECT_EQ(2u, runner.commandLines.size());
-  EXPECT_EQ(2, accounts.tokensClosed.load());
+  runner.result = {};
+  runner.script = {PipeStep{std::string(kConsoleOutputLimit + 1, ' ')}};
+  EXPECT_EQ(kAzureProgramFailed, Lookup());
+  EXPECT_EQ(1u, support.CountLines(
+                    "GetAZureSessionUserInfo(), the output of dsregcmd.exe exceeds 65536 bytes, lookup refused"));
+
+  // No token, no tool: neither on a failure nor with nobody logged on.
+  for (uint32_t error : {5u, kErrorNotLoggedOn}) {
+    accounts.queryError = error;
+    EXPECT_EQ(kAzureNoToken, Lookup(8));
+    EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=" +
+                                std::to_string(error)));
+  }
+  EXPECT_EQ(3u, runner.commandLines.size());
+  EXPECT_EQ(3, accounts.tokensClosed.load());
 }
 
 }  // namespace

@@ -54,6 +54,13 @@ bool FakeAccounts::LookupSidAccount(const SidBytes& sid, std::u16string& name,
   return false;
 }
 
+bool FakeAccounts::LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) {
+  const User* user = UserOf(token);
+  if (!user || !user->sessionDnsDomain) return false;
+  dnsDomain = *user->sessionDnsDomain;
+  return true;
+}
+
 void FakeAccounts::AbandonToken(std::unique_ptr<IUserToken> token) {
   auto* fake = static_cast<FakeToken*>(token.get());
   fake->Abandon();
@@ -111,10 +118,11 @@ class ScriptedPipe : public IConsolePipe {
 };
 }  // namespace
 
-ConsoleStart FakeConsoleRunner::Start(IUserToken* token, const std::string& commandLine,
+ConsoleStart FakeConsoleRunner::Start(IUserToken& token, const std::string& program,
+                                      const std::string& arguments,
                                       std::unique_ptr<IConsolePipe>& pipe) {
-  commandLines.push_back(commandLine);
-  lastToken = token ? reinterpret_cast<intptr_t>(token->native()) : 0;
+  commandLines.push_back(program + " " + arguments);
+  lastToken = reinterpret_cast<intptr_t>(token.native());
   if (result.failure != ConsoleStartFailure::kNone) return result;
   pipe = std::make_unique<ScriptedPipe>(script, peeks, reads);
   return {};

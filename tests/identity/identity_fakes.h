@@ -45,6 +45,8 @@ class FakeAccounts : public IAccounts {
     bool lookupFails = false;
     bool tokenInformationFails = false;
     int linkedTokenId = 0;  // 0: no linked token
+    // The logon session's DNS domain; unset: the session data is unavailable.
+    std::optional<std::u16string> sessionDnsDomain;
   };
 
   // A session with this user; sessions not set fail with `queryError`.
@@ -55,6 +57,7 @@ class FakeAccounts : public IAccounts {
   std::unique_ptr<IUserToken> LinkedToken(IUserToken& token) override;
   bool TokenUserSid(IUserToken& token, SidBytes& sid) override;
   bool LookupSidAccount(const SidBytes& sid, std::u16string& name, std::u16string& domain) override;
+  bool LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) override;
   std::u16string ComputerName() override { return computerName; }
   uint32_t LastError() override { return m_lastError; }
   void AbandonToken(std::unique_ptr<IUserToken> token) override;
@@ -86,14 +89,14 @@ struct PipeStep {
 
 class FakeConsoleRunner : public IConsoleRunner {
  public:
-  ConsoleStart Start(IUserToken* token, const std::string& commandLine,
+  ConsoleStart Start(IUserToken& token, const std::string& program, const std::string& arguments,
                      std::unique_ptr<IConsolePipe>& pipe) override;
 
   ConsoleStart result;  // a failure to report instead of starting
   std::vector<PipeStep> script;
   // What the last start saw.
   std::vector<std::string> commandLines;
-  std::optional<intptr_t> lastToken;  // native value of the token, 0 for none
+  std::optional<intptr_t> lastToken;  // native value of the token
   // Calls made on the pipe.
   std::shared_ptr<int> peeks = std::make_shared<int>(0);
   std::shared_ptr<int> reads = std::make_shared<int>(0);

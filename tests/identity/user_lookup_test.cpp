@@ -2,6 +2,8 @@
 // account, and the choice between the AD and the Azure AD answers.
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "identity/azure.h"
 #include "identity/terminal_session.h"
 #include "tests/identity/identity_fakes.h"
@@ -26,11 +28,12 @@ class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
   // An account in session 2, with USERDNSDOMAIN in its volatile
   // environment when `dnsDomain` is set.
   void DomainUser(const std::u16string& domain, const std::u16string& dnsDomain = u"",
-                  uint32_t rid = 1107) {
+                  uint32_t rid = 1107, std::optional<std::u16string> sessionDnsDomain = {}) {
     FakeAccounts::User user;
     user.sid = DomainSid(rid);
     user.name = u"mlind";
     user.domain = domain;
+    user.sessionDnsDomain = std::move(sessionDnsDomain);
     accounts.SetUser(2, user);
     if (!dnsDomain.empty()) {
       std::u16string sidText;
@@ -179,6 +182,38 @@ TEST_F(UserLookupTest, DnsDomainComesFromTheUsersVolatileEnvironment) {
   EXPECT_EQ(0u, GetUserDnsDomain(registry, longSid, domain));
 }
 
+TEST_F(UserLookupTest, DnsDomainPrefersTheLogonSessionsOwn) {
+  // USERDNSDOMAIN is the user's to rewrite; the logon session's DNS domain
+  // is not. Rows: the session's (unset: its data unavailable), the user's
+  // USERDNSDOMAIN (empty: none), the domain reported, whether a mismatch is logged.
+  struct Row {
+    std::optional<std::u16string> session;
+    std::u16string userDnsDomain;
+    std::u16string reported;
+    bool mismatchLogged;
+  };
+  const Row rows[] = {
+      {u"FABRIKAM.EXAMPLE.TEST", u"FORGED.TEST", u"FABRIKAM.EXAMPLE.TEST", true},
+      {u"FABRIKAM.EXAMPLE.TEST", u"fabrikam.example.test", u"FABRIKAM.EXAMPLE.TEST", false},
+      {u"FABRIKAM.EXAMPLE.TEST", u"", u"FABRIKAM.EXAMPLE.TEST", false},
+      {u"", u"OTHER.TEST", u"OTHER.TEST", false},                 // the session has none
+      {std::nullopt, u"OTHER.TEST", u"OTHER.TEST", false},        // no session data
+      {std::nullopt, u"", u"FABRIKAM", false},
+  };
+  const std::string mismatch =
+      "USERDNSDOMAIN FORGED.TEST differs from the logon session's DNS domain "
+      "FABRIKAM.EXAMPLE.TEST, ignored";
+  uint32_t rid = 2000;
+  for (const Row& row : rows) {
+    DomainUser(u"FABRIKAM", row.userDnsDomain, ++rid, row.session);  // a fresh hive key each row
+    const size_t before = support.CountLines(mismatch);
+    std::u16string user, domain;
+    EXPECT_EQ(kTsDomainAccount, GetTSSessionUserName(system, log, 2, user, domain, 1));
+    EXPECT_EQ(row.reported, domain) << rid;
+    EXPECT_EQ(row.mismatchLogged ? 1u : 0u, support.CountLines(mismatch) - before) << rid;
+  }
+}
+
 TEST_F(UserLookupTest, TokenLookupResults) {
   std::unique_ptr<IUserToken> token;
   EXPECT_EQ(-1, QuerySessionUserToken(accounts, log, 2, nullptr, false));
@@ -309,17 +344,14 @@ TEST_F(UserLookupTest, BothAnswersFollowThePreferAzureSwitch) {
   EXPECT_EQ(1u, support.CountLines("Got both AD and Azure user logon info, prefer user Azure"));
 }
 
-TEST_F(UserLookupTest, NobodyLoggedOnStillAsksAzure) {
+TEST_F(UserLookupTest, NobodyLoggedOnRunsNoTool) {
   AzureAnswers(kJoinedOutput);
-  ASSERT_EQ(1u, LoadSessionUser(system, record, 6, log, 0));
+  EXPECT_EQ(0u, LoadSessionUser(system, record, 6, log, 0));
   EXPECT_TRUE(support.HasLine("iResult:3"));
   EXPECT_EQ(2u, support.CountLines("Failed to call WTSQueryUserToken for session ID:6,error:1245"));
-  EXPECT_EQ(0, console.lastToken.value());  // run with no token
-  EXPECT_EQ("mara.lind", record.UserName());
-
-  console.script = {PipeStep{kNotJoinedOutput}};
-  EXPECT_EQ(0u, LoadSessionUser(system, record, 6, log, 0));
-  EXPECT_TRUE(support.HasLine("Failed to get username for session ID:6"));
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=1245"));
+  EXPECT_TRUE(console.commandLines.empty());  // never run without the user's token
+  EXPECT_EQ("", record.UserName());
 }
 
 TEST_F(UserLookupTest, MissingQueryFunctionFailsBothSides) {

@@ -8,6 +8,7 @@
 
 #include "agent/args.h"
 #include "platform/os.h"
+#include "service/install_folder.h"
 
 namespace lindqvar::service {
 namespace {
@@ -254,11 +255,17 @@ TEST_F(SupervisorTest, DisablingStopsTheAgentAndEnablingStartsAFreshOne) {
 }
 
 TEST_F(SupervisorTest, FailuresOfTheSystemCalls) {
-  // No control event: no agent, and the service reports the error.
-  sys.eventError = 5;
-  EXPECT_EQ(Run(), 5u);
-  EXPECT_EQ(sys.journal, (J{"event Global\\LindqvarAgent_Service"}));
-  EXPECT_EQ(sys.events, (E{id(ServiceEvent::kControlFailed)}));
+  // No control event, or one another process made first: no agent, and
+  // the service reports why. Rows: the error, the event reported.
+  const std::pair<uint32_t, ServiceEvent> refusals[] = {
+      {5u, ServiceEvent::kControlFailed}, {kErrorAlreadyExists, ServiceEvent::kControlEventExists}};
+  for (const auto& [error, event] : refusals) {
+    ScriptedSystem r;
+    r.eventError = error;
+    EXPECT_EQ(CAgentSupervisor(r, r, timings).Run(), error);
+    EXPECT_EQ(r.journal, (J{"event Global\\LindqvarAgent_Service"}));
+    EXPECT_EQ(r.events, (E{id(event)}));
+  }
 
   // The agent cannot start: retried with the back-off; a settings change
   // while waiting tries at once.
@@ -314,6 +321,24 @@ TEST(SettingsSnapshotTest, StateValueIgnoredAndEnabledReadAsTheAgentReadsIt) {
   }
   EXPECT_TRUE(SettingsSnapshot().Enabled());
   EXPECT_TRUE(SettingsSnapshot::Missing().Enabled());
+}
+
+TEST(InstallFolderTest, OnlyFoldersInsideProgramFilesGoUnprotected) {
+  const std::u16string programFiles = u"C:\\Program Files";
+  const std::pair<const char16_t*, bool> rows[] = {
+      {u"C:\\Program Files\\Lindqvar\\", true},
+      {u"c:/program files/Lindqvar", true},
+      {u"C:\\Program Files", true},
+      {u"C:\\Program Files2\\Lindqvar", false},  // a sibling sharing the prefix
+      {u"C:\\Program Files (x86)\\Lindqvar", false},
+      {u"C:\\Lindqvar\\", false},
+      {u"D:\\Program Files\\Lindqvar", false},
+      {u"C:\\Program", false},
+  };
+  for (const auto& [path, inside] : rows) {
+    EXPECT_EQ(inside, IsWithinFolder(path, programFiles)) << WideToUtf8(path);
+  }
+  EXPECT_FALSE(IsWithinFolder(u"C:\\Lindqvar", u""));  // an unknown Program Files protects
 }
 
 }  // namespace

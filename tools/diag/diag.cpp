@@ -389,8 +389,10 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
         error = "cannot read the key file " + v;
         return false;
       }
-      std::getline(in, o.key);
-      if (!o.key.empty() && o.key.back() == '\r') o.key.pop_back();
+      std::string line;
+      std::getline(in, line);
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      o.key = std::move(line);  // the line's buffer is wiped by the move
       o.keyGiven = true;
     } else if (a == "--user") {
       if (!value(o.event.user)) return false;
@@ -498,7 +500,7 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
 
   // The servers and key: the command line first, then the agent's settings.
   ServerList servers;
-  std::string key = options.key;
+  SecretString key(options.key);
   SettingsRecordView settings;
   if (system) settings = ReadSettingsRecord(*system);
   if (!options.servers.empty()) {

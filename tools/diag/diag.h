@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "platform/secret.h"
 #include "platform/security_package.h"
 #include "platform/support.h"
 #include "tools/diag/diag_event.h"
@@ -32,7 +33,7 @@ struct DiagOptions {
   std::string serverList;                 // --servers: the settings' own format
   std::vector<std::string> servers;       // --server HOST[:PORT]
   bool keyGiven = false;
-  std::string key;                        // UTF-8
+  SecretString key;                       // UTF-8, wiped when released
   DiagEvent event;
   uint32_t session = 1;
   std::string clientGuid;                 // empty: the system's, if any

@@ -1,8 +1,10 @@
 // lindqvar-diag: see docs/diag.md.
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/secret.h"
 #include "protocol/tls.h"
 #include "tools/diag/diag.h"
 
@@ -18,7 +20,13 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   DiagOptions options;
   std::string error;
-  if (!ParseArguments(args, options, error)) {
+  const bool parsed = ParseArguments(args, options, error);
+  // A key given on the command line is held in `options` alone from here.
+  for (std::string& arg : args) lindqvar::WipeString(arg);
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i - 1], "--key") == 0) lindqvar::WipeMemory(argv[i], std::strlen(argv[i]));
+  }
+  if (!parsed) {
     std::fprintf(stderr, "lindqvar-diag: %s\n\n%s", error.c_str(), kUsage);
     return kExitUsage;
   }

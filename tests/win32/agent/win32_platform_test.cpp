@@ -11,12 +11,16 @@
 #include "agent/state.h"
 #include "platform/event.h"
 #include "platform/log.h"
+#include "platform/os.h"
 #include "platform/win32/registry_values.h"
 #include "platform/win32/registry_win32.h"
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/session_window_win32.h"
 #include "platform/win32/sessions_win32.h"
 #include "platform/win32/support_win32.h"
+
+#include <aclapi.h>
+#include <sddl.h>
 
 namespace lindqvar::win32 {
 namespace {
@@ -117,6 +121,57 @@ TEST_F(Win32Platform, LogLevelsFilterLinesAndCatalogueEventsAlwaysReachTheFile) 
   EXPECT_NE(log.find("ERROR visible error line\r\n"), std::string::npos) << log;
   EXPECT_NE(log.find("DEBUG visible debug line"), std::string::npos) << log;
   EXPECT_NE(log.find("EVENT 96983 Lindqvar is starting..., version:"), std::string::npos) << log;
+}
+
+TEST_F(Win32Platform, PlantedLogFilesAreRefusedAndAMissingFolderIsMadeProtected) {
+  // A file of the attacker's choosing, hard-linked under the log's name:
+  // nothing the agent logs may reach it. (Wine 8 can make no symbolic link:
+  // CreateSymbolicLinkW returns TRUE and makes nothing, and a Unix link is
+  // followed unseen; the reparse-point refusal is for Windows.)
+  const std::u16string victim = m_logDir + u"\\victim.txt";
+  {
+    std::ofstream(std::string(WideToUtf8(victim)), std::ios::binary) << "victim";
+  }
+  ::DeleteFileW(W(m_logFile));
+  ASSERT_TRUE(::CreateHardLinkW(W(m_logFile), W(victim), nullptr)) << ::GetLastError();
+  SetValue(kLoggingKey, u"LogLevel", 2);
+  LogHandle planted = m_support.log_initialize(u"FA_LINDQ");
+  m_support.log_error(planted, "an error line");
+  m_support.LogW(kEventStarting, nullptr);
+  m_support.log_deinitialize(planted);
+  EXPECT_EQ(ReadFile(victim), "victim");
+  ::DeleteFileW(W(m_logFile));
+  ::DeleteFileW(W(victim));
+
+  // A LogDirectory that does not exist is made for SYSTEM and Administrators.
+  const std::u16string fresh = m_logDir + u"\\fresh";
+  ::DeleteFileW(W(fresh + u"\\FA_LINDQ.log"));
+  ::RemoveDirectoryW(W(fresh));
+  SetValue(kLoggingKey, u"LogDirectory", fresh);
+  LogHandle h = m_support.log_initialize(u"FA_LINDQ");
+  m_support.log_error(h, "into the new folder");
+  m_support.log_deinitialize(h);
+  EXPECT_NE(ReadFile(fresh + u"\\FA_LINDQ.log").find("into the new folder"), std::string::npos);
+  PSECURITY_DESCRIPTOR sd = nullptr;
+  PACL dacl = nullptr;
+  ASSERT_EQ(::GetNamedSecurityInfoW(W(fresh), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                    nullptr, &dacl, nullptr, &sd),
+            static_cast<DWORD>(ERROR_SUCCESS));
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(::ConvertSecurityDescriptorToStringSecurityDescriptorW(
+      sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  std::wstring access = text;
+  ::LocalFree(text);
+  ::LocalFree(sd);
+  // Wine keeps a file's access as Unix permissions: the administrators'
+  // entry comes back as the owner's, and a folder made without an access
+  // has a read entry for everyone (WD). Users of any kind get nothing here.
+  EXPECT_NE(access.find(L"(A;OICI;FA;;;SY)"), std::wstring::npos) << access;
+  for (const wchar_t* others : {L";WD)", L";BU)", L";AU)", L";IU)"}) {
+    EXPECT_EQ(access.find(others), std::wstring::npos) << access;
+  }
+  ::DeleteFileW(W(fresh + u"\\FA_LINDQ.log"));
+  ::RemoveDirectoryW(W(fresh));
 }
 
 TEST_F(Win32Platform, DesiredStatusGuidAndRegistryHelpers) {

@@ -4,7 +4,8 @@
 //   LINDQVAR_DSREG_STDERR    text written to standard error afterwards
 //   LINDQVAR_DSREG_PAUSE_AT  byte offset at which to pause ...
 //   LINDQVAR_DSREG_PAUSE_MS  ... for this many milliseconds
-//   LINDQVAR_DSREG_ARGS      file that receives the command line
+//   LINDQVAR_DSREG_ARGS      file that receives the command line, then a line
+//                            with this program's own path
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -48,9 +49,11 @@ int main() {
   if (!argsFile.empty()) {
     HANDLE f = ::CreateFileA(argsFile.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (f != INVALID_HANDLE_VALUE) {
-      const char* line = ::GetCommandLineA();
+      char self[MAX_PATH] = {};
+      const DWORD length = ::GetModuleFileNameA(nullptr, self, MAX_PATH);
+      const std::string text = std::string(::GetCommandLineA()) + "\n" + std::string(self, length);
       DWORD n = 0;
-      ::WriteFile(f, line, static_cast<DWORD>(std::string(line).size()), &n, nullptr);
+      ::WriteFile(f, text.data(), static_cast<DWORD>(text.size()), &n, nullptr);
       ::CloseHandle(f);
     }
   }

@@ -1,5 +1,6 @@
 // The identity code on Wine's own token, accounts, registry, pipes, IP
-// helper and WMI, with a stand-in dsregcmd.exe beside this program.
+// helper and WMI, with a stand-in dsregcmd.exe installed into the prefix's
+// system folder (the only place the agent takes it from).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -86,6 +87,43 @@ class StandIn {
   std::string m_args = TempPath("lindqvar-dsreg-args.txt");
 };
 
+// Copies the stand-in built beside this program into the system folder.
+class StandInInstaller : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    char self[MAX_PATH] = {};
+    std::string built(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
+    built = built.substr(0, built.find_last_of("\\/") + 1) + "dsregcmd.exe";
+    const std::string installed = SystemProgramPath("dsregcmd.exe");
+    ASSERT_FALSE(installed.empty());
+    ASSERT_TRUE(::CopyFileA(built.c_str(), installed.c_str(), FALSE))
+        << built << " -> " << installed << ": " << ::GetLastError();
+  }
+};
+[[maybe_unused]] const auto* const kStandInInstaller = ::testing::AddGlobalTestEnvironment(new StandInInstaller);
+
+// The Wine user's own token, as the agent would get it for the console session.
+std::unique_ptr<IUserToken> UserToken() {
+  static CAccountsWin32 accounts;
+  static FakeSupport sink;
+  static CLog log(sink);
+  std::unique_ptr<IUserToken> token;
+  QuerySessionUserToken(accounts, log, ::WTSGetActiveConsoleSessionId(), &token, false);
+  return token;
+}
+
+// The process's open handles. GetProcessHandleCount says 0 under Wine 8,
+// so the handle values are probed instead (Wine and Windows give multiples
+// of 4, the lowest free one first).
+size_t OpenHandleCount() {
+  size_t count = 0;
+  for (ULONG_PTR value = 4; value < 0x10000; value += 4) {
+    DWORD flags = 0;
+    if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
+  }
+  return count;
+}
+
 Timings ShortTimings() {
   Timings t;
   t.consoleIdlePolls = 50;
@@ -108,9 +146,33 @@ TEST(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReads) {
   standIn.Stderr("stderr text\r\n");
   CConsoleRunnerWin32 runner;
   std::string output;
-  ASSERT_EQ(0, RunExternalProgram(runner, ShortTimings(), nullptr, "dsregcmd.exe", "/status", output));
+  const auto token = UserToken();
+  ASSERT_TRUE(token);
+  ASSERT_EQ(0, RunExternalProgram(runner, ShortTimings(), *token, "dsregcmd.exe", "/status", output));
   EXPECT_EQ(expected + "stderr text\r\n", output);
-  EXPECT_NE(std::string::npos, standIn.CommandLine().find("dsregcmd.exe /status"));
+  // The program seen by its name, started from the system folder although
+  // a program of that name sits in this program's folder (searched first).
+  EXPECT_EQ("dsregcmd.exe /status\n" + SystemProgramPath("dsregcmd.exe"), standIn.CommandLine());
+}
+
+TEST(ConsoleRunnerUnderWine, LookupsLeaveNoHandlesBehind) {
+  StandIn standIn(kNotJoined);
+  CConsoleRunnerWin32 runner;
+  Timings quick;
+  quick.consoleIdlePolls = 2;
+  quick.consoleIdlePollMs = 10;
+  const auto token = UserToken();
+  ASSERT_TRUE(token);
+  std::string output;
+  ASSERT_EQ(0, RunExternalProgram(runner, quick, *token, "dsregcmd.exe", "/status", output));
+  const size_t before = OpenHandleCount();
+  ASSERT_GT(before, 0u);
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(0, RunExternalProgram(runner, quick, *token, "dsregcmd.exe", "/status", output));
+  }
+  const size_t after = OpenHandleCount();
+  // Two pipe ends a lookup were left open before: 100 here.
+  EXPECT_LE(after, before + 5) << before << " -> " << after;
 }
 
 TEST(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
@@ -121,8 +183,10 @@ TEST(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
   standIn.Pause(sizeof kJoined - 1, 3000);
   CConsoleRunnerWin32 runner;
   std::string output;
+  const auto token = UserToken();
+  ASSERT_TRUE(token);
   const ULONGLONG start = ::GetTickCount64();
-  ASSERT_EQ(0, RunExternalProgram(runner, Timings{}, nullptr, "dsregcmd.exe", "/status", output));
+  ASSERT_EQ(0, RunExternalProgram(runner, Timings{}, *token, "dsregcmd.exe", "/status", output));
   const ULONGLONG elapsed = ::GetTickCount64() - start;
   EXPECT_EQ(std::string(kJoined) + kNotJoined, output);
   EXPECT_GE(elapsed, 3000u + 5000u);
@@ -131,7 +195,9 @@ TEST(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
 TEST(ConsoleRunnerUnderWine, ProgramThatCannotStart) {
   CConsoleRunnerWin32 runner;
   std::string output;
-  EXPECT_EQ(-2, RunExternalProgram(runner, ShortTimings(), nullptr, "lindqvar-no-such-tool.exe",
+  const auto token = UserToken();
+  ASSERT_TRUE(token);
+  EXPECT_EQ(-2, RunExternalProgram(runner, ShortTimings(), *token, "lindqvar-no-such-tool.exe",
                                    "/status", output));
   EXPECT_EQ("", output);
 }
@@ -258,6 +324,13 @@ TEST_F(UserLookupUnderWine, StringValuesAreReadAsStored) {
 }
 
 TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
+  // Wine's logon session answers with no DNS domain, so USERDNSDOMAIN is
+  // taken as the fallback it is where a session has none.
+  std::unique_ptr<IUserToken> token = SessionToken(accounts, log);
+  ASSERT_TRUE(token);
+  std::u16string sessionDomain = u"unchanged";
+  ASSERT_TRUE(accounts.LogonSessionDnsDomain(*token, sessionDomain));
+  EXPECT_EQ(u"", sessionDomain);
   SetDnsDomain(L"CORP.EXAMPLE.TEST", REG_SZ);
   StandIn standIn(kJoined);
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));

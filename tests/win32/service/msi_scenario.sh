@@ -76,6 +76,8 @@ reg_value() {  # "TYPE data" of a value, or nothing
   $W reg query "$1" /v "$2" 2>/dev/null | tr -d '\r' | awk -v n="$2" '$1 == n { $1 = ""; sub(/^ +/, ""); print }'
 }
 no_key() { ! $W reg query "$1" >/dev/null 2>&1; }
+# A verbose installer log, in whichever encoding the installer wrote it.
+log_lacks() { test -s "$1" && ! tr -d '\000' <"$1" | grep -qF -- "$2"; }
 service_state() { $W sc query LindqvarAgent 2>/dev/null | tr -d '\r' | awk '/STATE/ { print $4 }'; }
 # Processes of this prefix running <name>.
 running() {
@@ -123,7 +125,7 @@ $W reg add 'HKLM\software\Orvane\Velmora\Logging' /v LogLevel /t REG_DWORD /d 2 
 
 # --- install: the package starts the service, the service the agent.
 t0=$(now)
-$W msiexec /i "Z:${MSI//\//\\}" /qn \
+$W msiexec /i "Z:${MSI//\//\\}" /qn /l*v "Z:${work//\//\\}\\install.log" \
   SERVERS="127.0.0.1:$port1" PRESHAREDKEY="$PSK" ADDRESSCATEGORY=0 PREFERAZURE=1 VERIFYSERVER=1
 rc=$?
 t_installed=$(now)
@@ -203,13 +205,15 @@ t_net_report=$seen
 # --- no secret in any log.
 expect "the preshared key is in no log" lacks "$AGENT_LOG" "$PSK"
 expect "the preshared key is not in the service log" lacks "$SERVICE_LOG" "$PSK"
+expect "the preshared key is not in the installer's verbose log" log_lacks "$work/install.log" "$PSK"
 
 # --- upgrade: a later version keeps the settings changed since the install.
 $W reg add "$KEY" /v Servers /d "[::1]:$port2;127.0.0.1:$port1" /f >/dev/null 2>&1
 $W reg add "$KEY" /v AddressCategory /t REG_DWORD /d 4 /f >/dev/null 2>&1
-$W msiexec /i "Z:${MSI_NEXT//\//\\}" /qn
+$W msiexec /i "Z:${MSI_NEXT//\//\\}" /qn /l*v "Z:${work//\//\\}\\upgrade.log"
 rc=$?
 expect "msiexec /i of the next version succeeds (exit $rc)" test "$rc" = 0
+expect "the preshared key is not in the upgrade's verbose log" log_lacks "$work/upgrade.log" "$PSK"
 expect "the upgrade keeps Servers" test "$(reg_value "$KEY" Servers)" = "REG_SZ [::1]:$port2;127.0.0.1:$port1"
 expect "the upgrade keeps PresharedKey" test "$(reg_value "$KEY" PresharedKey)" = "REG_SZ $PSK"
 expect "the upgrade keeps AddressCategory a REG_DWORD" test "$(reg_value "$KEY" AddressCategory)" = "REG_DWORD 0x4"

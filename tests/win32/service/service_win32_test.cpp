@@ -92,6 +92,13 @@ TEST_F(ServiceWin32Test, TheAgentRunsInAJobThatEndsItWithTheService) {
   }
 
   auto system = std::make_unique<CSupervisorSystemWin32>(AgentPath(), stop.get());
+  {
+    // A control event another process made first is refused, and not kept.
+    ScopedHandle planted(::CreateEventA(nullptr, FALSE, FALSE, "Global\\LindqvarServiceTest_8"));
+    ASSERT_TRUE(planted);
+    EXPECT_EQ(system->CreateControlEvent("Global\\LindqvarServiceTest_8"),
+              static_cast<uint32_t>(ERROR_ALREADY_EXISTS));
+  }
   ASSERT_EQ(system->CreateControlEvent("Global\\LindqvarServiceTest_9"), 0u);
   auto agent = system->StartAgent(AgentArguments(), error);
   ASSERT_NE(agent, nullptr) << error;
