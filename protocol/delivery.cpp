@@ -280,7 +280,10 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
     // Outside a pass (a single exchange) the key in force now is used.
     const DeliveryConfigPtr config = m_pass ? m_pass : m_host.DeliveryConfiguration();
     uint8_t key[16];
-    preshared_key_block(config ? config->presharedKey : std::string(), key);
+    // Both arms are lvalues, so the key is read in place, never copied into
+    // a temporary that nobody wipes.
+    static const std::string kNoKey;
+    preshared_key_block(config ? config->presharedKey : kNoKey, key);
     compute_response(challenge, key, response);
     // Both hold key material now (the challenge was XORed with the key).
     OPENSSL_cleanse(key, sizeof key);
