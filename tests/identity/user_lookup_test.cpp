@@ -333,6 +333,8 @@ const LoadRow kLoadRows[] = {
      "J\xc3\xb6rg \xe6\x9e\x97", "M\xc3\x9cNCHEN", "", {}, true},
 };
 
+void PrintTo(const LoadRow& row, std::ostream* os) { *os << row.name; }
+
 class LoadSessionUserTest : public UserLookupTest, public ::testing::WithParamInterface<LoadRow> {};
 
 TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {

@@ -485,7 +485,8 @@ TEST(SessionMessage, RecordSendsTheLogonFlagAsOneAndSkipsEmptyAddresses) {
   f.logon = 7;  // any non-zero flag is sent as 1
   f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};  // network order: 10.0.0.5, 10.0.0.6
   f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
-  f.ipv6[2] = {0x00, 0x00, 0xff};  // first word 0: empty
+  f.ipv6[2] = {0x00, 0xff};        // first word 0x00ff: sent
+  f.ipv6[3] = {0x00, 0x00, 0xff};  // first word 0: empty
   CEncoder e(kEventEncoderCapacity);
   e.begin_message(MSG_EVENT);
   add_session_record(e, f);
@@ -498,7 +499,7 @@ TEST(SessionMessage, RecordSendsTheLogonFlagAsOneAndSkipsEmptyAddresses) {
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].logon, 1u);
   EXPECT_EQ(records[0].ipv4, (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
-  EXPECT_EQ(records[0].ipv6, (std::vector<std::string>{"2001:db8::"}));
+  EXPECT_EQ(records[0].ipv6, (std::vector<std::string>{"2001:db8::", "ff::"}));
 }
 
 // The Azure AD account attribute carries the entry's Azure tenant id: sent
