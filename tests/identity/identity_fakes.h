@@ -68,7 +68,6 @@ class FakeAccounts : public IAccounts {
   std::u16string computerName = u"WORKSTATION7";
   std::atomic<int> tokensClosed{0};
   std::atomic<int> tokensAbandoned{0};
-  std::vector<int> abandonedIds;
 
  private:
   const User* UserOf(IUserToken& token) const;

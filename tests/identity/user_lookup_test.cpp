@@ -87,7 +87,9 @@ TEST(SidToTextTest, Rows) {
     EXPECT_EQ(row.result, SidToText(row.sid, text, length));
     EXPECT_EQ(row.text, text);
     EXPECT_EQ(row.lengthAfter, length);
-    if (row.lengthAfter > row.length) EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
+    if (row.lengthAfter > row.length) {
+      EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
+    }
   }
   EXPECT_FALSE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(16, 1))));
   EXPECT_TRUE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(15, 1))));

@@ -480,9 +480,16 @@ INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows),
 
 // --- the event message --------------------------------------------------------
 
-TEST(SessionMessage, RecordSendsTheLogonFlagAsOneAndSkipsEmptyAddresses) {
+// The record's attributes in their fixed order; the logon flag as 0 or 1;
+// empty addresses skipped; IPv4 in network byte order.
+TEST(SessionMessage, RecordHasTheFixedOrderTheLogonFlagAsOneAndNoEmptyAddresses) {
   SessionRecordFields f;
   f.logon = 7;  // any non-zero flag is sent as 1
+  f.domain = "corp";
+  f.user = "mlind";
+  f.workstation = "ws1.corp";
+  f.azureAccount = "m@corp";
+  f.tenantId = "t-1";
   f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};  // network order: 10.0.0.5, 10.0.0.6
   f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
   f.ipv6[2] = {0x00, 0xff};        // first word 0x00ff: sent
@@ -493,6 +500,13 @@ TEST(SessionMessage, RecordSendsTheLogonFlagAsOneAndSkipsEmptyAddresses) {
   e.end_group(MSG_EVENT);
   uint32_t length = 0;
   std::vector<uint8_t> bytes(e.get_buffer(&length), e.get_buffer(&length) + length);
+  std::vector<uint8_t> walked = bytes;  // a decoder works in its buffer
+  std::vector<int> codes;
+  for (CDecoder walk(walked.data(), length); walk.next();) codes.push_back(walk.code());
+  EXPECT_EQ(codes, (std::vector<int>{MSG_EVENT, MSG_SESSION_INFO, ATTR_LOGON, ATTR_FIXED_VALUE,
+                                     ATTR_DOMAIN, ATTR_USER, ATTR_WORKSTATION, ATTR_AZURE_ACCOUNT,
+                                     ATTR_TENANT_ID, ATTR_IPV4, ATTR_IPV4, ATTR_IPV6, ATTR_IPV6,
+                                     ATTR_TIME}));
   CDecoder d(bytes.data(), length);
   uint8_t code = 0;
   const auto records = lab::DecodeEvent(d, code);
