@@ -139,23 +139,6 @@ class RegistrySupport : public FakeSupport {
   FakeRegistry& m_registry;
 };
 
-// The user lookup's sources made of fakes, with a log that keeps its lines
-// and a console reader that ends after two empty polls without sleeping.
-struct FakeUserLookup {
-  FakeUserLookup() : log(support), system{accounts, registry, console, timings} {
-    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
-    timings.consoleIdlePolls = 2;
-    timings.consoleIdlePollMs = 0;
-  }
-  FakeSupport support;
-  CLog log;
-  FakeAccounts accounts;
-  FakeRegistry registry;
-  FakeConsoleRunner console;
-  Timings timings;
-  UserLookup system;
-};
-
 // Everything the agent takes from the system, made of fakes.
 struct FakeAgentPlatform : FakePlatform {
   FakeAccounts accounts;
@@ -170,6 +153,19 @@ struct FakeAgentPlatform : FakePlatform {
     p.hyperv = &hyperv;
     return p;
   }
+};
+
+// The whole fake system with the user lookup's sources made of it, a log that
+// keeps its lines and a console reader that ends after two empty polls
+// without sleeping.
+struct FakeUserLookup : FakeAgentPlatform {
+  FakeUserLookup() : log(support), system{accounts, registry, console, timings} {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    timings.consoleIdlePolls = 2;
+    timings.consoleIdlePollMs = 0;
+  }
+  CLog log;
+  UserLookup system;
 };
 
 // A SID from its identifier authority (6 bytes) and sub-authorities.
