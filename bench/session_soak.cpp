@@ -29,7 +29,7 @@ class CPassTimer : public lindqvar::testing::CSessionSoak {
   std::pair<double, double> LogonAndKeepAliveMs(int rounds) {
     using namespace lindqvar;
     support.SetSettings(1, u"127.0.0.1:" + AnsiToWide(std::to_string(healthy[0].Port())), u"psk");
-    CSessionManager m(fake.Get());
+    CSessionManager m(Get());
     m.Init();
     m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
     using Clock = std::chrono::steady_clock;

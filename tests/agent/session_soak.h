@@ -18,7 +18,8 @@
 
 namespace lindqvar::testing {
 
-class CSessionSoak {
+// The fake system is a base, so the bench can time passes over it.
+class CSessionSoak : protected FakeAgentPlatform {
  public:
   struct Result {
     size_t events = 0;
@@ -51,13 +52,13 @@ class CSessionSoak {
     u.name = u"soak";
     u.domain = u"CORP";
     accounts.SetUser(5, u);
-    fake.sessions.consoleSession = 5;
+    sessions.consoleSession = 5;
     Configure(0);
   }
 
   // `afterEvent` is called with the number of events run so far.
   Result Run(size_t count, const std::function<void(size_t)>& afterEvent = {}) {
-    CSessionManager m(fake.Get());
+    CSessionManager m(Get());
     m.Init();
     Result r;
     bool alternate = false;
@@ -105,12 +106,6 @@ class CSessionSoak {
   }
   uint64_t Finished() { return healthy[0].Server().Finished(); }
  protected:
-  FakeAgentPlatform fake;
-  FakeSupport& support = fake.support;
-  FakeRegistry& registry = fake.registry;
-  FakeNetwork& network = fake.network;
-  Timings& timings = fake.timings;
-  FakeAccounts& accounts = fake.accounts;
   static lab::LabOptions Healthy() {
     lab::LabOptions o = CLabFixture::Options("psk");
     o.keepReports = false;  // the soak measures the agent's memory, not the labs'
