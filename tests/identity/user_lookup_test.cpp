@@ -134,30 +134,28 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   key.values[u"odd"] = {1, {'a', 0, 'b', 0, 'c'}};  // 5 bytes
   key.Put(u"nul", 1, std::u16string_view(u"ab\0cd", 5), true);
 
-  std::u16string value;
-  uint32_t length = 99;
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"plain", value, &length));
-  EXPECT_EQ(u"CORP.EXAMPLE.TEST", value);
-  EXPECT_EQ(18u, length);  // characters, terminator included
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"expand", value, nullptr));
-  EXPECT_EQ(u"%SystemRoot%\\x", value);  // not expanded
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"bare", value, &length));
-  EXPECT_EQ(u"abc", value);
-  EXPECT_EQ(3u, length);
-  // An odd size: the last byte is a unit of its own; the length is size/2.
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"odd", value, &length));
-  EXPECT_EQ(u"abc", value);
-  EXPECT_EQ(2u, length);
-  // The text ends at an embedded NUL; the length still counts every unit.
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"nul", value, &length));
-  EXPECT_EQ(u"ab", value);
-  EXPECT_EQ(6u, length);
-
-  for (const char16_t* refused : {u"empty", u"dword", u"multi", u"missing"}) {
-    length = 99;
-    EXPECT_EQ(0u, RegQueryStringValue(key, refused, value, &length));
-    EXPECT_EQ(0u, length);
+  // Length: characters, terminator included; an odd size's last byte is a
+  // unit of its own (size/2); a NUL ends the text but every unit counts.
+  const struct {
+    const char16_t* name;
+    uint32_t result;
+    const char16_t* value;
+    uint32_t length;
+  } rows[] = {
+      {u"plain", 1, u"CORP.EXAMPLE.TEST", 18}, {u"expand", 1, u"%SystemRoot%\\x", 15},  // not expanded
+      {u"bare", 1, u"abc", 3},   {u"odd", 1, u"abc", 2},   {u"nul", 1, u"ab", 6},
+      {u"empty", 0, u"", 0},     {u"dword", 0, u"", 0},    {u"multi", 0, u"", 0},
+      {u"missing", 0, u"", 0},
+  };
+  for (const auto& row : rows) {
+    std::u16string value;
+    uint32_t length = 99;
+    EXPECT_EQ(row.result, RegQueryStringValue(key, row.name, value, &length)) << WideToUtf8(row.name);
+    EXPECT_EQ(row.length, length) << WideToUtf8(row.name);
+    EXPECT_EQ(row.value, value);
   }
+  std::u16string value;
+  EXPECT_EQ(1u, RegQueryStringValue(key, u"plain", value, nullptr));  // no length asked for
 }
 
 TEST_F(UserLookupTest, DnsDomainComesFromTheUsersVolatileEnvironment) {
