@@ -2,12 +2,10 @@
 // address change, resume, re-send and logoff in turn, against two healthy
 // lab authenticators and a third server that fails in turn (closed port,
 // rejected hello, closed after the hello acknowledgement, stalled). Used by
-// the short soak test and by bench/session_soak.
+// the short soak test and by bench/session_soak, which also times passes.
 #pragma once
 
-#include <chrono>
-#include <cstdio>
-#include <utility>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,13 +18,12 @@
 
 namespace lindqvar::testing {
 
-class CSessionSoak {
+// The fake system is a base, so the bench can time passes over it.
+class CSessionSoak : protected FakeAgentPlatform {
  public:
   struct Result {
     size_t events = 0;
     size_t delivered = 0;     // passes that reached a server
-    long rssAfterFirst = 0;   // kB, after the first thousand events (or at the end)
-    long rssAtEnd = 0;        // kB
     bool tableMatches = false;  // the healthy lab's table shows what was last reported
   };
 
@@ -55,35 +52,13 @@ class CSessionSoak {
     u.name = u"soak";
     u.domain = u"CORP";
     accounts.SetUser(5, u);
-    fake.sessions.consoleSession = 5;
+    sessions.consoleSession = 5;
     Configure(0);
   }
 
-  // Mean milliseconds of one SendSessionEvent pass and of one keep-alive
-  // pass to one healthy server, alternating, `rounds` of each.
-  std::pair<double, double> LogonAndKeepAliveMs(int rounds) {
-    support.SetSettings(1, u"127.0.0.1:" + AnsiToWide(std::to_string(healthy[0].Port())), u"psk");
-    CSessionManager m(fake.Get());
-    m.Init();
-    m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
-    using Clock = std::chrono::steady_clock;
-    Clock::duration logon{}, keepAlive{};
-    for (int i = 0; i < rounds; ++i) {
-      auto t = Clock::now();
-      m.SendSessionEvent(5, 1, 0);
-      logon += Clock::now() - t;
-      t = Clock::now();
-      m.Events().SendKeepAliveEvent();
-      keepAlive += Clock::now() - t;
-    }
-    const auto ms = [rounds](Clock::duration d) {
-      return std::chrono::duration<double, std::milli>(d).count() / rounds;
-    };
-    return {ms(logon), ms(keepAlive)};
-  }
-
-  Result Run(size_t count) {
-    CSessionManager m(fake.Get());
+  // `afterEvent` is called with the number of events run so far.
+  Result Run(size_t count, const std::function<void(size_t)>& afterEvent = {}) {
+    CSessionManager m(Get());
     m.Init();
     Result r;
     bool alternate = false;
@@ -109,12 +84,10 @@ class CSessionSoak {
       }
       if (Finished() > before) ++r.delivered;
       ++r.events;
-      if (r.events == 1000) r.rssAfterFirst = ResidentKb();
+      if (afterEvent) afterEvent(r.events);
     }
     // The last word: a logon at the current addresses.
     m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
-    if (r.rssAfterFirst == 0) r.rssAfterFirst = ResidentKb();
-    r.rssAtEnd = ResidentKb();
     const auto entries = healthy[0].Server().Table().Entries();
     const std::string address = alternate ? "10.0.0.6" : "10.0.0.5";
     r.tableMatches = entries.size() == 1 && entries[0].user == "SOAK" &&
@@ -132,21 +105,7 @@ class CSessionSoak {
     support.SetSettings(1, AnsiToWide(list), u"psk");
   }
   uint64_t Finished() { return healthy[0].Server().Finished(); }
-  static long ResidentKb() {
-    long pages = 0, resident = 0;
-    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-      std::fclose(f);
-    }
-    return resident * 4;
-  }
-
-  FakeAgentPlatform fake;
-  FakeSupport& support = fake.support;
-  FakeRegistry& registry = fake.registry;
-  FakeNetwork& network = fake.network;
-  Timings& timings = fake.timings;
-  FakeAccounts& accounts = fake.accounts;
+ protected:
   static lab::LabOptions Healthy() {
     lab::LabOptions o = CLabFixture::Options("psk");
     o.keepReports = false;  // the soak measures the agent's memory, not the labs'

@@ -33,36 +33,31 @@ std::vector<Item> Parse(const std::string& text) {
 
 void PrintTo(const Item& i, std::ostream* os) { *os << "{" << i.host << ", " << i.port << "}"; }
 
+// Items, ports and separators; a colon ends the host only after a dot or a
+// bracket; the port text is taken as atol takes it.
 TEST(ServerListParse, ItemsPortsAndSeparators) {
-  EXPECT_EQ(Parse(""), (std::vector<Item>{{"", 8001}}));
-  EXPECT_EQ(Parse("10.0.0.5:9001;10.0.0.6"),
-            (std::vector<Item>{{"10.0.0.5", 9001}, {"10.0.0.6", 8001}}));
-  EXPECT_EQ(Parse("a.example,b.example:7"),
-            (std::vector<Item>{{"a.example", 8001}, {"b.example", 7}}));
-  // A trailing separator adds nothing; two in a row add an empty host.
-  EXPECT_EQ(Parse("a.b;"), (std::vector<Item>{{"a.b", 8001}}));
-  EXPECT_EQ(Parse("a.b;;c.d"), (std::vector<Item>{{"a.b", 8001}, {"", 8001}, {"c.d", 8001}}));
-  EXPECT_EQ(Parse(";"), (std::vector<Item>{{"", 8001}}));
-}
-
-TEST(ServerListParse, ColonEndsTheHostOnlyAfterADotOrABracket) {
-  EXPECT_EQ(Parse("[fe80::1]:9001"), (std::vector<Item>{{"[fe80::1]", 9001}}));
-  EXPECT_EQ(Parse("fe80::1"), (std::vector<Item>{{"fe80::1", 8001}}));
-  // A dot-free name keeps its ":port" as part of the host.
-  EXPECT_EQ(Parse("server:9000"), (std::vector<Item>{{"server:9000", 8001}}));
-  // An unbracketed IPv6 literal with a dot-free tail never takes a port.
-  EXPECT_EQ(Parse("2001:db8::5:9001,x.y"),
-            (std::vector<Item>{{"2001:db8::5:9001", 8001}, {"x.y", 8001}}));
-  // A dot before the colon anywhere in the item counts.
-  EXPECT_EQ(Parse("::ffff:1.2.3.4:77"), (std::vector<Item>{{"::ffff:1.2.3.4", 77}}));
-}
-
-TEST(ServerListParse, PortTextIsTakenAsAtolDoes) {
-  EXPECT_EQ(Parse("a.b:"), (std::vector<Item>{{"a.b", 8001}}));      // nothing after ":"
-  EXPECT_EQ(Parse("a.b:http"), (std::vector<Item>{{"a.b", 0}}));     // not a number
-  EXPECT_EQ(Parse("a.b:12ab;c.d"), (std::vector<Item>{{"a.b", 12}, {"c.d", 8001}}));
-  EXPECT_EQ(Parse("a.b:;c.d"), (std::vector<Item>{{"a.b", 0}, {"c.d", 8001}}));
-  EXPECT_EQ(Parse("a.b:99999999"), (std::vector<Item>{{"a.b", 99999999}}));  // no range check
+  const struct {
+    const char* text;
+    std::vector<Item> items;
+  } rows[] = {
+      {"", {{"", 8001}}},
+      {"10.0.0.5:9001;10.0.0.6", {{"10.0.0.5", 9001}, {"10.0.0.6", 8001}}},
+      {"a.example,b.example:7", {{"a.example", 8001}, {"b.example", 7}}},
+      {"a.b;", {{"a.b", 8001}}},  // a trailing separator adds nothing
+      {"a.b;;c.d", {{"a.b", 8001}, {"", 8001}, {"c.d", 8001}}},  // two add an empty host
+      {";", {{"", 8001}}},
+      {"[fe80::1]:9001", {{"[fe80::1]", 9001}}},
+      {"fe80::1", {{"fe80::1", 8001}}},
+      {"server:9000", {{"server:9000", 8001}}},  // dot-free: ":port" stays in the host
+      {"2001:db8::5:9001,x.y", {{"2001:db8::5:9001", 8001}, {"x.y", 8001}}},
+      {"::ffff:1.2.3.4:77", {{"::ffff:1.2.3.4", 77}}},  // a dot anywhere before counts
+      {"a.b:", {{"a.b", 8001}}},                        // nothing after ":"
+      {"a.b:http", {{"a.b", 0}}},                       // not a number
+      {"a.b:12ab;c.d", {{"a.b", 12}, {"c.d", 8001}}},
+      {"a.b:;c.d", {{"a.b", 0}, {"c.d", 8001}}},
+      {"a.b:99999999", {{"a.b", 99999999}}},  // no range check
+  };
+  for (const auto& row : rows) EXPECT_EQ(Parse(row.text), row.items) << row.text;
 }
 
 TEST(ServerListParse, LongHostIsCutTo127AndTheListIsReplaced) {
@@ -113,37 +108,33 @@ class SettingsChange : public ::testing::Test {
   CAgentSettings settings;
 };
 
-TEST_F(SettingsChange, UnchangedWhenEveryEntryMatchesByPortOrHost) {
-  EXPECT_EQ(settings.IsChanged(support), 0u);
-  // Same count, same ports, other hosts: unchanged.
-  support.SetSettings(1, u"10.9.9.9:9001;other.example", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 0u);
-  // Order does not matter.
-  support.SetSettings(1, u"x.example;10.0.0.5:9001", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 0u);
-  // A host in force, in any letter case, matches whatever its new port.
-  support.SetSettings(1, u"10.0.0.5:9002;AUTH.Example:8002", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 0u);
-  // Nothing in force changed through the tests.
+// In force: "10.0.0.5:9001;auth.example" with key "secret", enabled. An entry
+// matches by its port or, in any letter case, by its host; order is free.
+TEST_F(SettingsChange, KeyDisableCountAndUnmatchedEntriesAreChanges) {
+  const struct {
+    uint32_t enabled;
+    const char16_t* servers;
+    const char16_t* key;
+    uint32_t changed;
+  } rows[] = {
+      {1, u"10.0.0.5:9001;auth.example", u"secret", 0},
+      {1, u"10.9.9.9:9001;other.example", u"secret", 0},  // same ports
+      {1, u"x.example;10.0.0.5:9001", u"secret", 0},
+      {1, u"10.0.0.5:9002;AUTH.Example:8002", u"secret", 0},
+      {1, u"10.0.0.5:9001;auth.example", u"Secret", 1},
+      {0, u"10.0.0.5:9001;auth.example", u"secret", 1},
+      {1, u"10.0.0.5:9001", u"secret", 1},
+      {1, u"10.0.0.7:9002;auth.example", u"secret", 1},  // new host, port not in force
+      {1, u"10.0.0.5:9001;auth2.example:8002", u"secret", 1},
+      {0, u"", u"", 1},  // a record the library left zero
+  };
+  for (const auto& row : rows) {
+    support.SetSettings(row.enabled, row.servers, row.key);
+    EXPECT_EQ(settings.IsChanged(support), row.changed) << WideToUtf8(row.servers);
+  }
+  // Nothing in force changed.
   ASSERT_EQ(settings.Servers().size(), 2u);
   EXPECT_STREQ(settings.Servers()[1]->host, "auth.example");
-}
-
-TEST_F(SettingsChange, KeyDisableCountAndUnmatchedEntriesAreChanges) {
-  support.SetSettings(1, u"10.0.0.5:9001;auth.example", u"Secret");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
-  support.SetSettings(0, u"10.0.0.5:9001;auth.example", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
-  support.SetSettings(1, u"10.0.0.5:9001", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
-  // A new host on a port not in force is a change.
-  support.SetSettings(1, u"10.0.0.7:9002;auth.example", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
-  support.SetSettings(1, u"10.0.0.5:9001;auth2.example:8002", u"secret");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
-  // A record the library left zero reads as disabled with no key.
-  support.SetSettings(0, u"", u"");
-  EXPECT_EQ(settings.IsChanged(support), 1u);
 }
 
 TEST_F(SettingsChange, ApplySetsTheLevelOnlyWithALogHandleAndReplacesEverything) {

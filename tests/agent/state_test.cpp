@@ -8,55 +8,48 @@
 namespace lindqvar {
 namespace {
 
-using testing::FakeRegistry;
-using testing::FakeSupport;
-
-TEST(AgentState, Names) {
-  EXPECT_STREQ(StateName(0), "NOT_CONFIGURED");
-  EXPECT_STREQ(StateName(1), "CONFIGURED_UNREACHABLE");
-  EXPECT_STREQ(StateName(2), "CONFIGURED_REACHABLE");
-  EXPECT_STREQ(StateName(3), "Unknown");
-  EXPECT_STREQ(StateName(0xFFFFFFFF), "Unknown");
-}
-
-class StateWrite : public ::testing::Test {
- protected:
-  void SetUp() override { log.SetHandle(support.log_initialize(u"FA_LINDQ")); }
-  FakeSupport support;
-  FakeRegistry registry;
-  CLog log{support};
+// Each state is written twice: the value goes through an opened (never
+// created) key every time, also when it did not change, and each outcome is
+// logged with the state's name or the error.
+struct StateRow {
+  uint32_t state;
+  bool keyExists;
+  uint32_t setError;
+  const char* line;  // logged after each write
+};
+const StateRow kStateRows[] = {
+    {0, true, 0, "Successfully updated LINDQState in registry. New state: NOT_CONFIGURED"},
+    {1, true, 0, "Successfully updated LINDQState in registry. New state: CONFIGURED_UNREACHABLE"},
+    {2, true, 0, "Successfully updated LINDQState in registry. New state: CONFIGURED_REACHABLE"},
+    {3, true, 0, "Successfully updated LINDQState in registry. New state: Unknown"},
+    {1, false, 0, "Failed to open registry key for LINDQState update. Error: 2"},
+    {0, true, 5, "Failed to set LINDQState in registry. Error: 5"},
 };
 
-TEST_F(StateWrite, WritesTheDwordThroughAnOpenedKeyEveryTime) {
-  registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
-  WriteState(registry, log, kConfiguredReachable);
-  WriteState(registry, log, kConfiguredReachable);
-  uint32_t value = 0;
-  ASSERT_TRUE(registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", value));
-  EXPECT_EQ(value, 2u);
-  EXPECT_EQ(registry.DwordWrites(), 2u);  // also when the value did not change
-  EXPECT_EQ(support.CountLines(
-                "Successfully updated LINDQState in registry. New state: CONFIGURED_REACHABLE"),
-            2u);
-  // KEY_WRITE | KEY_WOW64_64KEY
-  EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);
-}
-
-TEST_F(StateWrite, MissingKeyIsLoggedAndNeverCreated) {
-  WriteState(registry, log, kConfiguredUnreachable);
-  uint32_t value = 0;
-  EXPECT_FALSE(registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", value));
-  ASSERT_EQ(support.Lines().size(), 1u);
-  EXPECT_TRUE(support.Lines()[0].error);
-  EXPECT_EQ(support.Lines()[0].text,
-            "Failed to open registry key for LINDQState update. Error: 2");
-}
-
-TEST_F(StateWrite, FailedSetIsLoggedWithItsError) {
-  registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
-  registry.FailSetValue(5);
-  WriteState(registry, log, kNotConfigured);
-  EXPECT_TRUE(support.HasLine("Failed to set LINDQState in registry. Error: 5"));
+TEST(AgentState, WritesThroughTheOpenedKeyEveryTimeAndLogsTheOutcome) {
+  for (const StateRow& row : kStateRows) {
+    SCOPED_TRACE(row.line);
+    testing::FakeSupport support;
+    testing::FakeRegistry registry;
+    CLog log{support};
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    if (row.keyExists) registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+    if (row.setError != 0) registry.FailSetValue(row.setError);
+    WriteState(registry, log, row.state);
+    WriteState(registry, log, row.state);
+    uint32_t value = 0xDEAD;
+    const bool stored =
+        registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", value);
+    const bool written = row.keyExists && row.setError == 0;
+    EXPECT_EQ(stored && value == row.state, written);  // a missing key is never created
+    EXPECT_EQ(registry.DwordWrites(), written ? 2u : 0u);
+    EXPECT_EQ(support.CountLines(row.line), 2u);
+    ASSERT_EQ(support.Lines().size(), 2u);
+    EXPECT_EQ(support.Lines()[0].error, !written);
+    if (row.keyExists) {
+      EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);  // KEY_WRITE | WOW64_64
+    }
+  }
 }
 
 }  // namespace

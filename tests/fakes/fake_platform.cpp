@@ -335,12 +335,9 @@ int FakeNetwork::Resolve(const std::string& name, std::vector<ResolvedAddress>& 
 }
 
 bool FakeNetwork::PhysicalDnsDomain(std::u16string& d, uint32_t& error) {
-  if (domainFails) {
-    error = domainError;
-    return false;
-  }
-  d = domain;
-  return true;
+  d = domain;  // a failed call may still leave text in the buffer
+  if (domainFails) error = domainError;
+  return !domainFails;
 }
 
 std::unique_ptr<IAddressChangeWatch> FakeNetwork::CreateAddressChangeWatch() {

@@ -8,91 +8,54 @@
 namespace lindqvar::testing {
 namespace {
 
-struct Parsed {
-  int32_t result;
-  std::u16string user, domain, tenant;
-};
-Parsed Parse(const std::string& output) {
-  Parsed p;
-  p.result = ParseConsoleOutput(output, p.user, p.domain, p.tenant);
-  return p;
-}
-
-TEST(ParseConsoleOutputTest, ReadsTheThreeValues) {
-  const Parsed p = Parse(
-      "| Device State |\r\n"
-      "             AzureAdJoined : YES\r\n"
-      "          EnterpriseJoined : NO\r\n"
-      "                  TenantId : 0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61\r\n"
-      "    Executing Account Name : AzureAD\\AnnaBerg, anna.berg@contoso.example\r\n");
-  EXPECT_EQ(0, p.result);
-  EXPECT_EQ(u"anna.berg", p.user);
-  EXPECT_EQ(u"contoso.example", p.domain);
-  EXPECT_EQ(u"0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61", p.tenant);
-}
-
-TEST(ParseConsoleOutputTest, LastCommaAndLastAtSignSplitTheAccount) {
-  const Parsed p = Parse(
-      "  TenantId : t1\n"
-      "  Executing Account Name : CORP\\a,b, first,last@odd@corp.example\n");
-  EXPECT_EQ(0, p.result);
-  EXPECT_EQ(u"last@odd", p.user);
-  EXPECT_EQ(u"corp.example", p.domain);
-
-  // No comma or no at sign: the account line gives nothing.
-  EXPECT_EQ(-1, Parse("  TenantId : t1\n  Executing Account Name : anna@contoso.example\n").result);
-  EXPECT_EQ(-1, Parse("  TenantId : t1\n  Executing Account Name : CORP\\anna, anna\n").result);
-}
-
-TEST(ParseConsoleOutputTest, MissingLinesFail) {
-  // A device that is not joined prints neither line.
-  EXPECT_EQ(-1, Parse("             AzureAdJoined : NO\r\n").result);
-  EXPECT_EQ(-1, Parse("  Executing Account Name : X\\y, y@d.example\r\n").result);
-  EXPECT_EQ(-1, Parse("  TenantId : t1\r\n").result);
-  EXPECT_EQ(-1, Parse("").result);
-  // The joined flag does not count: the other two lines are enough.
-  EXPECT_EQ(0, Parse("  AzureAdJoined : NO\n  TenantId : t\n  Executing Account Name : d\\u, u@d\n")
-                   .result);
-  EXPECT_EQ(0, Parse("  TenantId : t\n  Executing Account Name : d\\u, u@d").result);
-}
-
-TEST(ParseConsoleOutputTest, LineRules) {
-  // Keys ignore case; a later line wins; the value runs to the end of the line.
-  Parsed p = Parse(
-      "  TENANTID : first\n"
-      "  tenantid : second value \n"
-      "  executing account name : d\\u, u@d\n");
-  EXPECT_EQ(0, p.result);
-  EXPECT_EQ(u"second value ", p.tenant);
-
-  // Without " : ", or without the leading blanks, a line is ignored.
-  p = Parse(
-      "   TenantId\n"
-      "TenantId : unindented\n"
-      "  TenantId :missing-blank\n"
-      "  Executing Account Name : d\\u, u@d\n");
-  EXPECT_EQ(-1, p.result);
-  EXPECT_EQ(u"", p.tenant);
-  // Only one CR comes off a line's end, and "." does not match the second.
-  p = Parse("  TenantId : t\r\r\n  Executing Account Name : d\\u, u@d\r\n");
-  EXPECT_EQ(-1, p.result);
-  EXPECT_EQ(u"", p.tenant);
-}
-
-TEST(ParseConsoleOutputTest, LinesOfAnyLengthAreMatchedAndANulEndsTheOutput) {
-  const std::string longUser(900, 'u');
-  Parsed p = Parse("  TenantId : t\n  Executing Account Name : d\\x, " + longUser + "@d\n");
-  EXPECT_EQ(0, p.result);
-  EXPECT_EQ(900u, p.user.size());
-  p = Parse("  TenantId : " + std::string(200000, 'x') + "\n  Executing Account Name : d\\u, u@d\n");
-  EXPECT_EQ(0, p.result);
-  EXPECT_EQ(200000u, p.tenant.size());
-  // Long runs of blanks: the value is what follows the last of them.
-  p = Parse(std::string(3000, ' ') + "TenantId :" + std::string(3000, ' ') + "t\n");
-  EXPECT_EQ(u"t", p.tenant);
-  // Nothing after an embedded NUL is read.
-  p = Parse(std::string("  TenantId : first\n\0  TenantId : second\n", 40));
-  EXPECT_EQ(u"first", p.tenant);
+// The device-registration tool's output: the tenant and account lines are
+// needed, keys ignore case and need their leading blanks and " : ", a later
+// line wins, the account splits at its last comma and last at sign, only one
+// CR comes off a line, lines have any length and a NUL ends the output.
+TEST(ParseConsoleOutputTest, Rows) {
+  const std::string acct = "  Executing Account Name : d\\u, u@d\n";
+  const struct {
+    std::string output;
+    int32_t result;
+    std::u16string user, domain, tenant;  // checked when the result is 0; tenant always
+  } rows[] = {
+      {"| Device State |\r\n"
+       "             AzureAdJoined : YES\r\n"
+       "          EnterpriseJoined : NO\r\n"
+       "                  TenantId : 0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61\r\n"
+       "    Executing Account Name : AzureAD\\AnnaBerg, anna.berg@contoso.example\r\n",
+       0, u"anna.berg", u"contoso.example", u"0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61"},
+      {"  TenantId : t1\n  Executing Account Name : CORP\\a,b, first,last@odd@corp.example\n", 0,
+       u"last@odd", u"corp.example", u"t1"},
+      {"  TenantId : t1\n  Executing Account Name : anna@contoso.example\n", -1, u"", u"", u"t1"},
+      {"  TenantId : t1\n  Executing Account Name : CORP\\anna, anna\n", -1, u"", u"", u"t1"},
+      {"             AzureAdJoined : NO\r\n", -1, u"", u"", u""},
+      {"  Executing Account Name : X\\y, y@d.example\r\n", -1, u"", u"", u""},
+      {"  TenantId : t1\r\n", -1, u"", u"", u"t1"},
+      {"", -1, u"", u"", u""},
+      {"  AzureAdJoined : NO\n  TenantId : t\n" + acct, 0, u"u", u"d", u"t"},
+      {"  TenantId : t\n  Executing Account Name : d\\u, u@d", 0, u"u", u"d", u"t"},
+      {"  TENANTID : first\n  tenantid : second value \n  executing account name : d\\u, u@d\n",
+       0, u"u", u"d", u"second value "},
+      {"   TenantId\nTenantId : unindented\n  TenantId :missing-blank\n" + acct, -1, u"", u"", u""},
+      {"  TenantId : t\r\r\n  Executing Account Name : d\\u, u@d\r\n", -1, u"", u"", u""},
+      {"  TenantId : t\n  Executing Account Name : d\\x, " + std::string(900, 'u') + "@d\n", 0,
+       std::u16string(900, u'u'), u"d", u"t"},
+      {"  TenantId : " + std::string(200000, 'x') + "\n" + acct, 0, u"u", u"d",
+       std::u16string(200000, u'x')},
+      {std::string(3000, ' ') + "TenantId :" + std::string(3000, ' ') + "t\n", -1, u"", u"", u"t"},
+      {std::string("  TenantId : first\n\0  TenantId : second\n", 40), -1, u"", u"", u"first"},
+  };
+  for (const auto& row : rows) {
+    std::u16string user, domain, tenant;
+    const std::string shown = row.output.substr(0, 80);
+    EXPECT_EQ(row.result, ParseConsoleOutput(row.output, user, domain, tenant)) << shown;
+    EXPECT_EQ(row.tenant, tenant) << shown;
+    if (row.result == 0) {
+      EXPECT_EQ(row.user, user) << shown;
+      EXPECT_EQ(row.domain, domain) << shown;
+    }
+  }
 }
 
 class RunExternalProgramTest : public ::testing::Test {

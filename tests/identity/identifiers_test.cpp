@@ -39,47 +39,41 @@ TEST_F(IdentifiersTest, ClientUuid) {
   EXPECT_EQ("6F9619FF-8B86-D011-B42D-00C04FC964FF", ids.ClientUuid());  // kept
 }
 
-TEST_F(IdentifiersTest, PrimarySerialNeedsThisClientsGuidExactly) {
-  Value(u"hvq_sn", std::u16string(kGuid) + u";VRX-0042-PRIMARY");
-  Value(u"secondary_sn", u"VRX-0099-SECONDARY");
-  Value(u"SecondaryPingServer", u"mgmt2.example.test");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("VRX-0042-PRIMARY", ids.VrxSerial());
-  EXPECT_TRUE(support.HasLine("VRX SN:VRX-0042-PRIMARY"));
-
-  // The GUID in another letter case is not this client's.
-  Value(u"hvq_sn", u"6f9619ff-8b86-d011-b42d-00c04fc964ff;VRX-0042-PRIMARY");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("VRX-0099-SECONDARY", ids.VrxSerial());
-
-  // A primary without "VRX" gives way to a secondary with it.
-  Value(u"hvq_sn", std::u16string(kGuid) + u";SN-0042");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("VRX-0099-SECONDARY", ids.VrxSerial());
+// The primary serial needs this client's GUID exactly (letter case too) and
+// "VRX"; the secondary needs a ping server longer than one character; a
+// serial without "VRX" is never reported.
+TEST_F(IdentifiersTest, SerialRows) {
+  const std::u16string guid = kGuid;
+  const struct {
+    std::u16string primary;  // hvq_sn
+    const char16_t* secondary;
+    const char16_t* ping;
+    const char* serial;  // "": "Failed to get VRX SN"
+  } rows[] = {
+      {guid + u";VRX-0042-PRIMARY", u"VRX-0099-SECONDARY", u"mgmt2.example.test", "VRX-0042-PRIMARY"},
+      {u"6f9619ff-8b86-d011-b42d-00c04fc964ff;VRX-0042-PRIMARY", u"VRX-0099-SECONDARY",
+       u"mgmt2.example.test", "VRX-0099-SECONDARY"},
+      {guid + u";SN-0042", u"VRX-0099-SECONDARY", u"mgmt2.example.test", "VRX-0099-SECONDARY"},
+      {guid + u";SN-0042", u"VRX-0099", nullptr, ""},
+      {guid + u";SN-0042", u"VRX-0099", u"x", ""},
+      {guid + u";SN-0042", u"VRX-0099", u"xy", "VRX-0099"},
+      {u"VRX-0001", u"SN-0099", u"xy", ""},  // a primary without the GUID is no candidate
+  };
+  for (const auto& row : rows) {
+    registry.RemoveKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+    registry.AddKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
+    Value(u"hvq_sn", row.primary);
+    Value(u"secondary_sn", row.secondary);
+    if (row.ping) Value(u"SecondaryPingServer", row.ping);
+    const size_t failures = support.CountLines("Failed to get VRX SN");
+    ids.LoadVrxSerial();
+    EXPECT_EQ(row.serial, ids.VrxSerial()) << WideToUtf8(row.primary);
+    EXPECT_EQ(*row.serial ? 0u : 1u, support.CountLines("Failed to get VRX SN") - failures);
+    if (*row.serial) {
+      EXPECT_TRUE(support.HasLine(std::string("VRX SN:") + row.serial));
+    }
+  }
   EXPECT_EQ(0, support.OpenKeys());
-}
-
-TEST_F(IdentifiersTest, SecondaryNeedsAPingServerLongerThanOneCharacter) {
-  Value(u"hvq_sn", std::u16string(kGuid) + u";SN-0042");
-  Value(u"secondary_sn", u"VRX-0099");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("", ids.VrxSerial());
-  EXPECT_EQ(1u, support.CountLines("Failed to get VRX SN"));
-
-  Value(u"SecondaryPingServer", u"x");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("", ids.VrxSerial());
-  Value(u"SecondaryPingServer", u"xy");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("VRX-0099", ids.VrxSerial());
-
-  // A primary without a client GUID is no candidate either, and a serial
-  // without "VRX" is never reported.
-  Value(u"secondary_sn", u"SN-0099");
-  Value(u"hvq_sn", u"VRX-0001");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("", ids.VrxSerial());
-  EXPECT_EQ(3u, support.CountLines("Failed to get VRX SN"));
 }
 
 TEST_F(IdentifiersTest, MissingKeyClearsSerialButKeepsTenant) {

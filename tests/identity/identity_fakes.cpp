@@ -64,7 +64,6 @@ bool FakeAccounts::LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsD
 void FakeAccounts::AbandonToken(std::unique_ptr<IUserToken> token) {
   auto* fake = static_cast<FakeToken*>(token.get());
   fake->Abandon();
-  abandonedIds.push_back(fake->id());
   ++tokensAbandoned;
 }
 

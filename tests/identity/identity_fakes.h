@@ -68,7 +68,6 @@ class FakeAccounts : public IAccounts {
   std::u16string computerName = u"WORKSTATION7";
   std::atomic<int> tokensClosed{0};
   std::atomic<int> tokensAbandoned{0};
-  std::vector<int> abandonedIds;
 
  private:
   const User* UserOf(IUserToken& token) const;
@@ -140,23 +139,6 @@ class RegistrySupport : public FakeSupport {
   FakeRegistry& m_registry;
 };
 
-// The user lookup's sources made of fakes, with a log that keeps its lines
-// and a console reader that ends after two empty polls without sleeping.
-struct FakeUserLookup {
-  FakeUserLookup() : log(support), system{accounts, registry, console, timings} {
-    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
-    timings.consoleIdlePolls = 2;
-    timings.consoleIdlePollMs = 0;
-  }
-  FakeSupport support;
-  CLog log;
-  FakeAccounts accounts;
-  FakeRegistry registry;
-  FakeConsoleRunner console;
-  Timings timings;
-  UserLookup system;
-};
-
 // Everything the agent takes from the system, made of fakes.
 struct FakeAgentPlatform : FakePlatform {
   FakeAccounts accounts;
@@ -171,6 +153,19 @@ struct FakeAgentPlatform : FakePlatform {
     p.hyperv = &hyperv;
     return p;
   }
+};
+
+// The whole fake system with the user lookup's sources made of it, a log that
+// keeps its lines and a console reader that ends after two empty polls
+// without sleeping.
+struct FakeUserLookup : FakeAgentPlatform {
+  FakeUserLookup() : log(support), system{accounts, registry, console, timings} {
+    log.SetHandle(support.log_initialize(u"FA_LINDQ"));
+    timings.consoleIdlePolls = 2;
+    timings.consoleIdlePollMs = 0;
+  }
+  CLog log;
+  UserLookup system;
 };
 
 // A SID from its identifier authority (6 bytes) and sub-authorities.

@@ -2,6 +2,7 @@
 // account, and the choice between the AD and the Azure AD answers.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <optional>
 
 #include "identity/azure.h"
@@ -31,7 +32,7 @@ class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
                   uint32_t rid = 1107, std::optional<std::u16string> sessionDnsDomain = {}) {
     FakeAccounts::User user;
     user.sid = DomainSid(rid);
-    user.name = u"mlind";
+    user.name = userName;
     user.domain = domain;
     user.sessionDnsDomain = std::move(sessionDnsDomain);
     accounts.SetUser(2, user);
@@ -46,60 +47,52 @@ class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
   }
   void AzureAnswers(const char* output) { console.script = {PipeStep{output}}; }
 
+  std::u16string userName = u"mlind";
   CTerminalSession record;
 };
 
-TEST(SidToTextTest, WritesAuthorityInBothFormsAndSubAuthorities) {
-  std::u16string text;
-  uint32_t length = 260;
-  ASSERT_EQ(1u, SidToText(MakeSid({0, 0, 0, 0, 0, 5}, {18}), text, length));
-  EXPECT_EQ(u"S-1-5-18", text);
-
-  ASSERT_EQ(1u, SidToText(DomainSid(1000), text, length));
-  EXPECT_EQ(u"S-1-5-21-1004336348-1177238915-682003330-1000", text);
-
-  // The last four authority bytes are one big-endian number...
-  ASSERT_EQ(1u, SidToText(MakeSid({0, 0, 0x12, 0x34, 0x56, 0x78}, {}), text, length));
-  EXPECT_EQ(u"S-1-305419896", text);
-  // ...unless one of the first two is set: then all six in hexadecimal.
-  ASSERT_EQ(1u, SidToText(MakeSid({0, 1, 0, 0, 0, 0xab}, {4294967295u}), text, length));
-  EXPECT_EQ(u"S-1-0x0001000000ab-4294967295", text);
-  ASSERT_EQ(1u, SidToText(MakeSid({0xfe, 0, 0, 0, 0, 0}, {}), text, length));
-  EXPECT_EQ(u"S-1-0xfe0000000000", text);
-}
-
-TEST(SidToTextTest, RefusesNineSubAuthoritiesWithTheUsualBuffer) {
-  std::u16string text;
-  uint32_t length = 260;
-  ASSERT_EQ(1u, SidToText(MakeSid({0, 0, 0, 0, 0, 5}, {1, 2, 3, 4, 5, 6, 7, 8}), text, length));
-  EXPECT_EQ(u"S-1-5-1-2-3-4-5-6-7-8", text);
-  EXPECT_EQ(260u, length);
-
+// The authority's last four bytes are one big-endian number unless one of the
+// first two is set (then all six in hexadecimal); nine sub-authorities do not
+// fit the usual 260 units, and the size asked for is enough; invalid SIDs are
+// refused.
+TEST(SidToTextTest, Rows) {
   const SidBytes nine = MakeSid({0, 0, 0, 0, 0, 5}, {1, 2, 3, 4, 5, 6, 7, 8, 9});
-  text = u"unchanged";
-  SetLastErrorCode(0);
-  EXPECT_EQ(0u, SidToText(nine, text, length));
-  EXPECT_EQ((9u * 12 + 28) * 2, length);  // 272
-  EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
-  EXPECT_EQ(u"unchanged", text);
-  // The size it asked for is enough.
-  EXPECT_EQ(1u, SidToText(nine, text, length));
-  EXPECT_EQ(u"S-1-5-1-2-3-4-5-6-7-8-9", text);
-}
-
-TEST(SidToTextTest, RefusesInvalidSids) {
-  std::u16string text;
-  uint32_t length = 260;
-  SidBytes sid = DomainSid(500);
-  sid[0] = 2;  // revision
-  EXPECT_EQ(0u, SidToText(sid, text, length));
-  sid = DomainSid(500);
-  sid.pop_back();  // last sub-authority cut short
-  EXPECT_EQ(0u, SidToText(sid, text, length));
-  EXPECT_EQ(0u, SidToText(SidBytes{1, 0, 0, 0, 0}, text, length));
+  SidBytes revision2 = DomainSid(500), cut = DomainSid(500);
+  revision2[0] = 2;
+  cut.pop_back();  // last sub-authority cut short
+  const struct {
+    SidBytes sid;
+    uint32_t length;  // given; then expected after the call
+    uint32_t result;
+    const char16_t* text;  // u"unchanged" when refused
+    uint32_t lengthAfter;
+  } rows[] = {
+      {MakeSid({0, 0, 0, 0, 0, 5}, {18}), 260, 1, u"S-1-5-18", 260},
+      {DomainSid(1000), 260, 1, u"S-1-5-21-1004336348-1177238915-682003330-1000", 260},
+      {MakeSid({0, 0, 0x12, 0x34, 0x56, 0x78}, {}), 260, 1, u"S-1-305419896", 260},
+      {MakeSid({0, 1, 0, 0, 0, 0xab}, {4294967295u}), 260, 1, u"S-1-0x0001000000ab-4294967295", 260},
+      {MakeSid({0xfe, 0, 0, 0, 0, 0}, {}), 260, 1, u"S-1-0xfe0000000000", 260},
+      {MakeSid({0, 0, 0, 0, 0, 5}, {1, 2, 3, 4, 5, 6, 7, 8}), 260, 1, u"S-1-5-1-2-3-4-5-6-7-8", 260},
+      {nine, 260, 0, u"unchanged", (9u * 12 + 28) * 2},  // 272
+      {nine, 272, 1, u"S-1-5-1-2-3-4-5-6-7-8-9", 272},
+      {revision2, 260, 0, u"unchanged", 260},
+      {cut, 260, 0, u"unchanged", 260},
+      {SidBytes{1, 0, 0, 0, 0}, 260, 0, u"unchanged", 260},
+  };
+  for (const auto& row : rows) {
+    std::u16string text = u"unchanged";
+    uint32_t length = row.length;
+    SetLastErrorCode(0);
+    SCOPED_TRACE(WideToUtf8(row.text));
+    EXPECT_EQ(row.result, SidToText(row.sid, text, length));
+    EXPECT_EQ(row.text, text);
+    EXPECT_EQ(row.lengthAfter, length);
+    if (row.lengthAfter > row.length) {
+      EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
+    }
+  }
   EXPECT_FALSE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(16, 1))));
   EXPECT_TRUE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(15, 1))));
-  EXPECT_EQ(260u, length);
 }
 
 // A key that returns values exactly as stored.
@@ -141,30 +134,28 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   key.values[u"odd"] = {1, {'a', 0, 'b', 0, 'c'}};  // 5 bytes
   key.Put(u"nul", 1, std::u16string_view(u"ab\0cd", 5), true);
 
-  std::u16string value;
-  uint32_t length = 99;
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"plain", value, &length));
-  EXPECT_EQ(u"CORP.EXAMPLE.TEST", value);
-  EXPECT_EQ(18u, length);  // characters, terminator included
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"expand", value, nullptr));
-  EXPECT_EQ(u"%SystemRoot%\\x", value);  // not expanded
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"bare", value, &length));
-  EXPECT_EQ(u"abc", value);
-  EXPECT_EQ(3u, length);
-  // An odd size: the last byte is a unit of its own; the length is size/2.
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"odd", value, &length));
-  EXPECT_EQ(u"abc", value);
-  EXPECT_EQ(2u, length);
-  // The text ends at an embedded NUL; the length still counts every unit.
-  ASSERT_EQ(1u, RegQueryStringValue(key, u"nul", value, &length));
-  EXPECT_EQ(u"ab", value);
-  EXPECT_EQ(6u, length);
-
-  for (const char16_t* refused : {u"empty", u"dword", u"multi", u"missing"}) {
-    length = 99;
-    EXPECT_EQ(0u, RegQueryStringValue(key, refused, value, &length));
-    EXPECT_EQ(0u, length);
+  // Length: characters, terminator included; an odd size's last byte is a
+  // unit of its own (size/2); a NUL ends the text but every unit counts.
+  const struct {
+    const char16_t* name;
+    uint32_t result;
+    const char16_t* value;
+    uint32_t length;
+  } rows[] = {
+      {u"plain", 1, u"CORP.EXAMPLE.TEST", 18}, {u"expand", 1, u"%SystemRoot%\\x", 15},  // not expanded
+      {u"bare", 1, u"abc", 3},   {u"odd", 1, u"abc", 2},   {u"nul", 1, u"ab", 6},
+      {u"empty", 0, u"", 0},     {u"dword", 0, u"", 0},    {u"multi", 0, u"", 0},
+      {u"missing", 0, u"", 0},
+  };
+  for (const auto& row : rows) {
+    std::u16string value;
+    uint32_t length = 99;
+    EXPECT_EQ(row.result, RegQueryStringValue(key, row.name, value, &length)) << WideToUtf8(row.name);
+    EXPECT_EQ(row.length, length) << WideToUtf8(row.name);
+    EXPECT_EQ(row.value, value);
   }
+  std::u16string value;
+  EXPECT_EQ(1u, RegQueryStringValue(key, u"plain", value, nullptr));  // no length asked for
 }
 
 TEST_F(UserLookupTest, DnsDomainComesFromTheUsersVolatileEnvironment) {
@@ -286,106 +277,108 @@ TEST_F(UserLookupTest, AccountFailures) {
   EXPECT_EQ(0, accounts.tokensClosed.load());
 }
 
-TEST_F(UserLookupTest, DomainAccountWithoutAzure) {
-  DomainUser(u"FABRIKAM", u"FABRIKAM.EXAMPLE.TEST");
-  AzureAnswers(kNotJoinedOutput);
-  ASSERT_EQ(1u, LoadSessionUser(system, record, 2, log, 1));
-  EXPECT_EQ(2u, record.SessionId());
-  EXPECT_EQ(&log, record.Log());
-  EXPECT_EQ("mlind", record.UserName());
-  EXPECT_EQ("FABRIKAM.EXAMPLE.TEST", record.Domain());
-  EXPECT_EQ("", record.TenantId());
-  EXPECT_EQ(0u, record.Status());
-  EXPECT_TRUE(support.HasLine("iResult:1"));
-  EXPECT_TRUE(support.HasLine(
-      "GetTSSessionUserName() result, strUsername:mlind, strDomain:FABRIKAM.EXAMPLE.TEST"));
-  EXPECT_TRUE(support.HasLine(
-      "GetAZureSessionUserInfo(), Calling of ParseConsoleOutput is failed, error:-1"));
+// The whole lookup for session 2 (6 has nobody): the AD and Azure AD
+// answers, which one is taken, the texts logged and whether the tool ran.
+struct LoadRow {
+  const char* name;
+  const char16_t* domain;  // the account's; nullptr: the session is empty
+  const char16_t* dnsDomain;  // USERDNSDOMAIN
+  const char16_t* user;
+  bool queryFunction;
+  const char* azure;       // the tool's output
+  bool azureAnswerBefore;  // the record first took the Azure answer
+  uint32_t prefer;
+  uint32_t result;
+  const char* userName;
+  const char* domainName;
+  const char* tenant;
+  std::vector<const char*> lines;  // each logged exactly as often as listed
+  bool toolRuns;
+};
+const char kTenant[] = "4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44";
+const char kBoth[] = "Got both AD and Azure user logon info, prefer user Azure";
+const LoadRow kLoadRows[] = {
+    {"DomainAccountWithoutAzure", u"FABRIKAM", u"FABRIKAM.EXAMPLE.TEST", u"mlind", true, kNotJoinedOutput, false, 1, 1,
+     "mlind", "FABRIKAM.EXAMPLE.TEST", "",
+     {"iResult:1", "GetTSSessionUserName() result, strUsername:mlind, strDomain:FABRIKAM.EXAMPLE.TEST",
+      "GetAZureSessionUserInfo(), Calling of ParseConsoleOutput is failed, error:-1"},
+     true},
+    {"AzureAccountSeenAsDomainIsDiscarded", u"AZUREad", u"", u"mlind", true, kNotJoinedOutput, false,
+     0, 0, "", "", "",
+     {"Discard this logon info, strUsername:mlind, strDomain:AZUREad",
+      "Failed to get username for session ID:2"},
+     true},
+    {"LocalAccountWithAzureTakesAzure", u"WORKSTATION7", u"", u"mlind", true, kJoinedOutput, false, 0,
+     1, "mara.lind", "fabrikam.example", kTenant, {"iResult:2", "Got only Azure user logon info"},
+     true},
+    {"BothPreferAzure", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, false, 1, 1, "mara.lind",
+     "fabrikam.example", kTenant, {kBoth}, true},
+    {"BothPreferZeroTakesAD", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, true, 0, 1, "mlind",
+     "FABRIKAM", "", {kBoth}, true},  // the tenant of the earlier answer is cleared
+    {"BothPreferTwoTakesAD", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, true, 2, 1, "mlind",
+     "FABRIKAM", "", {kBoth}, true},
+    {"NobodyLoggedOnRunsNoTool", nullptr, u"", u"", true, kJoinedOutput, false, 0, 0, "", "", "",
+     {"iResult:3", "Failed to call WTSQueryUserToken for session ID:6,error:1245",
+      "Failed to call WTSQueryUserToken for session ID:6,error:1245",
+      "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=1245"},
+     false},
+    {"MissingQueryFunctionFailsBothSides", u"FABRIKAM", u"", u"mlind", false, kJoinedOutput, false, 0,
+     0, "", "", "",
+     {"Failed to get token for session ID:2,error:0",
+      "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=0"},
+     false},
+    {"EmptyUserNameIsNoAnswerAndNoMessage", u"FABRIKAM", u"", u"", true, kNotJoinedOutput, false, 0, 0,
+     "", "", "", {}, true},
+    {"TextsLeaveAsUtf8", u"M\u00dcNCHEN", u"", u"J\u00f6rg \u6797", true, kNotJoinedOutput, false, 0, 1,
+     "J\xc3\xb6rg \xe6\x9e\x97", "M\xc3\x9cNCHEN", "", {}, true},
+};
+
+void PrintTo(const LoadRow& row, std::ostream* os) { *os << row.name; }
+
+class LoadSessionUserTest : public UserLookupTest, public ::testing::WithParamInterface<LoadRow> {};
+
+TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {
+  const LoadRow& row = GetParam();
+  const uint32_t session = row.domain ? 2 : 6;
+  if (row.domain) {
+    userName = row.user;
+    DomainUser(row.domain, row.dnsDomain);
+  }
+  accounts.hasQueryUserToken = row.queryFunction;
+  if (row.azureAnswerBefore) {
+    AzureAnswers(row.azure);
+    ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 1));
+    ASSERT_EQ(kTenant, record.TenantId());
+  }
+  AzureAnswers(row.azure);
+  ASSERT_EQ(row.result, LoadSessionUser(system, record, session, log, row.prefer));
+  EXPECT_EQ(row.userName, record.UserName());
+  EXPECT_EQ(row.domainName, record.Domain());
+  EXPECT_EQ(row.tenant, record.TenantId());
+  if (row.result == 1) {
+    EXPECT_EQ(session, record.SessionId());
+    EXPECT_EQ(&log, record.Log());
+    EXPECT_EQ(0u, record.Status());
+  }
+  std::map<std::string, size_t> expected;
+  for (const char* line : row.lines) ++expected[line];
+  for (const auto& [line, count] : expected) EXPECT_EQ(count, support.CountLines(line)) << line;
+  // Never asked for the name of an empty account.
+  EXPECT_FALSE(row.result == 0 && *row.user == 0 &&
+               support.HasLine("Failed to get username for session ID:2"));
+  EXPECT_FALSE(row.result == 0 && support.HasLine("iResult:0"));
+  if (!row.toolRuns) {
+    EXPECT_TRUE(console.commandLines.empty());  // never run without the user's token
+    return;
+  }
   // The tool ran as the session's user.
   EXPECT_NE(0, console.lastToken.value());
-  ASSERT_EQ(1u, console.commandLines.size());
-  EXPECT_EQ("dsregcmd.exe /status", console.commandLines[0]);
+  ASSERT_FALSE(console.commandLines.empty());
+  EXPECT_EQ("dsregcmd.exe /status", console.commandLines.back());
 }
 
-TEST_F(UserLookupTest, AzureAccountSeenAsDomainAccountIsDiscarded) {
-  DomainUser(u"AZUREad");
-  AzureAnswers(kNotJoinedOutput);
-  EXPECT_EQ(0u, LoadSessionUser(system, record, 2, log, 0));
-  EXPECT_TRUE(support.HasLine("Discard this logon info, strUsername:mlind, strDomain:AZUREad"));
-  EXPECT_TRUE(support.HasLine("Failed to get username for session ID:2"));
-  EXPECT_EQ("", record.UserName());
-}
-
-TEST_F(UserLookupTest, LocalAccountWithAzureTakesAzure) {
-  DomainUser(u"WORKSTATION7");
-  AzureAnswers(kJoinedOutput);
-  ASSERT_EQ(1u, LoadSessionUser(system, record, 2, log, 0));
-  EXPECT_TRUE(support.HasLine("iResult:2"));
-  EXPECT_TRUE(support.HasLine("Got only Azure user logon info"));
-  EXPECT_EQ("mara.lind", record.UserName());
-  EXPECT_EQ("fabrikam.example", record.Domain());
-  EXPECT_EQ("4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44", record.TenantId());
-}
-
-TEST_F(UserLookupTest, BothAnswersFollowThePreferAzureSwitch) {
-  DomainUser(u"FABRIKAM");
-  AzureAnswers(kJoinedOutput);
-  ASSERT_EQ(1u, LoadSessionUser(system, record, 2, log, 1));
-  EXPECT_TRUE(support.HasLine("Got both AD and Azure user logon info, prefer user Azure"));
-  EXPECT_EQ("mara.lind", record.UserName());
-  EXPECT_EQ("4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44", record.TenantId());
-
-  for (uint32_t prefer : {0u, 2u}) {
-    ASSERT_EQ(1u, LoadSessionUser(system, record, 2, log, prefer));
-    EXPECT_EQ("mlind", record.UserName());
-    EXPECT_EQ("FABRIKAM", record.Domain());
-    EXPECT_EQ("", record.TenantId());  // cleared from the earlier answer
-  }
-  EXPECT_EQ(1u, support.CountLines("Got both AD and Azure user logon info, prefer user Azure"));
-}
-
-TEST_F(UserLookupTest, NobodyLoggedOnRunsNoTool) {
-  AzureAnswers(kJoinedOutput);
-  EXPECT_EQ(0u, LoadSessionUser(system, record, 6, log, 0));
-  EXPECT_TRUE(support.HasLine("iResult:3"));
-  EXPECT_EQ(2u, support.CountLines("Failed to call WTSQueryUserToken for session ID:6,error:1245"));
-  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=1245"));
-  EXPECT_TRUE(console.commandLines.empty());  // never run without the user's token
-  EXPECT_EQ("", record.UserName());
-}
-
-TEST_F(UserLookupTest, MissingQueryFunctionFailsBothSides) {
-  DomainUser(u"FABRIKAM");
-  accounts.hasQueryUserToken = false;
-  EXPECT_EQ(0u, LoadSessionUser(system, record, 2, log, 0));
-  EXPECT_TRUE(support.HasLine("Failed to get token for session ID:2,error:0"));
-  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=0"));
-  EXPECT_TRUE(console.commandLines.empty());
-  EXPECT_FALSE(support.HasLine("iResult:0"));
-}
-
-TEST_F(UserLookupTest, EmptyUserNameIsNoAnswerAndNoMessage) {
-  DomainUser(u"FABRIKAM");
-  FakeAccounts::User nameless;
-  nameless.sid = DomainSid(1107);
-  nameless.domain = u"FABRIKAM";
-  accounts.SetUser(2, nameless);
-  AzureAnswers(kNotJoinedOutput);
-  EXPECT_EQ(0u, LoadSessionUser(system, record, 2, log, 0));
-  EXPECT_FALSE(support.HasLine("Failed to get username for session ID:2"));
-}
-
-TEST_F(UserLookupTest, TextsLeaveAsUtf8) {
-  FakeAccounts::User user;
-  user.sid = DomainSid(1200);
-  user.name = u"J\u00f6rg \u6797";
-  user.domain = u"M\u00dcNCHEN";
-  accounts.SetUser(2, user);
-  AzureAnswers(kNotJoinedOutput);
-  ASSERT_EQ(1u, LoadSessionUser(system, record, 2, log, 0));
-  EXPECT_EQ("J\xc3\xb6rg \xe6\x9e\x97", record.UserName());
-  EXPECT_EQ("M\xc3\x9cNCHEN", record.Domain());
-}
+INSTANTIATE_TEST_SUITE_P(Rows, LoadSessionUserTest, ::testing::ValuesIn(kLoadRows),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace lindqvar::testing

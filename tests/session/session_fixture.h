@@ -153,11 +153,6 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
     network.names["ws1"] = std::move(addresses);
   }
 
-  FakeNetwork network;
-  FakeAdapters adapters;
-  FakeHyperV hyperv;
-  FakeSessions sessions;
-  FakeSessionWindow window;
   std::set<uint32_t> notReady;  // sessions whose lookup says "not ready"
   uint32_t preferAzure = 0;     // the lookups' prefer-Azure setting
   int lookups = 0;
