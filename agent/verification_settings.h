@@ -5,6 +5,9 @@
 //                            other value, of any type, on
 //   ServerCertificateSha256  REG_MULTI_SZ (or REG_SZ) of SHA-256 fingerprints
 //                            of accepted server certificates, in hex
+// and the opt-in list of users never reported, read beside them:
+//   ExcludedUsers            REG_MULTI_SZ (or REG_SZ) of user patterns
+//                            (session/user_exclusions.h)
 #pragma once
 
 #include <cstdint>
