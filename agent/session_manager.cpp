@@ -31,8 +31,7 @@ CSessionManager::CSessionManager(const Platform& platform)
       m_log(*platform.support),
       m_addresses(m_log, *platform.network, *platform.adapters, *platform.hyperv, std::string(), 0),
       m_identifiers(m_log, *platform.support, *platform.registry),
-      m_delivery(m_log, *platform.support, *platform.network, m_platform.timings,
-                 m_dwKeepAliveInterval, *this),
+      m_delivery(m_log, *platform.support, *platform.network, m_platform.timings),
       m_sessions(m_log,
                  [this](CTerminalSession& record, uint32_t session) {
                    const UserLookup system{*m_platform.accounts, *m_platform.registry,
@@ -42,7 +41,8 @@ CSessionManager::CSessionManager(const Platform& platform)
                  }),
       m_events(SessionEventParts{m_log, *platform.support, *platform.sessions, *platform.window,
                                  m_platform.timings, m_sessions, m_addresses, m_identifiers,
-                                 *this}) {
+                                 m_delivery}) {
+  m_delivery.SetReachabilityCallback([this](uint32_t state) { SetState(state); });
   if (platform.securityPackage && platform.impersonation) {
     m_ntlmPackage = std::make_unique<CNtlmPackage>(*platform.securityPackage);
     m_ntlmRelay = std::make_unique<CNtlmRelay>(m_log, *platform.support, *platform.impersonation,
@@ -112,6 +112,7 @@ uint32_t CSessionManager::Stop() {
   }
   m_sessions.ClearPendingSessions();
   m_settings.ClearServers();
+  m_delivery.SetConfiguration(m_settings.Delivery());
   m_network.Cleanup();
   return 0;
 }
@@ -152,6 +153,7 @@ uint32_t CSessionManager::Init() {
   m_addresses.BuildVirtualAdapterList();
   CollectHostAddresses();
   m_log.Debug("m_count:%d, m_count6:%d", static_cast<int>(m_count), static_cast<int>(m_count6));
+  PublishWorkstation();
 
   std::unique_ptr<IRegistryKey> key;
   if (m_registry.OpenKey(RegistryHive::kLocalMachine, kAgentKeyPath, reg_access::kRead, key) !=
@@ -162,12 +164,13 @@ uint32_t CSessionManager::Init() {
   }
 
   m_settings.Load(m_support, m_log);
-  m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  PublishSettings();
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   ApplyUserExclusions();
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
+  PublishWorkstation();
   EnumerateSessions();
   return 1;
 }
@@ -267,7 +270,8 @@ uint32_t CSessionManager::ReloadSettings() {
   const uint32_t changed = m_settings.IsChanged(m_support);
   // Swaps in a new snapshot; a pass in progress keeps the one it took.
   m_settings.Apply(m_support, m_log);
-  m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  PublishSettings();
+  PublishWorkstation();
   // Server verification is not part of the change test: it applies from the
   // next connection on without ending the agent.
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
@@ -282,37 +286,30 @@ int64_t CSessionManager::WindowProc(uint32_t message, uint64_t wParam, int64_t l
   return m_events.WindowProc(message, wParam, lParam);
 }
 
-IpAddress CSessionManager::LocalAddress() {
-  std::lock_guard<std::mutex> lock(m_csAddresses);
-  IpAddress a;
-  if (m_count == 0 && m_count6 != 0)
-    a.SetIPv6(m_IPv6[0].data());
-  else
-    a.SetIPv4(m_IPv4[0]);
-  return a;
+void CSessionManager::PublishSettings() {
+  m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  // Passes that start from now on take the new servers and key.
+  m_delivery.SetConfiguration(m_settings.Delivery());
 }
 
-uint32_t CSessionManager::LocalIPv4() {
-  std::lock_guard<std::mutex> lock(m_csAddresses);
-  return m_IPv4[0];
-}
-
-uint32_t CSessionManager::ServerIPv4() {
-  const IpAddress last = m_delivery.Resolver().LastAddress();
-  return last.Family() == kFamilyIPv4 ? last.IPv4() : 0;
-}
-
-WorkstationFacts CSessionManager::Workstation() {
-  WorkstationFacts w;
-  w.computerName = m_hostName;
-  w.dnsDomain = m_domainName;
-  w.preferAzure = m_settings.PreferAzure();
-  return w;
-}
-
-bool CSessionManager::DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) {
-  CDecoder decoder;
-  return m_delivery.send_to_all_servers(session, event, decoder, isRetry);
+void CSessionManager::PublishWorkstation() {
+  WorkstationSnapshot w;
+  w.facts.computerName = m_hostName;
+  w.facts.dnsDomain = m_domainName;
+  w.facts.preferAzure = m_settings.PreferAzure();
+  IpAddress local;
+  {
+    std::lock_guard<std::mutex> lock(m_csAddresses);
+    w.localIPv4 = m_IPv4[0];
+    // The connection log line names the first IPv4 address, or the first
+    // IPv6 one when there is no IPv4 address.
+    if (m_count == 0 && m_count6 != 0)
+      local.SetIPv6(m_IPv6[0].data());
+    else
+      local.SetIPv4(m_IPv4[0]);
+  }
+  m_delivery.SetLocalAddress(local);
+  m_events.SetWorkstation(w);
 }
 
 uint32_t CSessionManager::NotificationThread() {
@@ -410,7 +407,7 @@ uint32_t CSessionManager::KeepAliveThread() {
     // The server sets the interval; a value whose milliseconds do not fit
     // 32 bits must not wrap into a short wait and a flood of keep-alives.
     const uint32_t waitMs =
-        KeepAliveWaitMs(m_dwKeepAliveInterval.load(), m_platform.timings.keepAliveUnitMs);
+        KeepAliveWaitMs(m_delivery.KeepAliveInterval(), m_platform.timings.keepAliveUnitMs);
     const WaitResult r = m_waits.Wait(m_stopEvent, waitMs);
     if (r == WaitResult::kSignaled) return 1;
     if (r == WaitResult::kTimeout) m_events.SendKeepAliveEvent();
@@ -421,8 +418,8 @@ uint32_t CSessionManager::ResendThread() {
   for (;;) {
     const WaitResult r = m_stopEvent.Wait(m_platform.timings.resendPeriodMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout && m_delivery.LastDeliveryFailed() == 1 &&
-        m_delivery.RetryCount() < kMaxResendTries) {
+    if (r == WaitResult::kTimeout && m_events.ResendPending() == 1 &&
+        m_events.ResendTries() < kMaxResendTries) {
       m_events.ResendLogonEvent();
     }
   }

@@ -28,7 +28,7 @@
 
 namespace lindqvar {
 
-class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessionEventHost {
+class CSessionManager : public CVirWindow {
  public:
   // The worker threads, in the order Start creates them.
   enum ThreadIndex : size_t {
@@ -81,7 +81,7 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
     return m_events.SendSessionEvent(session, logon, wakeup);
   }
 
-  uint32_t KeepAliveInterval() const { return m_dwKeepAliveInterval.load(); }
+  uint32_t KeepAliveInterval() const { return m_delivery.KeepAliveInterval(); }
   // The keep-alive thread's wait for a server interval of `seconds`: the
   // interval kept within 1 s and kMaxKeepAliveSeconds, times the unit, in
   // 64 bits and never reaching an unlimited wait.
@@ -122,16 +122,10 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   // Closes a run of failed waits with one line.
   void EndFailedWaits(const char* thread, uint32_t& failures);
 
-  // IDeliveryHost
-  DeliveryConfigPtr DeliveryConfiguration() override { return m_settings.Delivery(); }
-  void SetDeliveryState(uint32_t state) override { SetState(state); }
-  IpAddress LocalAddress() override;
-  // ISessionEventHost
-  bool DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) override;
-  WorkstationFacts Workstation() override;
-  uint32_t LocalIPv4() override;
-  uint32_t ServerIPv4() override;
-  void RequestResend() override { m_delivery.RequestResend(); }
+  // Hands what the settings and the start-up found to the delivery and the
+  // event sender.
+  void PublishSettings();
+  void PublishWorkstation();
 
   Platform m_platform;
   IWaits m_plainWaits;
@@ -148,7 +142,6 @@ class CSessionManager : public CVirWindow, private IDeliveryHost, private ISessi
   std::atomic<uint32_t> m_dwState{0};
   std::mutex m_stateLock;  // orders the state writes against the final one
   bool m_finalState = false;
-  std::atomic<uint32_t> m_dwKeepAliveInterval{180};
   std::atomic<uint32_t> m_bNotifyRegistered{0};
   uint32_t m_bModeFlag = 1;
 

@@ -66,14 +66,6 @@ class NoNetwork : public INetwork {
   std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
 };
 
-class Host : public IDeliveryHost {
- public:
-  DeliveryConfigPtr DeliveryConfiguration() override { return config; }
-  void SetDeliveryState(uint32_t) override {}
-  IpAddress LocalAddress() override { return IpAddress(); }
-  DeliveryConfigPtr config;
-};
-
 // The same one-record logon event as the delivery tests send.
 void BuildEvent(CEncoder& e) {
   const diag::DiagEvent event{1, "corp", "alice", "ws1.corp.example", {0x0A0200C0}, {}, 1700000000};
@@ -199,20 +191,17 @@ void BM_DeliveryPassVersusMinimalOpenSslClient(benchmark::State& state) {
   QuietSupport support;
   CLog log(support);
   NoNetwork network;
-  Host host;
   ServerList servers;
   auto entry = std::make_unique<ServerEntry>();
   std::strcpy(entry->host, "127.0.0.1");
   entry->port = bound.port;
   servers.push_back(std::move(entry));
   std::string key = kKey;
-  std::atomic<uint32_t> keepAlive{180};
   Timings timings;
-  host.config = MakeDeliveryConfig(servers, key);
-  CAuthenticatorClient agent(log, support, network, timings, keepAlive, host);
+  CAuthenticatorClient agent(log, support, network, timings);
+  agent.SetConfiguration(MakeDeliveryConfig(servers, key));
   CEncoder event(kEventEncoderCapacity);
   BuildEvent(event);
-  CDecoder decoder;
   MinimalClient minimal;
 
   using Clock = std::chrono::steady_clock;
@@ -220,7 +209,7 @@ void BM_DeliveryPassVersusMinimalOpenSslClient(benchmark::State& state) {
   int64_t failures = 0;
   for (auto _ : state) {
     const auto t0 = Clock::now();
-    if (!agent.send_to_all_servers(1, event, decoder, false)) ++failures;
+    if (!agent.Deliver(1, event).delivered) ++failures;
     const auto t1 = Clock::now();
     if (!minimal.Exchange(bound)) ++failures;
     const auto t2 = Clock::now();

@@ -60,13 +60,9 @@ const char* ExchangeStageName(ExchangeStage stage) {
 
 CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support,
                                            INetwork& network, const Timings& timings,
-                                           std::atomic<uint32_t>& keepAliveInterval,
-                                           IDeliveryHost& host,
                                            const CertificateMaterial& material)
     : m_log(log),
       m_support(support),
-      m_keepAliveInterval(keepAliveInterval),
-      m_host(host),
       m_resolver(network, log),
       m_tls(log, support, timings, material) {}
 
@@ -75,19 +71,27 @@ void CAuthenticatorClient::SetTickLogging(bool on) {
   m_resolver.SetTickLogging(on);
 }
 
-bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder& event,
-                                               CDecoder& decoder, bool isRetry) {
-  std::lock_guard<std::mutex> pass(m_passLock);
-  if (!isRetry) {
-    m_bSendFailed = 0;
-    m_dwRetryCount = 0;
-  } else {
-    ++m_dwRetryCount;
-  }
+void CAuthenticatorClient::SetConfiguration(DeliveryConfigPtr config) {
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_config = std::move(config);
+}
 
-  m_pass = m_host.DeliveryConfiguration();
+void CAuthenticatorClient::SetLocalAddress(const IpAddress& address) {
+  std::lock_guard<std::mutex> lock(m_configLock);
+  m_localAddress = address;
+}
+
+DeliveryConfigPtr CAuthenticatorClient::Configuration() const {
+  std::lock_guard<std::mutex> lock(m_configLock);
+  return m_config;
+}
+
+DeliveryResult CAuthenticatorClient::Deliver(uint32_t session, const CEncoder& event) {
+  std::lock_guard<std::mutex> pass(m_passLock);
+  m_pass = Configuration();
   bool anySucceeded = false;
   if (m_pass) {
+    CDecoder decoder;
     for (const auto& server : m_pass->servers) {
       if (!server) continue;
       SetCurrentServer(*server);
@@ -96,14 +100,12 @@ bool CAuthenticatorClient::send_to_all_servers(uint32_t session, const CEncoder&
   }
   m_pass.reset();
 
-  m_host.SetDeliveryState(anySucceeded ? 2 : 1);
-  if (anySucceeded) {
-    m_bSendFailed = 0;
-    m_dwRetryCount = 0;
-  } else {
-    m_bSendFailed = 1;
-  }
-  return anySucceeded;
+  if (m_reachability) m_reachability(anySucceeded ? 2 : 1);
+  DeliveryResult result;
+  result.delivered = anySucceeded;
+  const IpAddress last = m_resolver.LastAddress();
+  if (last.Family() == kFamilyIPv4) result.serverIPv4 = last.IPv4();
+  return result;
 }
 
 uint32_t CAuthenticatorClient::ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder) {
@@ -141,7 +143,11 @@ uint32_t CAuthenticatorClient::SendAndReceive(uint32_t session, const CEncoder* 
       break;
     }
 
-    const IpAddress local = m_host.LocalAddress();
+    IpAddress local;
+    {
+      std::lock_guard<std::mutex> lock(m_configLock);
+      local = m_localAddress;
+    }
     if (m_bLogTickCount)
       m_log.Debug("SendAndReceive(), Local IP:%s, BRK IP:%s, BRK Port:%d, TICC:%d, TID:%d",
                   local.Text(), target.address.Text(), static_cast<int>(m_currentServer.port),
@@ -278,7 +284,7 @@ uint32_t CAuthenticatorClient::process_hello(CDecoder& decoder, CEncoder& reply)
   uint8_t response[16] = {};
   if (flags & 1) {
     // Outside a pass (a single exchange) the key in force now is used.
-    const DeliveryConfigPtr config = m_pass ? m_pass : m_host.DeliveryConfiguration();
+    const DeliveryConfigPtr config = m_pass ? m_pass : Configuration();
     uint8_t key[16];
     // Both arms are lvalues, so the key is read in place, never copied into
     // a temporary that nobody wipes.
@@ -330,7 +336,7 @@ uint32_t CAuthenticatorClient::process_event_ack(CDecoder& decoder) {
       result = decoder.value_u32();
     } else if (decoder.code() == ATTR_KEEPALIVE_INTERVAL) {
       interval = decoder.value_u32();
-      if (interval != 0 && interval != m_keepAliveInterval.load()) m_keepAliveInterval = interval;
+      if (interval != 0 && interval != m_dwKeepAliveInterval.load()) m_dwKeepAliveInterval = interval;
     }
   }
   if (m_pReport) {

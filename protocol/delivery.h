@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,6 +21,7 @@
 #include "protocol/resolve.h"
 #include "protocol/server_entry.h"
 #include "protocol/tls.h"
+#include "session/event_delivery.h"
 
 namespace lindqvar {
 
@@ -35,20 +37,6 @@ void compute_response(uint8_t challenge[16], const uint8_t key[16], uint8_t dige
 // The 16-byte key block made from a preshared key: its first 16 bytes,
 // padded with zero bytes when shorter.
 void preshared_key_block(const std::string& presharedKey, uint8_t key[16]);
-
-// What the delivery needs from its owner.
-class IDeliveryHost {
- public:
-  virtual ~IDeliveryHost() = default;
-  // The servers and key in force now.
-  virtual DeliveryConfigPtr DeliveryConfiguration() = 0;
-  // Sets the agent state (1 unreachable, 2 reachable) and writes it through.
-  // Called once at the end of every pass.
-  virtual void SetDeliveryState(uint32_t state) = 0;
-  // The agent's own address for the connection log line: its first IPv4
-  // address, or its first IPv6 address when it has no IPv4 one.
-  virtual IpAddress LocalAddress() = 0;
-};
 
 // Runs the NTLM relay on the connection when an event acknowledgement asks
 // for it (result 2). Its outcome does not change the delivery's.
@@ -109,15 +97,16 @@ enum class ExchangeMode {
   kHelloOnly,  // stop after the hello acknowledgement (no event is sent)
 };
 
-class CAuthenticatorClient {
+class CAuthenticatorClient : public IEventDelivery {
  public:
-  // The servers and key come from the host at the start of every pass;
-  // `keepAliveInterval` (seconds) is updated from event acknowledgements.
+  // Told the state at the end of every pass: 2 when a server accepted the
+  // event, else 1.
+  using ReachabilityCallback = std::function<void(uint32_t state)>;
+
   CAuthenticatorClient(CLog& log, ISupportLibrary& support, INetwork& network,
-                       const Timings& timings, std::atomic<uint32_t>& keepAliveInterval,
-                       IDeliveryHost& host,
+                       const Timings& timings,
                        const CertificateMaterial& material = BuiltInCertificateMaterial());
-  virtual ~CAuthenticatorClient() = default;
+  ~CAuthenticatorClient() override = default;
   CAuthenticatorClient(const CAuthenticatorClient&) = delete;
   CAuthenticatorClient& operator=(const CAuthenticatorClient&) = delete;
 
@@ -131,12 +120,24 @@ class CAuthenticatorClient {
     m_tls.SetServerVerification(verification);
   }
 
-  // Offers the event to every server in list order (no early stop), sets
-  // the agent state once, and keeps the failed flag and retry counter for
-  // the re-send logic. True when at least one server accepted it. Passes
-  // never overlap: a pass waits for the one in progress.
-  bool send_to_all_servers(uint32_t session, const CEncoder& event, CDecoder& decoder,
-                           bool isRetry);
+  // The servers and key for the passes that start from now on; a pass in
+  // progress keeps the snapshot it took. Null: no server.
+  void SetConfiguration(DeliveryConfigPtr config);
+  // The agent's own address for the connection log line: its first IPv4
+  // address, or its first IPv6 address when it has no IPv4 one.
+  void SetLocalAddress(const IpAddress& address);
+  // Set once, before the first pass.
+  void SetReachabilityCallback(ReachabilityCallback callback) {
+    m_reachability = std::move(callback);
+  }
+  // The keep-alive interval in seconds: 180 until an event acknowledgement
+  // gives another non-zero one.
+  uint32_t KeepAliveInterval() const { return m_dwKeepAliveInterval.load(); }
+
+  // Offers the event to every server in list order (no early stop) and
+  // tells the reachability callback once. Passes never overlap: a pass
+  // waits for the one in progress.
+  DeliveryResult Deliver(uint32_t session, const CEncoder& event) override;
 
   // The exchange with the current server. 1 on success, 0 on failure. With
   // kHelloOnly `event` is not used and success means the hello was
@@ -154,17 +155,6 @@ class CAuthenticatorClient {
   void SetCurrentServer(const ServerEntry& server) { m_currentServer = server; }
   const ServerEntry& CurrentServer() const { return m_currentServer; }
 
-  // The re-send state: the failed flag is up after a failed pass (or when an
-  // event found no address to report) until a pass succeeds; the counter
-  // counts re-send passes since the last ordinary one.
-  uint32_t LastDeliveryFailed() const { return m_bSendFailed.load(); }
-  uint32_t RetryCount() const { return m_dwRetryCount.load(); }
-  // An event could not be sent for lack of a local address: raise the flag
-  // and start counting re-sends afresh.
-  void RequestResend() {
-    m_bSendFailed = 1;
-    m_dwRetryCount = 0;
-  }
   CServerResolver& Resolver() { return m_resolver; }
   CTlsClient& Tls() { return m_tls; }
 
@@ -173,10 +163,16 @@ class CAuthenticatorClient {
   static uint32_t ReceiveServerReply(CTlsConnection& connection, CDecoder& decoder);
   void Report(ExchangeReport& report, ExchangeStage stage);
 
+  // The snapshot for a new pass or a single exchange.
+  DeliveryConfigPtr Configuration() const;
+
   CLog& m_log;
   ISupportLibrary& m_support;
-  std::atomic<uint32_t>& m_keepAliveInterval;
-  IDeliveryHost& m_host;
+  std::atomic<uint32_t> m_dwKeepAliveInterval{180};
+  ReachabilityCallback m_reachability;
+  mutable std::mutex m_configLock;  // guards the two below
+  DeliveryConfigPtr m_config;
+  IpAddress m_localAddress;
   CServerResolver m_resolver;
   CTlsClient m_tls;
   INtlmRelay* m_pNtlmRelay = nullptr;
@@ -189,8 +185,6 @@ class CAuthenticatorClient {
   std::mutex m_passLock;
   // The snapshot of the pass that is running; null between passes.
   DeliveryConfigPtr m_pass;
-  std::atomic<uint32_t> m_bSendFailed{0};
-  std::atomic<uint32_t> m_dwRetryCount{0};
   // Filled while an exchange runs, for the observer.
   ExchangeReport* m_pReport = nullptr;
 };

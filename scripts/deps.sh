@@ -48,8 +48,11 @@ SUDO=""
 
 if [ ${#missing[@]} -gt 0 ]; then
   echo "deps: installing ${missing[*]}"
-  $SUDO apt-get update -q
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
+  # Another run of this script may hold the package manager's lock: wait
+  # for it rather than fail.
+  $SUDO apt-get -o DPkg::Lock::Timeout=600 update -q
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get -o DPkg::Lock::Timeout=600 install -y -q \
+    --no-install-recommends "${missing[@]}"
 fi
 
 # OpenSSL 3 for x86_64-w64-mingw32, static, from Debian's own source package.
@@ -61,6 +64,11 @@ fi
 # folders). The library is taken from the build tree, not installed, so no
 # install prefix is compiled in either. A cache built with other options has
 # another folder name and is never reused.
+# Builds run one at a time (two runs of this script side by side would
+# share the build folder); a run that waited finds the cache made.
+mkdir -p "$CACHE_DIR"
+exec 9>"$CACHE_DIR/openssl.lock"
+flock 9
 if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
   echo "deps: building OpenSSL for MinGW-w64 into $OPENSSL_PREFIX"
   srcroot="$CACHE_DIR/openssl-src"
@@ -70,7 +78,7 @@ if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
       # Source lines for the archives the machine already uses: same URIs,
       # suites and components, type deb-src.
       derive_src_lines | $SUDO tee /etc/apt/sources.list.d/lindqvar-src.sources >/dev/null
-      $SUDO apt-get update -q
+      $SUDO apt-get -o DPkg::Lock::Timeout=600 update -q
     fi
     # Only the upstream tarball is needed. Try the versions the archive lists,
     # newest first: a security update's files are sometimes missing.
@@ -99,4 +107,5 @@ if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
   rm -rf "$build"
   echo "deps: OpenSSL for MinGW-w64 ready"
 fi
+flock -u 9
 echo "deps: ok"

@@ -181,8 +181,40 @@ AddressSet CSessionEvents::GatherAddresses() {
   return now;
 }
 
+void CSessionEvents::SetWorkstation(const WorkstationSnapshot& workstation) {
+  std::lock_guard<std::mutex> lock(m_workstationLock);
+  m_workstation = workstation;
+}
+
+WorkstationSnapshot CSessionEvents::Workstation() const {
+  std::lock_guard<std::mutex> lock(m_workstationLock);
+  return m_workstation;
+}
+
+DeliveryResult CSessionEvents::Deliver(uint32_t session, const CEncoder& event, bool resend) {
+  if (resend) {
+    ++m_dwResendTries;
+  } else {
+    m_bResendPending = 0;
+    m_dwResendTries = 0;
+  }
+  const DeliveryResult result = m.delivery.Deliver(session, event);
+  if (result.delivered) {
+    m_bResendPending = 0;
+    m_dwResendTries = 0;
+  } else {
+    m_bResendPending = 1;
+  }
+  return result;
+}
+
+void CSessionEvents::RequestResend() {
+  m_bResendPending = 1;
+  m_dwResendTries = 0;
+}
+
 WorkstationFacts CSessionEvents::Machine() {
-  WorkstationFacts machine = m.host.Workstation();
+  WorkstationFacts machine = Workstation().facts;
   machine.deviceUuid = m.identifiers.ClientUuid();
   machine.vrxSerial = m.identifiers.VrxSerial();
   machine.tenantId = m.identifiers.VrxTenantId();
@@ -207,7 +239,7 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
 
   if (!m.table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
     // No address to report: the re-send timer tries again.
-    if (m.table.Allocated()) m.host.RequestResend();
+    if (m.table.Allocated()) RequestResend();
     return 0;
   }
   const CTerminalSession* entry = m.table.FindSession(session);
@@ -218,10 +250,10 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
   BuildReport(event, wakeup || logon ? ReportPath::kLogonOrWakeup : ReportPath::kLogoff, *entry,
               now, changed, logon);
 
-  const bool delivered = m.host.DeliverEvent(session, event, false);
-  WriteSessionLog(wakeup ? kActionWakeup : logon ? kActionLogon : kActionLogoff, *entry, delivered);
-  if (delivered && changed) m_last = now;
-  return delivered ? 1 : 0;
+  const DeliveryResult result = Deliver(session, event, false);
+  WriteSessionLog(wakeup ? kActionWakeup : logon ? kActionLogon : kActionLogoff, *entry, result);
+  if (result.delivered && changed) m_last = now;
+  return result.delivered ? 1 : 0;
 }
 
 void CSessionEvents::BuildReport(CEncoder& event, ReportPath path, const CTerminalSession& entry,
@@ -250,15 +282,16 @@ void CSessionEvents::BuildReport(CEncoder& event, ReportPath path, const CTermin
 }
 
 void CSessionEvents::WriteSessionLog(uint32_t action, const CTerminalSession& entry,
-                                     bool delivered) {
+                                     const DeliveryResult& result) {
   SessionLogRecord r;
   r.action = action;
   r.domain = entry.Domain();
   r.user = entry.UserName();
-  r.computerName = m.host.Workstation().computerName;
-  r.localIPv4 = m.host.LocalIPv4();
-  r.serverIPv4 = m.host.ServerIPv4();
-  r.delivered = delivered;
+  const WorkstationSnapshot workstation = Workstation();
+  r.computerName = workstation.facts.computerName;
+  r.localIPv4 = workstation.localIPv4;
+  r.serverIPv4 = result.serverIPv4;
+  r.delivered = result.delivered;
   r.tickLogging = m_bLogTickCount != 0;
   r.tickCount = TickCount();
   r.threadId = CurrentThreadId();

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "identity/address_discovery.h"
 #include "identity/identifiers.h"
@@ -16,6 +17,7 @@
 #include "platform/timings.h"
 #include "protocol/codec.h"
 #include "protocol/session_message.h"
+#include "session/event_delivery.h"
 #include "session/session_table.h"
 
 namespace lindqvar {
@@ -36,22 +38,15 @@ enum WtsCode : uint64_t {
   kWtsSessionUnlock = 8,
 };
 
-// What the sender needs from its owner.
-class ISessionEventHost {
- public:
-  virtual ~ISessionEventHost() = default;
-  // One delivery pass of the finished event to every server; true when any
-  // accepted it. Passes never overlap: the caller holds the table lock.
-  virtual bool DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) = 0;
-  // Computer name, DNS domain and the prefer-Azure setting (the identifiers
-  // are filled in by the sender).
-  virtual WorkstationFacts Workstation() = 0;
-  // For the local log record: the agent's first IPv4 address and the
-  // server address last resolved (network byte order, 0 when none).
-  virtual uint32_t LocalIPv4() = 0;
-  virtual uint32_t ServerIPv4() = 0;
-  // No local address to report: the re-send timer is to try again.
-  virtual void RequestResend() = 0;
+// What the manager found out about the machine, handed over whole at
+// start-up and after every settings re-read.
+struct WorkstationSnapshot {
+  // Computer name, DNS domain and the prefer-Azure setting; the sender adds
+  // the identifiers for each event.
+  WorkstationFacts facts;
+  // The first IPv4 address found at start-up (network byte order), for the
+  // local delivery record.
+  uint32_t localIPv4 = 0;
 };
 
 struct SessionEventParts {
@@ -63,7 +58,7 @@ struct SessionEventParts {
   CSessionTable& table;
   CAddressDiscovery& addresses;
   CIdentifiers& identifiers;
-  ISessionEventHost& host;
+  IEventDelivery& delivery;
 };
 
 class CSessionEvents {
@@ -90,6 +85,15 @@ class CSessionEvents {
 
   // Log lines with a "TICC" variant use it while this is on (the default).
   void SetTickLogging(bool on) { m_bLogTickCount = on ? 1 : 0; }
+  // Takes its own lock, never the table lock: a settings re-read must not
+  // wait for a delivery in progress.
+  void SetWorkstation(const WorkstationSnapshot& workstation);
+
+  // The re-send state: pending after a failed delivery (or an event that
+  // found no address to report) until a delivery succeeds; the tries count
+  // the re-sends since the last ordinary delivery.
+  uint32_t ResendPending() const { return m_bResendPending.load(); }
+  uint32_t ResendTries() const { return m_dwResendTries.load(); }
 
   uint32_t Logon() const { return m_bLogon.load(); }
   uint32_t CurrentSession() const { return m_dwCurrentSession.load(); }
@@ -118,11 +122,18 @@ class CSessionEvents {
                    const AddressSet& now, bool changed, uint32_t logon);
   // The keep-alive and re-send report.
   void SendCurrentSession(const char* routine, int line, bool resend);
+  // One delivery pass, keeping the re-send state: an ordinary delivery
+  // starts it afresh, a re-send counts one more try; afterwards success
+  // clears it and failure leaves it pending.
+  DeliveryResult Deliver(uint32_t session, const CEncoder& event, bool resend);
+  // No address to report: the re-send timer is to try again.
+  void RequestResend();
   // Gathers the reportable addresses.
   AddressSet GatherAddresses();
   // The identifiers and the machine's facts for a record.
   WorkstationFacts Machine();
-  void WriteSessionLog(uint32_t action, const CTerminalSession& entry, bool delivered);
+  void WriteSessionLog(uint32_t action, const CTerminalSession& entry,
+                       const DeliveryResult& result);
 
   SessionEventParts m;
   uint32_t m_bLogTickCount = 1;
@@ -131,6 +142,11 @@ class CSessionEvents {
   std::atomic<uint32_t> m_bLogon{0};
   std::atomic<uint32_t> m_dwCurrentSession{0};
   AddressSet m_last;  // guarded by the table lock
+  WorkstationSnapshot Workstation() const;
+  mutable std::mutex m_workstationLock;
+  WorkstationSnapshot m_workstation;  // guarded by m_workstationLock
+  std::atomic<uint32_t> m_bResendPending{0};
+  std::atomic<uint32_t> m_dwResendTries{0};
 };
 
 }  // namespace lindqvar

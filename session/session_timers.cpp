@@ -30,10 +30,10 @@ void CSessionEvents::SendCurrentSession(const char* routine, int line, bool rese
   const bool changed = AddressesChanged(now);
   CEncoder event(kEventEncoderCapacity);
   BuildReport(event, ReportPath::kKeepAlive, *entry, now, changed, 1);
-  const bool delivered = m.host.DeliverEvent(session, event, resend);
-  if (delivered && changed) m_last = now;
+  const DeliveryResult result = Deliver(session, event, resend);
+  if (result.delivered && changed) m_last = now;
   // A re-send writes no delivery record.
-  if (!resend) WriteSessionLog(kActionKeepAlive, *entry, delivered);
+  if (!resend) WriteSessionLog(kActionKeepAlive, *entry, result);
 }
 
 void CSessionEvents::CheckAddressChange() {
@@ -49,7 +49,7 @@ void CSessionEvents::CheckAddressChange() {
   if (!changed || now.count4 == 0) {
     // Only an IPv6 address (or none) is left: nothing is reported, the
     // re-send timer tries again.
-    if (changed) m.host.RequestResend();
+    if (changed) RequestResend();
     return;
   }
   // Nothing while no user is reported as logged on, as for the keep-alive:
@@ -77,9 +77,10 @@ void CSessionEvents::CheckAddressChange() {
 
   CEncoder event(kEventEncoderCapacity);
   BuildReport(event, ReportPath::kAddressChange, *entry, now, changed, 1);
-  if (!m.host.DeliverEvent(session, event, false)) return;  // the next round tries again
+  const DeliveryResult result = Deliver(session, event, false);
+  if (!result.delivered) return;  // the next round tries again
   m_last = now;
-  WriteSessionLog(kActionAddressChange, *entry, true);
+  WriteSessionLog(kActionAddressChange, *entry, result);
 }
 
 }  // namespace lindqvar

@@ -477,17 +477,17 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   fake.timings.resendPeriodMs = 1;
   CSessionManager m(P());
   m.Start();  // the start-up logon fails
-  ASSERT_TRUE(testing::WaitUntil([&] { return m.Delivery().RetryCount() >= 20; }));
+  ASSERT_TRUE(testing::WaitUntil([&] { return m.Events().ResendTries() >= 20; }));
   const std::string line = "CSessionManager::ResendLogonEvent:1002, m_bLogon:1, m_dwCurrentSession:1";
   SleepMs(50);  // 50 more periods: the timer must stay quiet
   EXPECT_EQ(fake.support.CountLines(line), 20u);
-  EXPECT_EQ(m.Delivery().LastDeliveryFailed(), 1u);
+  EXPECT_EQ(m.Events().ResendPending(), 1u);
   // The server comes back; an ordinary exchange resets the re-send state.
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
   m.ReloadSettings();
   EXPECT_EQ(m.SendSessionEvent(1, 1, 0), 1u);
-  EXPECT_EQ(m.Delivery().LastDeliveryFailed(), 0u);
-  EXPECT_EQ(m.Delivery().RetryCount(), 0u);
+  EXPECT_EQ(m.Events().ResendPending(), 0u);
+  EXPECT_EQ(m.Events().ResendTries(), 0u);
   m.Stop();
   EXPECT_EQ(fake.support.CountLines(line), 20u);
 }

@@ -32,7 +32,6 @@ TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
 
   ASSERT_TRUE(agent.Deliver());
   EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
-  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
 
   const auto reports = lab.WaitReports(1);
   const ConnectionReport& r = reports[0];
@@ -96,7 +95,6 @@ TEST_F(DeliveryTest, EveryServerIsOfferedTheEventAndOneFailureDoesNotStopThePass
   EXPECT_EQ("complete", third.WaitReports(1)[0].end);
   EXPECT_EQ(2u, agent.LinesStartingWith("SendAndReceive(), succeeded").size());
   EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size());
-  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
 }
 
 TEST_F(DeliveryTest, OnlyTheSecondOfTwoServersAcceptingStillCountsAsReachable) {
@@ -107,16 +105,13 @@ TEST_F(DeliveryTest, OnlyTheSecondOfTwoServersAcceptingStillCountsAsReachable) {
   EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
 }
 
-TEST_F(DeliveryTest, FailedPassesSetTheFailedFlagAndRetriesCountUntilASuccess) {
+TEST_F(DeliveryTest, FailedPassesAreUnreachableUntilASuccess) {
   const uint16_t closed = ClosedPort();
   agent.AddServer("127.0.0.1", closed);
   agent.AddServer("127.0.0.1", closed);
   EXPECT_FALSE(agent.Deliver());
-  EXPECT_EQ(1u, agent.client->LastDeliveryFailed());
-  EXPECT_EQ(0u, agent.client->RetryCount());
-  EXPECT_FALSE(agent.Deliver(7, true));
-  EXPECT_FALSE(agent.Deliver(7, true));
-  EXPECT_EQ(2u, agent.client->RetryCount());
+  EXPECT_FALSE(agent.Deliver());
+  EXPECT_FALSE(agent.Deliver());
   EXPECT_EQ((std::vector<uint32_t>{1, 1, 1}), agent.states);
   // A closed port fails at the connect.
   EXPECT_EQ(6u, agent.LinesStartingWith("SslClientInit(), failed to  connect to authenticator, error:-1").size());
@@ -124,9 +119,7 @@ TEST_F(DeliveryTest, FailedPassesSetTheFailedFlagAndRetriesCountUntilASuccess) {
 
   CLabFixture lab(CLabFixture::Options(kKey));
   agent.servers[1] = MakeServer("127.0.0.1", lab.Port());
-  EXPECT_TRUE(agent.Deliver(7, true));
-  EXPECT_EQ(0u, agent.client->LastDeliveryFailed());
-  EXPECT_EQ(0u, agent.client->RetryCount());
+  EXPECT_TRUE(agent.Deliver());
   EXPECT_EQ(2u, agent.states.back());
 }
 
@@ -350,7 +343,7 @@ TEST_F(DeliveryTest, TheKeepAliveIntervalComesFromTheEventAck) {
   CLabFixture lab(options);
   agent.AddServer("127.0.0.1", lab.Port());
   ASSERT_TRUE(agent.Deliver());
-  EXPECT_EQ(60u, agent.keepAlive.load());
+  EXPECT_EQ(60u, agent.client->KeepAliveInterval());
 }
 
 class CountingRelay : public INtlmRelay {
@@ -430,12 +423,11 @@ TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
   FipsSupport fips;
   CDeliveryHarness host(kKey);
   host.AddServer("127.0.0.1", lab.Port());
-  CAuthenticatorClient client(host.log, fips, host.network, host.timings, host.keepAlive, host,
-                              material.Get());
+  CAuthenticatorClient client(host.log, fips, host.network, host.timings, material.Get());
+  client.SetConfiguration(MakeDeliveryConfig(host.servers, host.presharedKey));
   CEncoder event(kEventEncoderCapacity);
   CDeliveryHarness::BuildEvent(event);
-  CDecoder decoder;
-  EXPECT_FALSE(client.send_to_all_servers(1, event, decoder, false));
+  EXPECT_FALSE(client.Deliver(1, event).delivered);
   const ConnectionReport r = lab.WaitReports(1)[0];
   EXPECT_FALSE(r.tlsUp);
   EXPECT_NE(std::string::npos, r.tlsError.find("did not return a certificate")) << r.tlsError;

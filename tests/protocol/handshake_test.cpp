@@ -152,6 +152,7 @@ TEST_F(HandshakeTest, HelloReplyEchoesIdAndFlagsAndProvesTheKey) {
     Received hello(e);
     if (row.digestOverrun) hello.bytes[hello.bytes.size() - 22] = 0x7F;  // the last attribute
     CEncoder reply(kReplyEncoderCapacity);
+    agent.Publish();
     ASSERT_EQ(1u, agent.client->process_hello(hello.decoder, reply));
     const Reply r = ReadReply(reply);
     EXPECT_EQ(row.hello.id, r.id);
@@ -225,14 +226,14 @@ uint32_t EventAck(CAuthenticatorClient& client, uint32_t result, int64_t keepAli
 
 TEST_F(HandshakeTest, EventAckGivesTheResultAndTakesANonZeroKeepAliveInterval) {
   EXPECT_EQ(1u, EventAck(*agent.client, 1, -1));
-  EXPECT_EQ(180u, agent.keepAlive.load());
+  EXPECT_EQ(180u, agent.client->KeepAliveInterval());
   EXPECT_EQ(2u, EventAck(*agent.client, 2, 60));
-  EXPECT_EQ(60u, agent.keepAlive.load());
+  EXPECT_EQ(60u, agent.client->KeepAliveInterval());
   EXPECT_EQ(0u, EventAck(*agent.client, 0, 0));
-  EXPECT_EQ(60u, agent.keepAlive.load());
+  EXPECT_EQ(60u, agent.client->KeepAliveInterval());
   // Another message in its place: 0, and nothing taken from it.
   EXPECT_EQ(0u, EventAck(*agent.client, 1, 30, MSG_HELLO_ACK));
-  EXPECT_EQ(60u, agent.keepAlive.load());
+  EXPECT_EQ(60u, agent.client->KeepAliveInterval());
 }
 
 }  // namespace

@@ -171,8 +171,8 @@ CDeliveryHarness::CDeliveryHarness(const std::string& key, const CertificateMate
 }
 
 void CDeliveryHarness::Rebuild() {
-  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, keepAlive,
-                                                  *this, m_material);
+  client = std::make_unique<CAuthenticatorClient>(log, support, network, timings, m_material);
+  client->SetReachabilityCallback([this](uint32_t state) { states.push_back(state); });
 }
 
 void CDeliveryHarness::BuildEvent(CEncoder& e) {
@@ -185,11 +185,16 @@ void CDeliveryHarness::BuildEvent(CEncoder& e) {
   diag::BuildEvent(event, e);
 }
 
-bool CDeliveryHarness::Deliver(uint32_t session, bool isRetry) {
+void CDeliveryHarness::Publish() {
+  client->SetConfiguration(MakeDeliveryConfig(servers, presharedKey));
+  client->SetLocalAddress(localAddress);
+}
+
+bool CDeliveryHarness::Deliver(uint32_t session) {
   CEncoder event(kEventEncoderCapacity);
   BuildEvent(event);
-  CDecoder decoder;
-  return client->send_to_all_servers(session, event, decoder, isRetry);
+  Publish();
+  return client->Deliver(session, event).delivered;
 }
 
 std::vector<std::string> CDeliveryHarness::LinesStartingWith(const std::string& prefix) const {
@@ -198,7 +203,5 @@ std::vector<std::string> CDeliveryHarness::LinesStartingWith(const std::string& 
     if (l.text.compare(0, prefix.size(), prefix) == 0) out.push_back(l.text);
   return out;
 }
-
-void CDeliveryHarness::SetDeliveryState(uint32_t state) { states.push_back(state); }
 
 }  // namespace lindqvar::testing

@@ -114,7 +114,7 @@ uint16_t ClosedPort();
 std::unique_ptr<ServerEntry> MakeServer(const std::string& host, uint32_t port);
 
 // The agent side: fakes, a log, the delivery object.
-class CDeliveryHarness : public IDeliveryHost {
+class CDeliveryHarness {
  public:
   explicit CDeliveryHarness(const std::string& presharedKey,
                             const CertificateMaterial& material = BuiltInCertificateMaterial());
@@ -130,26 +130,22 @@ class CDeliveryHarness : public IDeliveryHost {
   // A one-record logon event for user ALICE of CORP at WS1.CORP.EXAMPLE
   // from 192.0.2.10.
   static void BuildEvent(CEncoder& event);
-  // One pass with that event.
-  bool Deliver(uint32_t session = 7, bool isRetry = false);
+  // Hands the servers, key and local address as the test last set them to
+  // the delivery object.
+  void Publish();
+  // One pass with that event, after Publish.
+  bool Deliver(uint32_t session = 7);
 
   // Log lines that start with `prefix`.
   std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
   bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
 
-  // IDeliveryHost: the servers and key as the test last set them.
-  DeliveryConfigPtr DeliveryConfiguration() override {
-    return MakeDeliveryConfig(servers, presharedKey);
-  }
-  void SetDeliveryState(uint32_t state) override;
-  IpAddress LocalAddress() override { return localAddress; }
 
   FakeSupport support;
   FakeNetwork network;
   Timings timings = FakePlatform::ShortTimings();
   ServerList servers;
   std::string presharedKey;
-  std::atomic<uint32_t> keepAlive{180};
   IpAddress localAddress;
   std::vector<uint32_t> states;  // every state set, in order
   CLog log{support};

@@ -141,7 +141,7 @@ TEST(LabProgram, PrintsItsPortThenOneJsonLinePerConnectionAndTableChange) {
   CDeliveryHarness agent("lab-key");
   agent.AddServer("127.0.0.1", port);
   EXPECT_TRUE(agent.Deliver());
-  EXPECT_EQ(90u, agent.keepAlive.load());
+  EXPECT_EQ(90u, agent.client->KeepAliveInterval());
 
   std::string rest;
   while (fgets(line, sizeof line, lab)) rest += line;

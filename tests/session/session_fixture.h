@@ -46,15 +46,15 @@ class Worker {
   std::future<void> m_done;
 };
 
-class FakeEventHost : public ISessionEventHost {
+class FakeDelivery : public IEventDelivery {
  public:
-  bool DeliverEvent(uint32_t session, const CEncoder& event, bool isRetry) override {
+  DeliveryResult Deliver(uint32_t session, const CEncoder& event) override {
     uint32_t length = 0;
     const uint8_t* bytes = event.get_buffer(&length);
     std::vector<uint8_t> copy(bytes, bytes + length);
     CDecoder decoder(copy.data(), length);
     uint8_t code = 0;
-    Delivery d{session, isRetry, lab::DecodeEvent(decoder, code)};
+    Delivery d{session, lab::DecodeEvent(decoder, code)};
     EXPECT_EQ(code, MSG_EVENT);
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_hold) {
@@ -67,12 +67,8 @@ class FakeEventHost : public ISessionEventHost {
     }
     // Recorded when it is done: the order in which a server would see them.
     deliveries.push_back(std::move(d));
-    return accept;
+    return {accept, 0x0100007F};  // 127.0.0.1
   }
-  WorkstationFacts Workstation() override { return machine; }
-  uint32_t LocalIPv4() override { return 0x0500000A; }   // 10.0.0.5
-  uint32_t ServerIPv4() override { return 0x0100007F; }  // 127.0.0.1
-  void RequestResend() override { ++resendRequests; }
 
   // The next delivery stops once reached, until ReleaseDelivery.
   void HoldNextDelivery() {
@@ -98,7 +94,6 @@ class FakeEventHost : public ISessionEventHost {
 
   struct Delivery {
     uint32_t session;
-    bool isRetry;
     std::vector<lab::SessionRecord> records;
   };
   // "USER2:1" for each record of each delivery, records joined with "+".
@@ -113,8 +108,6 @@ class FakeEventHost : public ISessionEventHost {
   }
 
   bool accept = true;
-  int resendRequests = 0;
-  WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
   std::vector<Delivery> deliveries;
 
  private:
@@ -130,6 +123,13 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
   SessionFixture() {
     network.hostName = "ws1";
     SetAddresses({FakeNetwork::V4(10, 0, 0, 5)});
+    SetMachine(machine);
+  }
+  // The machine's facts as the manager hands them over, with the local
+  // address 10.0.0.5.
+  void SetMachine(const WorkstationFacts& facts) {
+    machine = facts;
+    events.SetWorkstation({facts, 0x0500000A});
   }
   // Session `id` gets user USER<id> of domain CORP.
   void AddUser(uint32_t id) {
@@ -163,7 +163,8 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
                         if (notReady.count(session)) return 2;
                         return LoadSessionUser(system, record, session, log, preferAzure);
                       }};
-  FakeEventHost host;
+  FakeDelivery host;
+  WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
   CSessionEvents events{
       {log, support, sessions, window, timings, table, addresses, identifiers, host}};
 };

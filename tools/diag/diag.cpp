@@ -193,19 +193,6 @@ class CDiagNetwork : public INetwork {
   std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
 };
 
-class CDiagHost : public IDeliveryHost {
- public:
-  explicit CDiagHost(DeliveryConfigPtr config) : m_config(std::move(config)) {}
-  DeliveryConfigPtr DeliveryConfiguration() override { return m_config; }
-  void SetDeliveryState(uint32_t state) override { m_state = state; }
-  IpAddress LocalAddress() override { return IpAddress(); }
-  uint32_t State() const { return m_state; }
-
- private:
-  DeliveryConfigPtr m_config;
-  uint32_t m_state = 0;
-};
-
 const char* StageAdvice(ExchangeStage stage) {
   switch (stage) {
     case ExchangeStage::kResolve:
@@ -562,10 +549,11 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
       uint64_t{timings.exchangeLimitMs} * options.timeoutMs / timings.socketTimeoutMs;
   timings.socketTimeoutMs = options.timeoutMs;
   timings.exchangeLimitMs = static_cast<uint32_t>(std::min<uint64_t>(exchangeLimit, UINT32_MAX));
-  std::atomic<uint32_t> keepAlive{180};
-  CDiagHost host(MakeDeliveryConfig(servers, key));
   CDiagNetwork network;
-  CAuthenticatorClient client(log, support, network, timings, keepAlive, host);
+  CAuthenticatorClient client(log, support, network, timings);
+  client.SetConfiguration(MakeDeliveryConfig(servers, key));
+  uint32_t state = 0;
+  client.SetReachabilityCallback([&state](uint32_t s) { state = s; });
   const bool eventMode = options.command == "send";
   std::unique_ptr<CNtlmPackage> ntlmPackage;
   std::unique_ptr<CNtlmRelay> relay;
@@ -592,7 +580,7 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   if (eventMode) {
     CEncoder event(kEventEncoderCapacity);
     BuildEvent(options.event, event);
-    client.send_to_all_servers(options.session, event, decoder, false);
+    client.Deliver(options.session, event);
   } else {
     for (const auto& server : servers) {
       client.SetCurrentServer(*server);
@@ -603,8 +591,7 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   const size_t passed = observer.Passed();
   std::fprintf(out, "%zu of %zu server(s) passed", passed, servers.size());
   if (eventMode)
-    std::fprintf(out, "; the agent's state after such a pass: %u (%s)", host.State(),
-                 StateName(host.State()));
+    std::fprintf(out, "; the agent's state after such a pass: %u (%s)", state, StateName(state));
   std::fprintf(out, "\n");
   if (passed == servers.size()) return kExitOk;
   return passed ? kExitSomeFailed : kExitAllFailed;
