@@ -5,9 +5,11 @@
 #      `lindqvar-diag.exe send` to the same server in the same run (both
 #      include starting one Wine program: agent_control.exe for the post,
 #      lindqvar-diag.exe for the send); median of ROUNDS rounds each;
-#   2. the idle agent's CPU over IDLE_SECONDS (six threads, 10 ms pump), as a
+#   2. the idle agent's CPU over IDLE_SECONDS (six threads), as a
 #      percentage of one core, from /proc (the agent process alone, and
 #      the wineserver beside it).
+# Ends with one line "agent_wine_bench: ..." holding the latency, its
+# anchor (the diag send) and their ratio, the line to compare between runs.
 # Needs the mingw and native builds (scripts/run-agent makes both).
 #   ROUNDS (default 10), IDLE_SECONDS (default 60)
 set -euo pipefail
@@ -53,11 +55,15 @@ p=$(printf '%s\n' "${post[@]}" | median)
 d=$(printf '%s\n' "${diag[@]}" | median)
 echo "post -> recorded (ms):  ${post[*]}  median $p"
 echo "diag send (ms):         ${diag[*]}  median $d"
-awk -v p="$p" -v d="$d" 'BEGIN {printf "ratio post/diag: %.2f (goal <= 1.2)\n", p / d}'
 
-# Idle CPU: the Windows process of the agent is the wine loader's process.
-pid=$(pgrep -f 'lindqvar-agent.exe' | head -n 1)
-wspid=$(pgrep -f wineserver | head -n 1)
+# Idle CPU: the Windows process of the agent is the wine loader's process;
+# the wineserver is this prefix's (others may run on the machine).
+pid=$AGENT_PID
+wspid=
+for w in $(pgrep -f wineserver); do
+  tr '\0' '\n' 2>/dev/null <"/proc/$w/environ" | grep -qxF "WINEPREFIX=$WINEPREFIX" && wspid=$w
+done
+[ -n "$wspid" ] || { echo "no wineserver for $WINEPREFIX" >&2; exit 1; }
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hz=$(getconf CLK_TCK)
 a0=$(ticks "$pid") w0=$(ticks "$wspid")
@@ -66,4 +72,7 @@ a1=$(ticks "$pid") w1=$(ticks "$wspid")
 awk -v a=$((a1 - a0)) -v w=$((w1 - w0)) -v hz="$hz" -v s="$IDLE_SECONDS" 'BEGIN {
   printf "idle CPU over %d s: agent %.2f %% of a core, wineserver %.2f %% (goal: agent <= 0.5 %%)\n",
          s, 100 * a / hz / s, 100 * w / hz / s }'
+awk -v p="$p" -v d="$d" -v n="$ROUNDS" 'BEGIN {
+  printf "agent_wine_bench: post -> recorded %.1f ms, diag send %.1f ms (medians of %d), ratio %.2f (goal <= 1.2)\n",
+         p, d, n, p / d }'
 agent_stop "$CONTROL"

@@ -54,9 +54,24 @@ std::optional<std::u16string> StringProperty(IWbemClassObject* object, const wch
   return out;
 }
 
+// False only when the Hyper-V Virtual Machine Management service is not
+// installed (its service key is absent). That service supplies every object
+// of the "root\virtualization\v2" namespace, so without it the query can
+// find no port; asking anyway would load the whole WMI client into this
+// process for nothing (under Wine the in-process WMI provider, which brings
+// the graphics and printing libraries with it, and keeps them loaded). Any
+// other answer, a key that cannot be read included, lets the query run.
+bool VirtualMachineManagementInstalled() {
+  ScopedRegKey key;
+  const LSTATUS rc = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\vmms",
+                                     0, KEY_QUERY_VALUE, key.receive());
+  return rc != ERROR_FILE_NOT_FOUND && rc != ERROR_PATH_NOT_FOUND;
+}
+
 }  // namespace
 
 void CHyperVWin32::QueryExternalPorts(std::vector<HyperVPortRow>& rows) {
+  if (!VirtualMachineManagementInstalled()) return;
   ComScope com;
   if (!com.ok()) return;
 

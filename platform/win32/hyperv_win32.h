@@ -7,8 +7,9 @@ namespace lindqvar::win32 {
 
 class CHyperVWin32 : public IHyperV {
  public:
-  // Initialises COM on the calling thread for the query and uninitialises it
-  // afterwards.
+  // Asks nothing when the Hyper-V Virtual Machine Management service is not
+  // installed. Otherwise initialises COM on the calling thread for the query
+  // and uninitialises it afterwards, every WMI object released before.
   void QueryExternalPorts(std::vector<HyperVPortRow>& rows) override;
 };
 
