@@ -7,7 +7,6 @@
 #include <future>
 #include <regex>
 
-#include "protocol/delivery.h"
 #include "tests/protocol/tls_test_support.h"
 
 namespace lindqvar::testing {
@@ -44,7 +43,7 @@ TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
   EXPECT_EQ("ALICE", r.records[0].user);
   EXPECT_EQ("CORP", r.records[0].domain);
   EXPECT_EQ("WS1.CORP.EXAMPLE", r.records[0].workstation);
-  EXPECT_EQ(std::vector<std::string>{"192.0.2.10"}, r.records[0].ipv4);
+  EXPECT_EQ(std::vector<std::string>{"192.0.2.10"}, r.records[0].IPv4Text());
   ASSERT_NE(nullptr, lab.Server().Table().FindByAddress("192.0.2.10"));
 
   // An address literal is not sent as the server name.
@@ -351,7 +350,7 @@ class CountingRelay : public INtlmRelay {
   void NtlmAuthenticate(CTlsConnection& connection, uint32_t session) override {
     ++calls;
     lastSession = session;
-    hadTls = connection.ssl != nullptr;
+    hadTls = connection.Ssl() != nullptr;
   }
   int calls = 0;
   uint32_t lastSession = 0;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 
@@ -17,9 +18,10 @@
 #include "platform/log.h"
 #include "platform/os.h"
 #include "platform/socket.h"
-#include "protocol/delivery.h"
-#include "protocol/ntlm_relay.h"
-#include "protocol/vlx_crypt.h"
+#include "protocol/delivery/authenticator_client.h"
+#include "protocol/messages/event.h"
+#include "protocol/ntlm/ntlm_relay.h"
+#include "protocol/transport/vlx_crypt.h"
 
 namespace lindqvar::diag {
 
@@ -312,7 +314,7 @@ bool DescribeClientIdentity(std::FILE* out, bool fips) {
     std::fprintf(out, "The built-in certificate material cannot be decrypted.\n");
     return false;
   }
-  BIO* bio = BIO_new_mem_buf(text.data(), -1);
+  BIO* bio = BIO_new_mem_buf(text.Data(), -1);
   X509* cert = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
   BIO_free(bio);
   if (!cert) {
@@ -576,16 +578,14 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   client.SetObserver(&observer);
   client.SetServerVerification(verification);
 
-  CDecoder decoder;
   if (eventMode) {
-    CEncoder event(kEventEncoderCapacity);
-    BuildEvent(options.event, event);
-    client.Deliver(options.session, event);
+    EventMessage event{{options.event}};
+    if (!event.records[0].time) event.records[0].time = static_cast<uint32_t>(std::time(nullptr));
+    CEncoder message(kEventEncoderCapacity);
+    event.Write(message);
+    client.Deliver(options.session, message);
   } else {
-    for (const auto& server : servers) {
-      client.SetCurrentServer(*server);
-      client.SendAndReceive(options.session, nullptr, decoder, ExchangeMode::kHelloOnly);
-    }
+    client.CheckServers();
   }
 
   const size_t passed = observer.Passed();
