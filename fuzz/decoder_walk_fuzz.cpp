@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "fuzz/codec_fuzz_walk.h"
-#include "protocol/messages/acknowledgements.h"
 #include "protocol/messages/event.h"
 #include "protocol/messages/hello.h"
 #include "protocol/messages/ntlm_messages.h"

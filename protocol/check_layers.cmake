@@ -1,12 +1,11 @@
-# Refuses a protocol source that includes a header of a folder after its own
-# (the order of CMakeLists.txt), or anything of the agent, the tools or the
-# tests; of session tracking only the delivery may include the interface it
-# implements. Run by the build:
-#   cmake -DDIR=<this folder> -DSTAMP=<file touched when all is well> -P check_layers.cmake
-set(layers wire transport messages ntlm delivery)
+# Refuses a source of one protocol layer (a folder of LAYERS, lowest first)
+# that includes a header of a later layer, or of the agent, the tools or the
+# tests; of session tracking, only the delivery includes the interface it
+# implements.
+#   cmake "-DLAYERS=wire;..." -DDIR=<protocol folder> -DSTAMP=<touched when clean> -P check_layers.cmake
 set(refused "")
-foreach(layer IN LISTS layers)
-  list(FIND layers ${layer} rank)
+foreach(layer IN LISTS LAYERS)
+  list(FIND LAYERS ${layer} rank)
   file(GLOB sources ${DIR}/${layer}/*.h ${DIR}/${layer}/*.cpp)
   foreach(source IN LISTS sources)
     file(STRINGS ${source} includes REGEX "^#include \"")
@@ -14,7 +13,7 @@ foreach(layer IN LISTS layers)
       string(REGEX REPLACE "^#include \"([^\"]*)\".*" "\\1" header "${line}")
       set(used -1)
       if(header MATCHES "^protocol/([a-z_]+)/")
-        list(FIND layers ${CMAKE_MATCH_1} used)
+        list(FIND LAYERS ${CMAKE_MATCH_1} used)
       elseif(header MATCHES "^(agent|session|tools|tests)/" AND
              NOT (layer STREQUAL "delivery" AND header STREQUAL "session/event_delivery.h"))
         set(used 99)

@@ -16,7 +16,6 @@
 #include "platform/support.h"
 #include "platform/timings.h"
 #include "protocol/messages/event.h"
-#include "protocol/messages/session_log.h"
 #include "protocol/wire/encoder.h"
 #include "session/event_delivery.h"
 #include "session/session_table.h"

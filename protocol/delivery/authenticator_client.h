@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "platform/timings.h"
-#include "protocol/delivery/delivery_config.h"
+#include "protocol/transport/server_entry.h"
 #include "protocol/delivery/server_dialogue.h"
 #include "session/event_delivery.h"
 

@@ -8,7 +8,7 @@
 #include "platform/log.h"
 #include "platform/os.h"
 #include "platform/support.h"
-#include "protocol/messages/acknowledgements.h"
+#include "protocol/messages/event.h"
 
 namespace lindqvar {
 

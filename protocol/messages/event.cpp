@@ -4,11 +4,18 @@
 #include <ctime>
 
 #include "identity/terminal_session.h"
+#include "platform/log.h"
+#include "platform/os.h"
 #include "platform/socket.h"
+#include "platform/support.h"
+#include "protocol/transport/ip_address.h"
 
 namespace lindqvar {
 
 namespace {
+
+constexpr uint32_t kEventSingleSignOnId = 96980;
+constexpr uint32_t kSessionLogLevel = 6;
 
 uint32_t HostOrder(uint32_t networkOrder) {
   const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
@@ -24,6 +31,12 @@ std::string AddressText(uint16_t family, const uint8_t* bytes, size_t size) {
   a.family = family;
   std::memcpy(a.bytes.data(), bytes, size);
   return a.AddressText();
+}
+
+std::string DottedIPv4(uint32_t networkOrder) {
+  IpAddress a;
+  a.SetIPv4(networkOrder);
+  return a.Text();
 }
 
 }  // namespace
@@ -105,6 +118,22 @@ bool EventMessage::Read(CDecoder& d) {
   return true;
 }
 
+void EventAck::Write(CEncoder& e) const {
+  e.begin_group(MSG_EVENT_ACK);
+  e.add_u32(ATTR_EVENT_RESULT, result);
+  if (keepAliveInterval) e.add_u32(ATTR_KEEPALIVE_INTERVAL, keepAliveInterval);
+  e.end_group(MSG_EVENT_ACK);
+}
+
+bool EventAck::Read(CDecoder& d) {
+  if (!d.next() || d.Code() != MSG_EVENT_ACK) return false;
+  while (d.next()) {
+    if (d.Code() == ATTR_EVENT_RESULT) result = d.ValueU32();
+    if (d.Code() == ATTR_KEEPALIVE_INTERVAL && d.ValueU32() != 0) keepAliveInterval = d.ValueU32();
+  }
+  return true;
+}
+
 std::string WorkstationName(const WorkstationFacts& machine, const std::string& userDomain) {
   return machine.computerName + "." + (machine.dnsDomain.empty() ? userDomain : machine.dnsDomain);
 }
@@ -126,6 +155,26 @@ int build_session_record(CEncoder& encoder, const CTerminalSession& entry,
   r.time = now != 0 ? now : static_cast<uint32_t>(std::time(nullptr));
   r.Write(encoder);
   return 1;
+}
+
+std::string SessionLogDomainText(const SessionLogRecord& r) {
+  std::string text = r.domain + "," + "Workstation Name:" + WideToUtf8(AnsiToWide(r.computerName)) +
+                     "," + "IP:" + DottedIPv4(r.localIPv4) + "," + "BRK:" +
+                     DottedIPv4(r.serverIPv4) + ",";
+  const int tid = static_cast<int>(r.threadId);
+  if (!r.tickLogging) return text + Format("TID:%d", tid);
+  return text + Format(r.delivered ? "succeeded to send session info, TICC:%d, TID:%d"
+                                   : "failed to send session info, TICC:%d, TID:%d",
+                       static_cast<int>(r.tickCount), tid);
+}
+
+void write_session_log(ISupportLibrary& support, const SessionLogRecord& record) {
+  const LogField fields[] = {
+      {u"action", AnsiToWide(std::to_string(record.action))},
+      {u"domain", Utf8ToWide(SessionLogDomainText(record))},
+      {u"user", Utf8ToWide(record.user)},
+  };
+  support.LogW(kEventSingleSignOnId, kSessionLogLevel, fields);
 }
 
 }  // namespace lindqvar

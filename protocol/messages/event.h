@@ -1,6 +1,7 @@
 // MSG_EVENT, the report of a session to the servers: one or two
 // MSG_SESSION_INFO records, each saying who is logged on (or withdrawn) at
-// this workstation from which addresses.
+// this workstation from which addresses; the server's MSG_EVENT_ACK; and
+// the local log record written after each delivery attempt.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +15,7 @@
 namespace lindqvar {
 
 class CTerminalSession;
+class ISupportLibrary;
 
 // The value of ATTR_FIXED_VALUE in every record.
 inline constexpr uint32_t kSessionRecordFixedValue = 4096;
@@ -50,6 +52,19 @@ struct EventMessage {
   bool Read(CDecoder& decoder);
 };
 
+// The event result that asks for NTLM proof of the session's user.
+inline constexpr uint32_t kEventResultNtlmRequired = 2;
+
+struct EventAck {
+  uint32_t result = 0;
+  uint32_t keepAliveInterval = 0;  // seconds; 0: none (ATTR_KEEPALIVE_INTERVAL not written)
+
+  void Write(CEncoder& encoder) const;
+  // False when the message is not an event acknowledgement. The last result
+  // wins, and the last interval that is not 0.
+  bool Read(CDecoder& decoder);
+};
+
 // What the agent knows of the machine for every record.
 struct WorkstationFacts {
   std::string computerName;  // 8-bit
@@ -71,5 +86,33 @@ std::string WorkstationName(const WorkstationFacts& machine, const std::string& 
 int build_session_record(CEncoder& encoder, const CTerminalSession& entry,
                          const WorkstationFacts& machine, const IPv4List& ipv4,
                          const IPv6List& ipv6, uint32_t logon, uint32_t now = 0);
+
+// Action codes of reported events.
+inline constexpr uint32_t kActionLogon = 1;
+inline constexpr uint32_t kActionLogoff = 2;
+inline constexpr uint32_t kActionAddressChange = 3;
+inline constexpr uint32_t kActionWakeup = 4;
+inline constexpr uint32_t kActionKeepAlive = 5;
+
+// The facts of one delivery for its local log record.
+struct SessionLogRecord {
+  uint32_t action = 0;
+  std::string domain;        // the user's
+  std::string user;
+  std::string computerName;
+  uint32_t localIPv4 = 0;    // network byte order
+  uint32_t serverIPv4 = 0;   // network byte order
+  bool delivered = false;
+  bool tickLogging = true;   // TICC variant
+  uint32_t tickCount = 0;
+  uint32_t threadId = 0;
+};
+
+// The "domain" text of the log record.
+std::string SessionLogDomainText(const SessionLogRecord& record);
+
+// Writes the record through LogW: event 96980, level 6, "action", "domain",
+// "user".
+void write_session_log(ISupportLibrary& support, const SessionLogRecord& record);
 
 }  // namespace lindqvar

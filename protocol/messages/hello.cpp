@@ -51,6 +51,19 @@ bool Hello::Read(CDecoder& d) {
   return true;
 }
 
+void HelloAck::Write(CEncoder& e) const {
+  e.begin_group(MSG_HELLO_ACK);
+  e.add_u32(ATTR_HELLO_RESULT, result);
+  e.end_group(MSG_HELLO_ACK);
+}
+
+bool HelloAck::Read(CDecoder& d) {
+  if (!d.next() || d.Code() != MSG_HELLO_ACK) return false;
+  while (d.next())
+    if (d.Code() == ATTR_HELLO_RESULT) result = d.ValueU32();
+  return true;
+}
+
 void compute_response(uint8_t challenge[16], const uint8_t key[16], uint8_t digest[16]) {
   for (int i = 0; i < 16; ++i) challenge[i] ^= key[i];
   unsigned int size = 16;

@@ -1,6 +1,7 @@
 // MSG_HELLO, both ways: the server opens every dialogue with a hello that
 // carries a challenge, and the agent answers with one that carries the
-// digest proving its preshared key (delivery/server_dialogue.h).
+// digest proving its preshared key (delivery/server_dialogue.h); the
+// server's MSG_HELLO_ACK accepts or rejects it.
 #pragma once
 
 #include <array>
@@ -39,6 +40,15 @@ struct Hello {
   bool Read(CDecoder& decoder);
 
   bool operator==(const Hello&) const = default;
+};
+
+struct HelloAck {
+  uint32_t result = 0;  // 1: accepted; anything else (or none): rejected
+
+  void Write(CEncoder& encoder) const;
+  // False when the message is not a hello acknowledgement. The last result
+  // given wins.
+  bool Read(CDecoder& decoder);
 };
 
 // The digest that proves knowledge of the preshared key: MD5 of the

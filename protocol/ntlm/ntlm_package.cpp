@@ -44,11 +44,7 @@ CNtlmPackage::CNtlmPackage(ISecurityPackage& package, Print print, Clock clock)
 
 CNtlmPackage::~CNtlmPackage() {
   std::lock_guard<std::mutex> lock(m_tableLock);
-  while (m_head) {
-    std::unique_ptr<Entry> entry = std::move(m_head);
-    m_head = std::move(entry->next);
-    Cleanup(*entry->record);
-  }
+  for (Entry& e : m_table) Cleanup(*e.record);
 }
 
 void CNtlmPackage::Printf(const char* format, ...) {
@@ -77,23 +73,21 @@ int CNtlmPackage::PreparePackage() {
 
 bool CNtlmPackage::Add(uint32_t key1, uint32_t key2, std::unique_ptr<ContextRecord> record) {
   std::lock_guard<std::mutex> lock(m_tableLock);
-  for (Entry* e = m_head.get(); e; e = e->next.get())
-    if (e->key1 == key1 && e->key2 == key2) return false;
-  auto entry = std::make_unique<Entry>();
-  entry->key1 = key1;
-  entry->key2 = key2;
-  entry->created = m_clock();
-  entry->record = std::move(record);
-  entry->next = std::move(m_head);
-  m_head = std::move(entry);
+  if (FindLocked(key1, key2) != m_table.end()) return false;
+  m_table.push_front(Entry{key1, key2, m_clock(), std::move(record)});
   return true;
+}
+
+std::list<CNtlmPackage::Entry>::const_iterator CNtlmPackage::FindLocked(uint32_t key1,
+                                                                       uint32_t key2) const {
+  return std::find_if(m_table.begin(), m_table.end(),
+                      [&](const Entry& e) { return e.key1 == key1 && e.key2 == key2; });
 }
 
 CNtlmPackage::ContextRecord* CNtlmPackage::Find(uint32_t key1, uint32_t key2) {
   std::lock_guard<std::mutex> lock(m_tableLock);
-  for (Entry* e = m_head.get(); e; e = e->next.get())
-    if (e->key1 == key1 && e->key2 == key2) return e->record.get();
-  return nullptr;
+  const auto found = FindLocked(key1, key2);
+  return found != m_table.end() ? found->record.get() : nullptr;
 }
 
 void CNtlmPackage::Cleanup(ContextRecord& record) {
@@ -102,22 +96,17 @@ void CNtlmPackage::Cleanup(ContextRecord& record) {
 }
 
 bool CNtlmPackage::Remove(uint32_t key1, uint32_t key2) {
-  std::unique_ptr<Entry> found;
+  std::list<Entry> gone;
   {
     std::lock_guard<std::mutex> lock(m_tableLock);
-    for (std::unique_ptr<Entry>* link = &m_head; *link; link = &(*link)->next) {
-      if ((*link)->key1 == key1 && (*link)->key2 == key2) {
-        found = std::move(*link);
-        *link = std::move(found->next);
-        break;
-      }
-    }
+    const auto found = FindLocked(key1, key2);
+    if (found != m_table.end()) gone.splice(gone.begin(), m_table, found);
   }
-  if (!found) {
+  if (gone.empty()) {
     Printf("failed to delete entry: %d:%d\n", static_cast<int>(key1), static_cast<int>(key2));
     return false;
   }
-  Cleanup(*found->record);
+  Cleanup(*gone.front().record);
   return true;
 }
 
@@ -128,34 +117,27 @@ void CNtlmPackage::Purge(uint32_t key, uint32_t age) {
   // The key test looks at the predecessor's key1, not the entry's own; the
   // stand-in for the head has key1 0.
   uint32_t predecessorKey = 0;
-  std::unique_ptr<Entry>* link = &m_head;
-  while (*link) {
-    Entry& e = **link;
+  for (auto e = m_table.begin(); e != m_table.end();) {
     const bool keyMatches = key == 0 || predecessorKey == key;
-    const bool old = age == 0 || e.created + age < now;
+    const bool old = age == 0 || e->created + age < now;
     if (keyMatches && old) {
-      std::unique_ptr<Entry> gone = std::move(*link);
-      *link = std::move(gone->next);
-      Cleanup(*gone->record);
+      Cleanup(*e->record);
+      e = m_table.erase(e);
     } else {
-      predecessorKey = e.key1;
-      link = &e.next;
+      predecessorKey = e->key1;
+      ++e;
     }
   }
 }
 
 size_t CNtlmPackage::ExchangeCount() const {
   std::lock_guard<std::mutex> lock(m_tableLock);
-  size_t n = 0;
-  for (const Entry* e = m_head.get(); e; e = e->next.get()) ++n;
-  return n;
+  return m_table.size();
 }
 
 bool CNtlmPackage::HasExchange(uint32_t key1, uint32_t key2) const {
   std::lock_guard<std::mutex> lock(m_tableLock);
-  for (const Entry* e = m_head.get(); e; e = e->next.get())
-    if (e->key1 == key1 && e->key2 == key2) return true;
-  return false;
+  return FindLocked(key1, key2) != m_table.end();
 }
 
 bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input,

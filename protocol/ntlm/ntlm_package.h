@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -84,7 +85,6 @@ class CNtlmPackage {
     uint32_t key2 = 0;
     uint32_t created = 0;
     std::unique_ptr<ContextRecord> record;
-    std::unique_ptr<Entry> next;
   };
 
   // Runs one step of the exchange; the package's token is in `output`
@@ -94,6 +94,8 @@ class CNtlmPackage {
   // Encodes the package's token and releases it.
   std::string EncodeAndFree(PackageBuffer& output);
   ContextRecord* Find(uint32_t key1, uint32_t key2);
+  // The entry of the pair, or the end; with the table lock held.
+  std::list<Entry>::const_iterator FindLocked(uint32_t key1, uint32_t key2) const;
   bool Add(uint32_t key1, uint32_t key2, std::unique_ptr<ContextRecord> record);
   bool Remove(uint32_t key1, uint32_t key2);
   void Cleanup(ContextRecord& record);
@@ -106,7 +108,7 @@ class CNtlmPackage {
   uint32_t m_trace = 0;
 
   mutable std::mutex m_tableLock;
-  std::unique_ptr<Entry> m_head;
+  std::list<Entry> m_table;  // the newest exchange first
 };
 
 }  // namespace lindqvar

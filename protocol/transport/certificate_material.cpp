@@ -92,28 +92,11 @@ void CSecureBuffer::Reset() {
 
 namespace {
 
-struct BioFree {
-  void operator()(BIO* b) const { BIO_free(b); }
-};
-struct X509Free {
-  void operator()(X509* x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct CipherCtxFree {
-  void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
-};
-struct X509InfoStackFree {
-  void operator()(STACK_OF(X509_INFO) * s) const { sk_X509_INFO_pop_free(s, X509_INFO_free); }
-};
-using UniqueBio = std::unique_ptr<BIO, BioFree>;
-using UniqueX509 = std::unique_ptr<X509, X509Free>;
-using UniquePkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using UniqueBio = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
 UniqueBio TextBio(const CSecureBuffer& text) {
   // Length -1: the BIO reads the NUL-terminated text that decrypt_blob made.
-  return UniqueBio(BIO_new_mem_buf(text.Data(), -1));
+  return UniqueBio(BIO_new_mem_buf(text.Data(), -1), &BIO_free);
 }
 
 }  // namespace
@@ -122,7 +105,8 @@ int Aes128Cbc(const std::array<uint8_t, 16>& key, const uint8_t* input, uint32_t
               int encrypt, CSecureBuffer& out) {
   out.Reset();
   static const uint8_t kZeroIv[16] = {};
-  std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
+  std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
+                                                                      &EVP_CIPHER_CTX_free);
   if (!ctx || !input) return -1;
   if (EVP_CipherInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), kZeroIv,
                         encrypt ? 1 : 0) != 1)
@@ -159,8 +143,9 @@ int load_ca_bundle(SSL_CTX* context, const CertificateMaterial& material) {
   X509_STORE* store = SSL_CTX_get_cert_store(context);
   UniqueBio bio = TextBio(text);
   if (!store || !bio) return -1;
-  std::unique_ptr<STACK_OF(X509_INFO), X509InfoStackFree> infos(
-      PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr));
+  auto freeInfos = [](STACK_OF(X509_INFO) * s) { sk_X509_INFO_pop_free(s, X509_INFO_free); };
+  std::unique_ptr<STACK_OF(X509_INFO), decltype(freeInfos)> infos(
+      PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr), freeInfos);
   if (!infos) return -1;
   for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
     X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
@@ -177,8 +162,8 @@ int load_client_identity(SSL_CTX* context, const CertificateMaterial& material, 
   if (!context) return -1;
 
   UniqueBio certBio = TextBio(certText);
-  UniqueX509 certificate(certBio ? PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr)
-                                 : nullptr);
+  std::unique_ptr<X509, decltype(&X509_free)> certificate(
+      certBio ? PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr) : nullptr, &X509_free);
   if (!certificate) return -1;
   if (support.cfg_is_fips_mode_enabled() && !VlxX509IsFipsCompliant(certificate.get())) return -1;
   if (SSL_CTX_use_certificate(context, certificate.get()) != 1) return -1;
@@ -187,9 +172,10 @@ int load_client_identity(SSL_CTX* context, const CertificateMaterial& material, 
   UniqueBio keyBio = TextBio(keyText);
   PassPhraseRequest passPhrase{&material,
                                mode == 1 ? &material.alternativePassPhrase : &material.passPhrase};
-  UniquePkey key(keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, PassPhraseCallback,
-                                                  &passPhrase)
-                        : nullptr);
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+      keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, PassPhraseCallback, &passPhrase)
+             : nullptr,
+      &EVP_PKEY_free);
   if (!key || !EVP_PKEY_is_a(key.get(), "RSA")) return -1;
   if (SSL_CTX_use_PrivateKey(context, key.get()) != 1) return -1;
   return 0;

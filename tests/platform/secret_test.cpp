@@ -9,7 +9,7 @@
 #include <string>
 
 #include "platform/secret.h"
-#include "protocol/delivery/delivery_config.h"
+#include "protocol/transport/server_entry.h"
 
 namespace lindqvar {
 namespace {

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "protocol/delivery/server_dialogue.h"
-#include "protocol/messages/acknowledgements.h"
 #include "protocol/messages/event.h"
 #include "protocol/messages/ntlm_messages.h"
 #include "tests/protocol/tls_test_support.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "protocol/messages/event.h"
-#include "protocol/messages/session_log.h"
 #include "tests/session/session_fixture.h"
 
 namespace lindqvar::testing {

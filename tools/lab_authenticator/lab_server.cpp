@@ -9,7 +9,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "protocol/messages/acknowledgements.h"
+#include "protocol/messages/event.h"
 #include "protocol/messages/hello.h"
 #include "protocol/messages/ntlm_messages.h"
 #include "protocol/wire/base64.h"
@@ -48,36 +48,36 @@ bool DecodeToken(std::string_view text, std::string& raw) {
   return true;
 }
 
+// Every fault with its name on the command line.
+constexpr std::pair<Fault, const char*> kFaultNames[] = {
+    {Fault::kNone, "none"},
+    {Fault::kRejectHello, "reject-hello"},
+    {Fault::kCloseAfterHelloAck, "close-after-hello-ack"},
+    {Fault::kStall, "stall"},
+    {Fault::kStallTls, "stall-tls"},
+    {Fault::kOversizedFrame, "oversized-frame"},
+    {Fault::kMalformedFrame, "malformed-frame"},
+    {Fault::kShortFrame, "short-frame"},
+    {Fault::kLongVersion, "long-version"},
+    {Fault::kDribble, "dribble"},
+    {Fault::kDribbleTls, "dribble-tls"},
+    {Fault::kNtlmNoChallenge, "ntlm-no-challenge"},
+    {Fault::kNtlmWrongReply, "ntlm-wrong-reply"},
+    {Fault::kNtlmBadChallenge, "ntlm-bad-challenge"},
+    {Fault::kNtlmNoResult, "ntlm-no-result"},
+};
+
 }  // namespace
 
 const char* FaultName(Fault fault) {
-  switch (fault) {
-    case Fault::kNone: return "none";
-    case Fault::kRejectHello: return "reject-hello";
-    case Fault::kCloseAfterHelloAck: return "close-after-hello-ack";
-    case Fault::kStall: return "stall";
-    case Fault::kStallTls: return "stall-tls";
-    case Fault::kOversizedFrame: return "oversized-frame";
-    case Fault::kMalformedFrame: return "malformed-frame";
-    case Fault::kShortFrame: return "short-frame";
-    case Fault::kLongVersion: return "long-version";
-    case Fault::kDribble: return "dribble";
-    case Fault::kDribbleTls: return "dribble-tls";
-    case Fault::kNtlmNoChallenge: return "ntlm-no-challenge";
-    case Fault::kNtlmWrongReply: return "ntlm-wrong-reply";
-    case Fault::kNtlmBadChallenge: return "ntlm-bad-challenge";
-    case Fault::kNtlmNoResult: return "ntlm-no-result";
-  }
+  for (const auto& [f, name] : kFaultNames)
+    if (f == fault) return name;
   return "none";
 }
 
 bool ParseFault(const std::string& text, Fault& out) {
-  for (Fault f : {Fault::kNone, Fault::kRejectHello, Fault::kCloseAfterHelloAck, Fault::kStall,
-                  Fault::kStallTls, Fault::kOversizedFrame, Fault::kMalformedFrame,
-                  Fault::kShortFrame, Fault::kLongVersion, Fault::kDribble, Fault::kDribbleTls,
-                  Fault::kNtlmNoChallenge, Fault::kNtlmWrongReply, Fault::kNtlmBadChallenge,
-                  Fault::kNtlmNoResult}) {
-    if (text == FaultName(f)) {
+  for (const auto& [f, name] : kFaultNames) {
+    if (text == name) {
       out = f;
       return true;
     }
@@ -271,7 +271,7 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
         Linger(socket, m_options.stallMs);
         report.end = "stalled after TLS";
       } else {
-        Dialogue(ssl, report, fault);
+        report.end = Dialogue(ssl, report, fault);
       }
       SSL_shutdown(ssl);
     } else {
@@ -354,7 +354,7 @@ bool CLabAuthenticator::DribbledAccept(SSL* ssl, CSocket& socket) {
   return true;
 }
 
-void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
+std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   // The hello.
   Hello hello;
   RAND_bytes(hello.digest.data(), static_cast<int>(hello.digest.size()));
@@ -375,8 +375,7 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
                               static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced),
                               MSG_HELLO, TYPE_GROUP};
     SSL_write(ssl, frame, sizeof frame);
-    report.end = fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
-    return;
+    return fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
   }
 
   CEncoder out(kReplyEncoderCapacity);
@@ -389,23 +388,14 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
     digest[0] = 0x7F;
     digest[1] = digest[2] = digest[3] = 0xFF;
   }
-  if (!WriteMessage(ssl, out, fault)) {
-    report.end = "the hello could not be sent";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "the hello could not be sent";
   report.helloSent = true;
 
   // The agent's hello.
   CDecoder in;
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.end = "no hello reply";
-    return;
-  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no hello reply";
   Hello reply;
-  if (!reply.Read(in)) {
-    report.end = "the reply was not a hello";
-    return;
-  }
+  if (!reply.Read(in)) return "the reply was not a hello";
   report.helloReplyReceived = true;
   report.clientVersion = reply.version;
   report.clientGuid = reply.clientGuid;
@@ -425,29 +415,16 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   HelloAck ack{accepted ? 1u : 0u};
   if (m_options.helloResult >= 0) ack.result = static_cast<uint32_t>(m_options.helloResult);
   if (fault == Fault::kRejectHello) ack.result = 0;
-
   out.reset();
   ack.Write(out);
-  if (!WriteMessage(ssl, out, fault)) {
-    report.end = "the hello acknowledgement could not be sent";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "the hello acknowledgement could not be sent";
   report.helloAckSent = true;
   report.helloResult = ack.result;
-  if (ack.result != 1) {
-    report.end = "hello rejected";
-    return;
-  }
-  if (fault == Fault::kCloseAfterHelloAck) {
-    report.end = "closed after the hello acknowledgement";
-    return;
-  }
+  if (ack.result != 1) return "hello rejected";
+  if (fault == Fault::kCloseAfterHelloAck) return "closed after the hello acknowledgement";
 
   // The event.
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.end = "no event";
-    return;
-  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no event";
   report.eventReceived = true;
   report.eventCode = in.message_code();
   EventMessage event;
@@ -462,51 +439,36 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
   const EventAck eventAck{m_options.eventResult, m_keepAlive.load()};
   out.reset();
   eventAck.Write(out);
-  if (!WriteMessage(ssl, out, fault)) {
-    report.end = "the event acknowledgement could not be sent";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "the event acknowledgement could not be sent";
   report.eventAckSent = true;
   report.eventResult = eventAck.result;
   report.keepAliveInterval = eventAck.keepAliveInterval;
-  if (eventAck.result == kEventResultNtlmRequired) NtlmDialogue(ssl, report, fault);
-  report.end = "complete";
+  if (eventAck.result == kEventResultNtlmRequired) {
+    report.ntlmStarted = true;
+    report.ntlmEnd = NtlmDialogue(ssl, report, fault);
+  }
+  return "complete";
 }
 
-void CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
-  report.ntlmStarted = true;
+std::string CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   CDecoder in;
   std::string negotiate, authenticate, error;
   auto keepFrame = [&] { report.ntlmFrames.emplace_back(in.Buffer(), in.Buffer() + in.TotalLength()); };
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.ntlmEnd = "no NTLM message 1";
-    return;
-  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no NTLM message 1";
   keepFrame();
   NtlmToken first{MSG_NTLM_NEGOTIATE};
   const bool firstRead = first.Read(in);
   report.ntlmKey = first.id;
-  if (!firstRead || !DecodeToken(first.token, negotiate)) {
-    report.ntlmEnd = "NTLM message 1 unreadable";
-    return;
-  }
-  if (fault == Fault::kNtlmNoChallenge) {
-    report.ntlmEnd = "closed after NTLM message 1";
-    return;
-  }
+  if (!firstRead || !DecodeToken(first.token, negotiate)) return "NTLM message 1 unreadable";
+  if (fault == Fault::kNtlmNoChallenge) return "closed after NTLM message 1";
 
   std::unique_ptr<INtlmAcceptance> acceptance;
   std::string challenge;
   if (fault != Fault::kNtlmWrongReply && fault != Fault::kNtlmBadChallenge) {
-    if (!m_options.ntlm) {
-      report.ntlmEnd = "no NTLM acceptor configured";
-      return;
-    }
+    if (!m_options.ntlm) return "no NTLM acceptor configured";
     acceptance = m_options.ntlm->Begin(error);
-    if (!acceptance || !acceptance->Challenge(negotiate, challenge, error)) {
-      report.ntlmEnd = "NTLM message 1 refused: " + error;
-      return;
-    }
+    if (!acceptance || !acceptance->Challenge(negotiate, challenge, error))
+      return "NTLM message 1 refused: " + error;
   }
 
   CEncoder out(kReplyEncoderCapacity);
@@ -518,30 +480,19 @@ void CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault f
                                  : Base64Text(challenge.data(), static_cast<uint32_t>(challenge.size()));
     NtlmToken{MSG_NTLM_CHALLENGE, report.ntlmKey, text}.Write(out);
   }
-  if (!WriteMessage(ssl, out, fault)) {
-    report.ntlmEnd = "NTLM message 2 could not be sent";
-    return;
-  }
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.ntlmEnd = "no NTLM message 3";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "NTLM message 2 could not be sent";
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no NTLM message 3";
   keepFrame();
   NtlmToken last{MSG_NTLM_AUTHENTICATE};
-  if (!last.Read(in) || !DecodeToken(last.token, authenticate) || !acceptance) {
-    report.ntlmEnd = "NTLM message 3 unreadable";
-    return;
-  }
+  if (!last.Read(in) || !DecodeToken(last.token, authenticate) || !acceptance)
+    return "NTLM message 3 unreadable";
   report.ntlmProven = acceptance->Verify(authenticate, report.ntlmUser, report.ntlmDomain, error);
-  if (fault == Fault::kNtlmNoResult) {
-    report.ntlmEnd = "closed after NTLM message 3";
-    return;
-  }
+  if (fault == Fault::kNtlmNoResult) return "closed after NTLM message 3";
   report.ntlmResult = report.ntlmProven ? 1 : 0;
   out.reset();
   NtlmResult{static_cast<int32_t>(report.ntlmResult)}.Write(out);
   report.ntlmResultSent = WriteMessage(ssl, out, fault);
-  report.ntlmEnd = report.ntlmProven ? "proven" : "not proven" + (error.empty() ? "" : ": " + error);
+  return report.ntlmProven ? "proven" : "not proven" + (error.empty() ? "" : ": " + error);
 }
 
 void CLabAuthenticator::Finish(const ConnectionReport& report) {

@@ -177,9 +177,12 @@ class CLabAuthenticator {
 
   void AcceptLoop(size_t listener);
   void Serve(CSocket socket, SocketAddress peer, std::string listener, uint64_t number);
-  void Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
-  // The server side of the relay: messages 136 to 141.
-  void NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // The dialogue on a connection whose TLS is up; the text says how it
+  // ended ("complete", or what ended it early).
+  std::string Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // The server side of the relay, messages 136 to 141; the same for the
+  // relay.
+  std::string NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault);
   // Writes a whole message; with the dribble fault one byte per interval.
   // False when the peer is gone or the server stops.
   bool WriteMessage(SSL* ssl, const CEncoder& message, Fault fault);
