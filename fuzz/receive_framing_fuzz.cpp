@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "fuzz/codec_fuzz_walk.h"
-#include "protocol/wire/framing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace lindqvar;

@@ -1,26 +1,21 @@
 # Refuses a source of one protocol layer (a folder of LAYERS, lowest first)
-# that includes a header of a later layer, or of the agent, the tools or the
-# tests; of session tracking, only the delivery includes the interface it
-# implements.
+# that includes a header of a later layer, or of the agent, session
+# tracking, the tools or the tests; only the delivery includes the session
+# interface it implements.
 #   cmake "-DLAYERS=wire;..." -DDIR=<protocol folder> -DSTAMP=<touched when clean> -P check_layers.cmake
 set(refused "")
+set(later ${LAYERS})
 foreach(layer IN LISTS LAYERS)
-  list(FIND LAYERS ${layer} rank)
+  list(REMOVE_AT later 0)
+  list(JOIN later "|" names)
   file(GLOB sources ${DIR}/${layer}/*.h ${DIR}/${layer}/*.cpp)
   foreach(source IN LISTS sources)
-    file(STRINGS ${source} includes REGEX "^#include \"")
-    foreach(line IN LISTS includes)
-      string(REGEX REPLACE "^#include \"([^\"]*)\".*" "\\1" header "${line}")
-      set(used -1)
-      if(header MATCHES "^protocol/([a-z_]+)/")
-        list(FIND LAYERS ${CMAKE_MATCH_1} used)
-      elseif(header MATCHES "^(agent|session|tools|tests)/" AND
-             NOT (layer STREQUAL "delivery" AND header STREQUAL "session/event_delivery.h"))
-        set(used 99)
-      endif()
-      if(used GREATER rank)
-        list(APPEND refused "${source} (${layer}) includes ${header}")
-      endif()
+    file(STRINGS ${source} lines REGEX "^#include \"(protocol/(${names})/|agent/|session/|tools/|tests/)")
+    if(layer STREQUAL "delivery")
+      list(FILTER lines EXCLUDE REGEX "\"session/event_delivery.h\"")
+    endif()
+    foreach(line IN LISTS lines)
+      list(APPEND refused "${source} (${layer}): ${line}")
     endforeach()
   endforeach()
 endforeach()

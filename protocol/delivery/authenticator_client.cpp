@@ -32,14 +32,8 @@ DeliveryConfigPtr CAuthenticatorClient::Configuration() const {
 
 DeliveryResult CAuthenticatorClient::Deliver(uint32_t session, const CEncoder& event) {
   std::lock_guard<std::mutex> pass(m_passLock);
-  const DeliveryConfigPtr config = Configuration();
   DeliveryResult result;
-  if (config) {
-    for (const auto& server : config->servers) {
-      if (server && Exchange(*server, *config, session, &event).stage == ExchangeStage::kDone)
-        result.delivered = true;
-    }
-  }
+  result.delivered = Pass(session, &event);
   if (m_reachability) m_reachability(result.delivered ? 2 : 1);
   const IpAddress last = m_resolver.LastAddress();
   if (last.Family() == kFamilyIPv4) result.serverIPv4 = last.IPv4();
@@ -48,10 +42,18 @@ DeliveryResult CAuthenticatorClient::Deliver(uint32_t session, const CEncoder& e
 
 void CAuthenticatorClient::CheckServers() {
   std::lock_guard<std::mutex> pass(m_passLock);
+  Pass(0, nullptr);
+}
+
+bool CAuthenticatorClient::Pass(uint32_t session, const CEncoder* event) {
   const DeliveryConfigPtr config = Configuration();
-  if (!config) return;
-  for (const auto& server : config->servers)
-    if (server) Exchange(*server, *config, 0, nullptr);
+  bool anyDone = false;
+  if (!config) return false;
+  for (const auto& server : config->servers) {
+    if (server && Exchange(*server, *config, session, event).stage == ExchangeStage::kDone)
+      anyDone = true;
+  }
+  return anyDone;
 }
 
 ExchangeReport CAuthenticatorClient::Exchange(const ServerEntry& server,
@@ -64,7 +66,8 @@ ExchangeReport CAuthenticatorClient::Exchange(const ServerEntry& server,
   }
   if (m_observer) m_observer->OnExchangeStart(server);
   const DialogueParts parts{m_log, m_support, m_resolver, m_tls, m_ntlmRelay, m_bLogTickCount != 0};
-  const ExchangeReport report = CServerDialogue(parts, server, config.presharedKey, local).Run(session, event);
+  const ExchangeReport report =
+      SendAndReceive(parts, server, config.presharedKey, local, session, event);
   if (report.keepAliveInterval != 0) m_dwKeepAliveInterval = report.keepAliveInterval;
   if (m_observer) m_observer->OnExchange(report);
   return report;

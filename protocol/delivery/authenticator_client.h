@@ -75,6 +75,9 @@ class CAuthenticatorClient : public IEventDelivery {
   void CheckServers();
 
  private:
+  // Every configured server in list order, under the configuration in force
+  // at the start (with m_passLock held): true when any dialogue passed.
+  bool Pass(uint32_t session, const CEncoder* event);
   // The dialogue with one server under the pass's configuration.
   ExchangeReport Exchange(const ServerEntry& server, const DeliveryConfig& config,
                           uint32_t session, const CEncoder* event);

@@ -33,7 +33,6 @@ enum class ExchangeStage {
   kEventAck,     // no event acknowledgement received
   kDone,         // every step passed
 };
-const char* ExchangeStageName(ExchangeStage stage);
 
 // What a dialogue found, for tools that explain it.
 struct ExchangeReport {
@@ -78,37 +77,13 @@ struct DialogueParts {
   bool tickLogging;          // the connection line carries ", TICC:%d"
 };
 
-class CServerDialogue {
- public:
-  // `presharedKey` is read in place; it and `server` must outlive the
-  // dialogue.
-  CServerDialogue(const DialogueParts& parts, const ServerEntry& server,
-                  const std::string& presharedKey, const IpAddress& localAddress);
-
-  // The whole dialogue for `session`'s event; without an event it ends
-  // after the hello acknowledgement (no event is sent, nothing is logged
-  // about one). The connection is closed when it returns. kDone in the
-  // report's stage means every step passed.
-  ExchangeReport Run(uint32_t session, const CEncoder* event);
-
- private:
-  // Resolution, socket, TCP connect and TLS set-up: kHello when the TLS
-  // session is up.
-  ExchangeStage Connect(CTlsConnection& connection, ExchangeReport& report);
-  // The hello, the agent's answer and the hello acknowledgement: kEventAck
-  // when the hello was accepted.
-  ExchangeStage Greet(CTlsConnection& connection, CDecoder& decoder, ExchangeReport& report);
-  // The event and its acknowledgement, then the NTLM relay when the
-  // acknowledgement asks for it: kDone once an acknowledgement (of any kind)
-  // came.
-  ExchangeStage SendEvent(CTlsConnection& connection, CDecoder& decoder, uint32_t session,
-                          const CEncoder& event, ExchangeReport& report);
-
-  const DialogueParts& m_parts;
-  const ServerEntry& m_server;
-  const std::string& m_presharedKey;
-  const IpAddress m_localAddress;
-  const int m_threadId;
-};
+// The dialogue with `server` for `session`'s event, with the preshared key
+// (read in place) and the agent's address for the log. Without an event it
+// ends after the hello acknowledgement (no event is sent, nothing is logged
+// about one). The connection is closed when it returns; the report's stage
+// kDone means every step passed.
+ExchangeReport SendAndReceive(const DialogueParts& parts, const ServerEntry& server,
+                              const std::string& presharedKey, const IpAddress& localAddress,
+                              uint32_t session, const CEncoder* event);
 
 }  // namespace lindqvar

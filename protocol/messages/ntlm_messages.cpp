@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "protocol/wire/byte_order.h"
 
 namespace lindqvar {
 

@@ -67,7 +67,6 @@ class CNtlmPackage {
   void Purge(uint32_t key, uint32_t age);
 
   const std::u16string& PackageName() const { return m_packageName; }
-  bool Tracing() const { return m_trace != 0; }
   size_t ExchangeCount() const;
   bool HasExchange(uint32_t key1, uint32_t key2) const;
 

@@ -41,25 +41,22 @@ bool BindingOfVerifiedServer(CTlsConnection& connection, ContextBinding& binding
 void CNtlmRelay::NtlmAuthenticate(CTlsConnection& connection, uint32_t session) {
   NtlmOutcome outcome;
   ContextBinding binding;
-  if (connection.ServerCheck().settings.verify) {
+  if (connection.ServerCheck().settings.verify && !BindingOfVerifiedServer(connection, binding)) {
     // A verified server gets a proof that is good for it alone; a proof
     // that cannot be bound is not made.
-    if (!BindingOfVerifiedServer(connection, binding)) {
-      m_log.Error("Failed to bind NTLM authentication to the verified server, no NTLM authentication");
-      outcome.failure = "Failed to bind NTLM authentication to the verified server";
-      std::lock_guard<std::mutex> lock(m_outcomeLock);
-      m_lastOutcome = outcome;
-      return;
+    m_log.Error("Failed to bind NTLM authentication to the verified server, no NTLM authentication");
+    outcome.failure = "Failed to bind NTLM authentication to the verified server";
+  } else {
+    if (!connection.ServerCheck().settings.verify && !m_warnedUnverified.exchange(true)) {
+      m_log.Error(
+          "Server verification is off (VerifyServer 0): NTLM authentication goes to whichever "
+          "server answered, which may relay the user's NTLM response or guess the password from "
+          "it; switch VerifyServer on with pinned certificates");
     }
-  } else if (!m_warnedUnverified.exchange(true)) {
-    m_log.Error(
-        "Server verification is off (VerifyServer 0): NTLM authentication goes to whichever server "
-        "answered, which may relay the user's NTLM response or guess the password from it; switch "
-        "VerifyServer on with pinned certificates");
+    // A thread of its own, so that the impersonation ends with it.
+    std::thread relay([&] { outcome = Relay(connection, session, binding); });
+    relay.join();
   }
-  // A thread of its own, so that the impersonation ends with it.
-  std::thread relay([&] { outcome = Relay(connection, session, binding); });
-  relay.join();
   std::lock_guard<std::mutex> lock(m_outcomeLock);
   m_lastOutcome = outcome;
 }

@@ -8,19 +8,9 @@
 
 namespace lindqvar {
 
-IpAddress CServerResolver::LastAddressLocked() const {
-  IpAddress address;
-  if (!m_lastKnown) return address;
-  if (m_lastFamily == kFamilyIPv4)
-    address.SetIPv4(m_lastIPv4);
-  else
-    address.SetIPv6(m_lastIPv6);
-  return address;
-}
-
 IpAddress CServerResolver::LastAddress() const {
   std::lock_guard<std::mutex> lock(m_lock);
-  return LastAddressLocked();
+  return m_last;
 }
 
 uint32_t CServerResolver::resolve_server(const ServerEntry& server, IpAddress* address) {
@@ -41,63 +31,46 @@ uint32_t CServerResolver::resolve_server(const ServerEntry& server, IpAddress* a
   const void* nul = std::memchr(server.host, '\0', sizeof server.host);
   const std::string host(server.host, nul ? static_cast<const char*>(nul) - server.host
                                           : sizeof server.host);
-  uint32_t result = 0;
-  bool obtained = false;
-
-  IpAddress literal;
-  if (parse_address_literal(host.c_str(), literal)) {
-    obtained = true;
-    m_lastFamily = literal.Family();
-    if (literal.Family() == kFamilyIPv4)
-      m_lastIPv4 = literal.IPv4();
-    else
-      std::memcpy(m_lastIPv6, literal.Bytes(), sizeof m_lastIPv6);
-  } else {
-    std::vector<ResolvedAddress> answers;
-    if (m_network.Resolve(host, answers) == 0 && !answers.empty()) {
-      // The first answer only, whatever its family: anything that is not
-      // IPv4 is taken as IPv6.
-      const ResolvedAddress& first = answers.front();
-      obtained = true;
-      if (first.family != kFamilyIPv4) {
-        m_lastFamily = kFamilyIPv6;
-        std::memcpy(m_lastIPv6, first.bytes.data(), sizeof m_lastIPv6);
-      } else {
-        m_lastFamily = kFamilyIPv4;
-        std::memcpy(&m_lastIPv4, first.bytes.data(), sizeof m_lastIPv4);
-      }
+  IpAddress obtained;
+  std::vector<ResolvedAddress> answers;
+  if (!parse_address_literal(host.c_str(), obtained) && m_network.Resolve(host, answers) == 0 &&
+      !answers.empty()) {
+    // The first answer only, whatever its family: anything that is not
+    // IPv4 is taken as IPv6.
+    const ResolvedAddress& first = answers.front();
+    if (first.family != kFamilyIPv4) {
+      obtained.SetIPv6(first.bytes.data());
     } else {
-      if (tick)
-        m_log.Error("Failed to resolve address for Brannock:%s, TICC:%d, TID:%d", name.c_str(), ticc,
-                    tid);
-      else
-        m_log.Error("Failed to resolve address for Brannock:%s, TID:%d", name.c_str(), tid);
-      if (m_lastKnown) {
-        // Whatever was obtained last, possibly for another server.
-        const IpAddress previous = LastAddressLocked();
-        if (tick)
-          m_log.Debug("Still use previous resolved IP address:%s, TICC:%d, TID:%d", previous.Text(),
-                      ticc, tid);
-        else
-          m_log.Debug("Still use previous resolved IP address:%s, TID:%d", previous.Text(), tid);
-        result = 1;
-      }
+      uint32_t ipv4;
+      std::memcpy(&ipv4, first.bytes.data(), sizeof ipv4);
+      obtained.SetIPv4(ipv4);
     }
   }
 
-  if (obtained) {
-    m_lastKnown = 1;
-    result = 1;
-    const IpAddress current = LastAddressLocked();
+  if (obtained.IsValid()) {
+    m_last = obtained;
     if (tick)
       m_log.Debug("Succeeded to resolve address for Brannock:%s, BRK IP:%s, TICC:%d, TID:%d",
-                  name.c_str(), current.Text(), ticc, tid);
+                  name.c_str(), m_last.Text(), ticc, tid);
     else
       m_log.Debug("Succeeded to resolve address for Brannock:%s, BRK IP:%s, TID:%d", name.c_str(),
-                  current.Text(), tid);
+                  m_last.Text(), tid);
+  } else {
+    if (tick)
+      m_log.Error("Failed to resolve address for Brannock:%s, TICC:%d, TID:%d", name.c_str(), ticc,
+                  tid);
+    else
+      m_log.Error("Failed to resolve address for Brannock:%s, TID:%d", name.c_str(), tid);
+    if (!m_last.IsValid()) return 0;
+    // Whatever was obtained last, possibly for another server.
+    if (tick)
+      m_log.Debug("Still use previous resolved IP address:%s, TICC:%d, TID:%d", m_last.Text(), ticc,
+                  tid);
+    else
+      m_log.Debug("Still use previous resolved IP address:%s, TID:%d", m_last.Text(), tid);
   }
-  if (result && address) *address = LastAddressLocked();
-  return result;
+  if (address) *address = m_last;
+  return 1;
 }
 
 }  // namespace lindqvar

@@ -37,17 +37,12 @@ class CServerResolver {
   IpAddress LastAddress() const;
 
  private:
-  IpAddress LastAddressLocked() const;
-
   INetwork& m_network;
   CLog& m_log;
   uint32_t m_bLogTickCount = 1;
 
-  mutable std::mutex m_lock;  // guards the fields below
-  uint32_t m_lastKnown = 0;   // set by the first success, never reset
-  uint16_t m_lastFamily = 0;
-  uint32_t m_lastIPv4 = 0;    // network byte order
-  uint8_t m_lastIPv6[16] = {};
+  mutable std::mutex m_lock;  // guards the address below
+  IpAddress m_last;           // the last address obtained; empty until the first success
 };
 
 }  // namespace lindqvar

@@ -27,6 +27,8 @@ struct ServerVerification {
   // What was configured but could not be taken as written, for the log and
   // for lindqvar-diag.
   std::vector<std::string> problems;
+
+  bool operator==(const ServerVerification&) const = default;
 };
 
 // Parses one fingerprint: 64 hex digits, either case, optionally grouped by

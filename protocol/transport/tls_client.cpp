@@ -52,20 +52,12 @@ SSL_CTX* CTlsClient::Context() {
 
 void CTlsClient::SetServerVerification(const ServerVerification& verification) {
   std::lock_guard<std::mutex> lock(m_verificationLock);
-  const ServerVerification& old = m_verification;
-  if (old.verify == verification.verify && old.pinsConfigured == verification.pinsConfigured &&
-      old.pins == verification.pins && old.problems == verification.problems)
-    return;
+  if (m_verification == verification) return;
   m_verification = verification;
   for (const std::string& problem : verification.problems)
     m_log.Error("Server verification setting: %s", problem.c_str());
   m_log.Debug("Server verification is %s, %d pinned certificate(s)",
               verification.verify ? "on" : "off", static_cast<int>(verification.pins.size()));
-}
-
-ServerVerification CTlsClient::CurrentServerVerification() const {
-  std::lock_guard<std::mutex> lock(m_verificationLock);
-  return m_verification;
 }
 
 uint32_t CTlsClient::SslClientInit(CTlsConnection& connection, const TlsTarget& target) {
@@ -101,7 +93,10 @@ bool CTlsClient::SetUp(CTlsConnection& connection, const TlsTarget& target) {
   }
   ServerCertificateCheck& check = connection.m_serverCheck;
   check = ServerCertificateCheck{};
-  check.settings = CurrentServerVerification();
+  {
+    std::lock_guard<std::mutex> lock(m_verificationLock);
+    check.settings = m_verification;
+  }
   PrepareServerVerification(ssl, target.name, check);
   const int handshake = connection.Handshake();
   FinishServerVerification(ssl, check);

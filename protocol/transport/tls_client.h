@@ -61,7 +61,6 @@ class CTlsClient {
   // Server verification for the connections that start from now on (the
   // default is off). Each problem of new settings is logged once.
   void SetServerVerification(const ServerVerification& verification);
-  ServerVerification CurrentServerVerification() const;
 
   // The context, made on first use under a lock; null while it cannot be
   // made. A context whose identity or CA loading failed is kept as it is.
@@ -80,7 +79,7 @@ class CTlsClient {
   const CertificateMaterial& m_material;
   std::mutex m_contextLock;
   std::atomic<SSL_CTX*> m_context{nullptr};
-  mutable std::mutex m_verificationLock;
+  std::mutex m_verificationLock;
   ServerVerification m_verification;
 };
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "protocol/wire/framing.h"
 
 namespace lindqvar {
 

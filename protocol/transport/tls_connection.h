@@ -42,7 +42,7 @@ class CTlsConnection {
   int Write(const uint8_t* data, uint32_t size);
   // Writes an encoder's message; -1 when the encoder holds none.
   int WriteMessage(const CEncoder& message);
-  // Receives one message (wire/framing.h) within the message limit. 1, or 0
+  // Receives one message (ReceiveMessage, wire/decoder.h) within the message limit. 1, or 0
   // on failure (the decoder then holds no message).
   uint32_t ReceiveMessage(CDecoder& decoder);
   // Milliseconds left before the exchange limit (UINT32_MAX without one).
@@ -54,7 +54,6 @@ class CTlsConnection {
   // it was held to (attached to the TLS session, so it lives at least as
   // long).
   ServerCertificateCheck& ServerCheck() { return m_serverCheck; }
-  const ServerCertificateCheck& ServerCheck() const { return m_serverCheck; }
 
  private:
   friend class CTlsClient;

@@ -1,5 +1,5 @@
 // The attribute format of every message exchanged with the authentication
-// server, and its codes.
+// server: its codes, and the big-endian fields of its headers.
 //
 // Every message is one tree of typed attributes. One attribute on the wire
 // (big-endian, no alignment, no padding):
@@ -68,5 +68,18 @@ inline constexpr uint8_t ATTR_NTLM_STATUS = 161;     // u32, read without byte-o
 // In MSG_EVENT_ACK.
 inline constexpr uint8_t ATTR_EVENT_RESULT = 192;        // u32
 inline constexpr uint8_t ATTR_KEEPALIVE_INTERVAL = 193;  // u32, seconds
+
+inline void PutBE32(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v >> 24);
+  p[1] = static_cast<uint8_t>(v >> 16);
+  p[2] = static_cast<uint8_t>(v >> 8);
+  p[3] = static_cast<uint8_t>(v);
+}
+
+inline uint32_t GetBE32(const uint8_t* p) {
+  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+}
+
+inline uint16_t GetBE16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
 
 }  // namespace lindqvar

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "platform/os.h"
-#include "protocol/wire/byte_order.h"
 #include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {

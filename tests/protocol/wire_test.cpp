@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "protocol/wire/base64.h"
+#include "protocol/wire/decoder.h"
 #include "protocol/wire/encoder.h"
-#include "protocol/wire/framing.h"
 #include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {

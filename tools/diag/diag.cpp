@@ -195,31 +195,28 @@ class CDiagNetwork : public INetwork {
   std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
 };
 
-const char* StageAdvice(ExchangeStage stage) {
-  switch (stage) {
-    case ExchangeStage::kResolve:
-      return "the server's name does not resolve (and no earlier address is known)";
-    case ExchangeStage::kSocket: return "no socket could be created";
-    case ExchangeStage::kConnect:
-      return "no TCP connection: nothing listens there, the connection was refused, or a "
-             "firewall drops it";
-    case ExchangeStage::kVerify:
-      return "server verification is on and the server's certificate failed it (see above)";
-    case ExchangeStage::kHello:
-      return "no hello from the server: the TLS handshake failed (does the server accept the "
-             "agent's client certificate?) or the server said nothing in time";
-    case ExchangeStage::kHelloParse:
-      return "the server's first message was not a hello the agent accepts (another message, "
-             "or a version text of 32 bytes or more)";
-    case ExchangeStage::kHelloAck: return "no hello acknowledgement from the server";
-    case ExchangeStage::kHelloReject:
-      return "the server rejected the hello: check the preshared key";
-    case ExchangeStage::kEventAck:
-      return "no event acknowledgement: the server closed or stopped answering after the hello";
-    case ExchangeStage::kDone: return "";
-  }
-  return "";
-}
+// Each stage a dialogue can end at, in the order of ExchangeStage: its name
+// and what it means.
+struct StageText {
+  const char* name;
+  const char* advice;
+};
+constexpr StageText kStageTexts[] = {
+    {"resolve", "the server's name does not resolve (and no earlier address is known)"},
+    {"socket", "no socket could be created"},
+    {"connect", "no TCP connection: nothing listens there, the connection was refused, or a "
+                "firewall drops it"},
+    {"verify", "server verification is on and the server's certificate failed it (see above)"},
+    {"hello", "no hello from the server: the TLS handshake failed (does the server accept the "
+              "agent's client certificate?) or the server said nothing in time"},
+    {"hello-parse", "the server's first message was not a hello the agent accepts (another "
+                    "message, or a version text of 32 bytes or more)"},
+    {"hello-ack", "no hello acknowledgement from the server"},
+    {"hello-reject", "the server rejected the hello: check the preshared key"},
+    {"event-ack", "no event acknowledgement: the server closed or stopped answering after the hello"},
+    {"done", ""},
+};
+static_assert(std::size(kStageTexts) == static_cast<size_t>(ExchangeStage::kDone) + 1);
 
 class CDiagObserver : public IExchangeObserver {
  public:
@@ -280,7 +277,8 @@ class CDiagObserver : public IExchangeObserver {
       ++m_passed;
       std::fprintf(m_out, "      OK\n");
     } else {
-      std::fprintf(m_out, "      FAILED at %s: %s\n", ExchangeStageName(r.stage), StageAdvice(r.stage));
+      const StageText& text = kStageTexts[static_cast<size_t>(r.stage)];
+      std::fprintf(m_out, "      FAILED at %s: %s\n", text.name, text.advice);
     }
     std::fflush(m_out);
   }

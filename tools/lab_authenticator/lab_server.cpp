@@ -13,7 +13,6 @@
 #include "protocol/messages/hello.h"
 #include "protocol/messages/ntlm_messages.h"
 #include "protocol/wire/base64.h"
-#include "protocol/wire/framing.h"
 
 namespace lindqvar::lab {
 
@@ -86,14 +85,8 @@ bool ParseFault(const std::string& text, Fault& out) {
 }
 
 const char* DigestCheckName(DigestCheck check) {
-  switch (check) {
-    case DigestCheck::kNotChecked: return "not-checked";
-    case DigestCheck::kCorrect: return "correct";
-    case DigestCheck::kWrong: return "wrong";
-    case DigestCheck::kZero: return "zero";
-    case DigestCheck::kNotRequired: return "not-required";
-  }
-  return "not-checked";
+  static const char* const kNames[] = {"not-checked", "correct", "wrong", "zero", "not-required"};
+  return kNames[static_cast<size_t>(check)];
 }
 
 CLabAuthenticator::CLabAuthenticator(LabOptions options, ILabSink* sink)
