@@ -10,8 +10,8 @@
 #include <mutex>
 
 #include "platform/timings.h"
-#include "protocol/transport/server_entry.h"
 #include "protocol/delivery/server_dialogue.h"
+#include "protocol/transport/server_entry.h"
 #include "session/event_delivery.h"
 
 namespace lindqvar {

@@ -71,12 +71,9 @@ TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
   otherKey.key[0] ^= 0x55;
   EXPECT_EQ(-1, decrypt_blob(otherKey, m.Get().caBundle, out));
   EXPECT_TRUE(out.Empty());
-}
-
-TEST(DecryptBlob, AnEmptyPlainTextIsAFailure) {
-  CTestMaterial m("", "c", "k", "p", "q");
-  CSecureBuffer out;
-  EXPECT_EQ(-1, decrypt_blob(m.Get(), m.Get().caBundle, out));
+  // An empty plain text is a failure too.
+  CTestMaterial empty("", "c", "k", "p", "q");
+  EXPECT_EQ(-1, decrypt_blob(empty.Get(), empty.Get().caBundle, out));
 }
 
 // --- the scrambled region -----------------------------------------------------
@@ -176,11 +173,13 @@ class FipsSupport : public FakeSupport {
   bool cfg_is_fips_mode_enabled() override { return true; }
 };
 
-TEST(LoadClientIdentity, FipsModeKeepsANonCompliantCertificateOut) {
+TEST(LoadClientIdentity, FipsModeTakesTheBuiltInCertificateAndKeepsANonCompliantOneOut) {
   const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
   CTestMaterial m("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
-  // Security level 0, so that only the FIPS test can refuse the short key.
   FipsSupport fips;
+  UniqueCtx builtIn = NewClientContext();
+  EXPECT_EQ(0, load_client_identity(builtIn.get(), BuiltInCertificateMaterial(), 0, fips));
+  // Security level 0, so that only the FIPS test can refuse the short key.
   UniqueCtx ctx = NewClientContext();
   SSL_CTX_set_security_level(ctx.get(), 0);
   EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, fips));
@@ -191,12 +190,6 @@ TEST(LoadClientIdentity, FipsModeKeepsANonCompliantCertificateOut) {
   SSL_CTX_set_security_level(ctx2.get(), 0);
   EXPECT_EQ(0, load_client_identity(ctx2.get(), m.Get(), 0, plain));
   EXPECT_NE(nullptr, SSL_CTX_get0_certificate(ctx2.get()));
-}
-
-TEST(LoadClientIdentity, FipsModeAcceptsTheBuiltInCertificate) {
-  FipsSupport fips;
-  UniqueCtx ctx = NewClientContext();
-  EXPECT_EQ(0, load_client_identity(ctx.get(), BuiltInCertificateMaterial(), 0, fips));
 }
 
 TEST(LoadClientIdentity, ANonRsaKeyIsRefused) {
