@@ -17,6 +17,8 @@ namespace {
 constexpr uint32_t kEventSingleSignOnId = 96980;
 constexpr uint32_t kSessionLogLevel = 6;
 
+// Network byte order to host order; the same swap turns a host-order
+// value back into network order.
 uint32_t HostOrder(uint32_t networkOrder) {
   const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
   return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
@@ -26,6 +28,8 @@ void AddIfNotEmpty(CEncoder& e, uint8_t code, const std::string& text) {
   if (!text.empty()) e.add_string(code, text, 1);
 }
 
+// A received address for people (the lab authenticator, tests), in the
+// system's text form; the agent's own log lines use IpAddress's.
 std::string AddressText(uint16_t family, const uint8_t* bytes, size_t size) {
   SocketAddress a;
   a.family = family;
