@@ -4,7 +4,7 @@
 #include "agent/session_manager.h"
 #include "platform/win32/platform_win32.h"
 #include "platform/win32/protected_security_win32.h"
-#include "protocol/tls.h"
+#include "protocol/transport/tls_client.h"
 #include "platform/win32/windows_include.h"
 
 int main(int argc, char** argv) {

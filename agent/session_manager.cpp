@@ -6,7 +6,7 @@
 #include "agent/state.h"
 #include "agent/verification_settings.h"
 #include "platform/os.h"
-#include "protocol/tls.h"
+#include "protocol/transport/tls_client.h"
 
 namespace lindqvar {
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "platform/secret.h"
-#include "protocol/server_entry.h"
+#include "protocol/transport/server_entry.h"
 
 namespace lindqvar {
 

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "protocol/server_verification.h"
+#include "protocol/transport/server_verification.h"
 
 namespace lindqvar {
 

@@ -11,7 +11,8 @@
 #include <new>
 #include <string>
 
-#include "protocol/codec.h"
+#include "protocol/wire/decoder.h"
+#include "protocol/wire/encoder.h"
 
 // --- counting allocator ----------------------------------------------------------
 
@@ -108,8 +109,8 @@ uint32_t DecodeEvent(const uint8_t* message, uint32_t length) {
   std::memcpy(buffer, message, length);
   uint32_t sum = 0;
   while (d.next()) {
-    if (d.type() == TYPE_U32) sum += d.value_u32();
-    if (d.type() == TYPE_STRING || d.type() == TYPE_BYTES) sum += d.value_size();
+    if (d.Type() == TYPE_U32) sum += d.ValueU32();
+    if (d.Type() == TYPE_STRING || d.Type() == TYPE_BYTES) sum += d.ValueSize();
   }
   return sum;
 }

@@ -19,9 +19,9 @@
 
 #include "platform/log.h"
 #include "platform/socket.h"
-#include "protocol/codec.h"
-#include "protocol/delivery.h"
-#include "tools/diag/diag_event.h"
+#include "protocol/delivery/authenticator_client.h"
+#include "protocol/messages/event.h"
+#include "protocol/messages/hello.h"
 #include "tools/lab_authenticator/lab_server.h"
 
 namespace lindqvar {
@@ -68,8 +68,9 @@ class NoNetwork : public INetwork {
 
 // The same one-record logon event as the delivery tests send.
 void BuildEvent(CEncoder& e) {
-  const diag::DiagEvent event{1, "corp", "alice", "ws1.corp.example", {0x0A0200C0}, {}, 1700000000};
-  diag::BuildEvent(event, e);
+  EventMessage{{{.logon = 1, .domain = "corp", .user = "alice", .workstation = "ws1.corp.example",
+                 .ipv4 = {0x0A0200C0}, .time = 1700000000}}}
+      .Write(e);
 }
 
 // Reads one length-prefixed message into `out`.
@@ -128,28 +129,18 @@ class MinimalClient {
     std::vector<uint8_t> in;
     ok = ok && ReadMessage(ssl, in);
     if (ok) {
-      // The hello: id, flags and challenge from fixed places of the lab's
-      // hello (id, flags, version text, digest).
+      // The hello, and the reply with the digest.
       CDecoder d(in.data(), static_cast<uint32_t>(in.size()));
-      uint32_t id = 0, flags = 0;
-      uint8_t challenge[16] = {};
-      while (d.next()) {
-        if (d.code() == ATTR_ID) id = d.value_u32();
-        if (d.code() == ATTR_HELLO_FLAGS) flags = d.value_u32();
-        if (d.code() == ATTR_DIGEST && d.value_size() == 16) std::memcpy(challenge, d.value_data(), 16);
-      }
-      uint8_t key[16], digest[16];
-      preshared_key_block(kKey, key);
-      compute_response(challenge, key, digest);
-      CEncoder reply(kReplyEncoderCapacity);
-      reply.begin_message(MSG_HELLO);
-      reply.add_u32(ATTR_ID, id);
-      reply.add_u32(ATTR_HELLO_FLAGS, flags);
-      reply.add_string(ATTR_VERSION_TEXT, std::string("Velmora Extension 1.1"), 0);
-      reply.add_bytes(ATTR_DIGEST, digest, 16);
-      reply.end_group(MSG_HELLO);
+      Hello hello;
+      hello.Read(d);
+      Hello reply{hello.id, hello.flags, "Velmora Extension 1.1"};
+      uint8_t key[16];
+      PresharedKeyBlock(kKey, key);
+      compute_response(hello.digest.data(), key, reply.digest.data());
+      CEncoder message(kReplyEncoderCapacity);
+      reply.Write(message);
       uint32_t n = 0;
-      const uint8_t* p = reply.get_buffer(&n);
+      const uint8_t* p = message.get_buffer(&n);
       SSL_write(ssl, p, static_cast<int>(n));
       ok = ReadMessage(ssl, in);
     }

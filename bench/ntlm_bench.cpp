@@ -5,7 +5,7 @@
 
 #include <set>
 
-#include "protocol/ntlm_relay.h"
+#include "protocol/ntlm/ntlm_relay.h"
 #include "tests/fakes/fake_security_package.h"
 #include "tests/protocol/tls_test_support.h"
 

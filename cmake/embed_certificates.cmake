@@ -109,7 +109,7 @@ endif()
 
 file(WRITE "${OUT}.tmp"
 "// Generated at build time from the certificate material; do not edit.
-#include \"protocol/certificate_region.h\"
+#include \"protocol/transport/certificate_region.h\"
 
 namespace lindqvar::certificate_region {
 

@@ -8,27 +8,27 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "protocol/codec.h"
+#include "protocol/wire/decoder.h"
 
 namespace lindqvar::fuzz {
 
 inline uint32_t WalkAll(CDecoder& decoder) {
   uint32_t sum = decoder.message_code() + decoder.peek_code();
-  const uint32_t limit = decoder.total_length() / kAttributeHeaderSize;
+  const uint32_t limit = decoder.TotalLength() / kAttributeHeaderSize;
   uint32_t steps = 0;
   while (uint8_t* header = decoder.next()) {
     if (++steps > limit) std::abort();
     sum += header[4] + decoder.peek_code();
-    switch (decoder.type()) {
+    switch (decoder.Type()) {
       case TYPE_BYTES:
       case TYPE_STRING:
-        for (uint32_t i = 0; i < decoder.value_size(); ++i) sum += decoder.value_data()[i];
+        for (uint32_t i = 0; i < decoder.ValueSize(); ++i) sum += decoder.ValueData()[i];
         break;
       case TYPE_U16:
-        sum += decoder.value_u16();
+        sum += decoder.ValueU16();
         break;
       case TYPE_U32:
-        sum += decoder.value_u32() ^ decoder.value_raw_u32();
+        sum += decoder.ValueU32() ^ decoder.ValueRawU32();
         break;
       default:
         break;

@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // gigabytes; each message received uses up at least a header's worth of
   // the stream.
   while (ReceiveMessage(decoder, read)) {
-    const uint8_t* b = decoder.buffer();
+    const uint8_t* b = decoder.Buffer();
     const uint32_t total = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-    if (total != decoder.total_length() || total < kAttributeHeaderSize ||
+    if (total != decoder.TotalLength() || total < kAttributeHeaderSize ||
         total > kMaxMessageLength) {
       std::abort();
     }

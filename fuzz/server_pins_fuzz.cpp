@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "protocol/server_verification.h"
+#include "protocol/transport/server_verification.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace lindqvar;

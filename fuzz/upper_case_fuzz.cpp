@@ -7,8 +7,8 @@
 #include <string>
 
 #include "platform/os.h"
-#include "protocol/codec.h"
-#include "protocol/wide_upper.h"
+#include "protocol/wire/encoder.h"
+#include "protocol/wire/wide_upper.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace lindqvar;

@@ -15,8 +15,8 @@
 #include "platform/sessions.h"
 #include "platform/support.h"
 #include "platform/timings.h"
-#include "protocol/codec.h"
-#include "protocol/session_message.h"
+#include "protocol/messages/event.h"
+#include "protocol/wire/encoder.h"
 #include "session/event_delivery.h"
 #include "session/session_table.h"
 

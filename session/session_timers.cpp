@@ -2,7 +2,7 @@
 // failed logon report, and the report of changed addresses. All of them are
 // for the session reported as logged on.
 #include "platform/os.h"
-#include "protocol/ip_address.h"
+#include "protocol/transport/ip_address.h"
 #include "session/session_events.h"
 
 namespace lindqvar {

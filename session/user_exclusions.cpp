@@ -1,7 +1,7 @@
 #include "session/user_exclusions.h"
 
 #include "platform/os.h"
-#include "protocol/wide_upper.h"
+#include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {
 

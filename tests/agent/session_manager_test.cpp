@@ -247,12 +247,12 @@ TEST_F(ReportingTest, StartReportsTheLastActiveSessionOfTheEnumeration) {
   m.Stop();
   ASSERT_EQ(reports.size(), 1u);
   ASSERT_EQ(reports[0].records.size(), 1u);
-  const lab::SessionRecord& r = reports[0].records[0];
+  const SessionRecord& r = reports[0].records[0];
   EXPECT_EQ(r.user, "MLIND");
   EXPECT_EQ(r.domain, "CORP");
   EXPECT_EQ(r.workstation, "WS1.CORP.EXAMPLE");
   EXPECT_EQ(r.logon, 1u);
-  EXPECT_EQ(r.ipv4, (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(r.IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
   EXPECT_EQ(RegistryState(), kConfiguredReachable);
   for (const char* line :
        {"Succeeded to call WTSEnumerateSessions, dwSICount:4", "Succeede to add session 1",
@@ -464,7 +464,7 @@ TEST_P(FailedWaitTest, IsNeitherASpinNorAChange) {
   m.Stop();
   ASSERT_EQ(reports.size(), 2u);
   ASSERT_EQ(reports[1].records.size(), 2u);
-  EXPECT_EQ(reports[1].records[1].ipv4, (std::vector<std::string>{"10.0.0.9"}));
+  EXPECT_EQ(reports[1].records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9"}));
   EXPECT_EQ(fake.support.CountLines(row.recoveredLine), 1u);
   EXPECT_EQ(fake.support.CountLines(row.failedLine), 1u);
 }
@@ -505,9 +505,9 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
   m.Stop();
   ASSERT_EQ(reports.size(), 2u);
   ASSERT_EQ(reports[1].records.size(), 2u);
-  EXPECT_EQ(reports[1].records[0].ipv4, (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(reports[1].records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
   EXPECT_EQ(reports[1].records[0].logon, 0u);
-  EXPECT_EQ(reports[1].records[1].ipv4, (std::vector<std::string>{"10.0.0.9"}));
+  EXPECT_EQ(reports[1].records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9"}));
   EXPECT_EQ(Records("3"), 1u);
   EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressHandlerThread), 1u);
 }

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "platform/secret.h"
-#include "protocol/server_entry.h"
+#include "protocol/transport/server_entry.h"
 
 namespace lindqvar {
 namespace {

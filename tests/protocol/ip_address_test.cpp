@@ -1,4 +1,4 @@
-#include "protocol/ip_address.h"
+#include "protocol/transport/ip_address.h"
 
 #include <gtest/gtest.h>
 
@@ -13,8 +13,6 @@ namespace {
 using testing::kIPv6Rows;
 using testing::kLiteralRows;
 
-std::u16string Widen(const char* s) { return std::u16string(s, s + std::strlen(s)); }
-
 IpAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
   const uint8_t bytes[4] = {a, b, c, d};
   uint32_t address;
@@ -24,24 +22,17 @@ IpAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
   return ip;
 }
 
-TEST(IpAddressTest, TextFollowsTheStoredAddressAndCopiesTakeOnlyValidOnes) {
+TEST(IpAddressTest, TextFollowsTheStoredAddress) {
   IpAddress a;
   EXPECT_EQ(a.IsValid(), 0u);
   EXPECT_EQ(a.Family(), 0);
-  EXPECT_EQ(std::u16string(a.WideText()), u"0.0.0.0");
+  EXPECT_STREQ(a.Text(), "0.0.0.0");
   a = V4(10, 0, 0, 5);
   EXPECT_EQ(a.Family(), kFamilyIPv4);
   EXPECT_STREQ(a.Text(), "10.0.0.5");
   // A new address after the text was made must not show the old text.
-  a.SetIPv4(V4(192, 168, 200, 255).IPv4());
-  EXPECT_EQ(std::u16string(a.WideText()), u"192.168.200.255");
-  EXPECT_STREQ(a.Text(), "192.168.200.255");
-  a.CopyFrom(IpAddress());
-  EXPECT_STREQ(a.Text(), "192.168.200.255");
   const uint8_t loopback6[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  IpAddress six;
-  six.SetIPv6(loopback6);
-  a.CopyFrom(six);
+  a.SetIPv6(loopback6);
   EXPECT_EQ(a.Family(), kFamilyIPv6);
   EXPECT_STREQ(a.Text(), "::1");
 }
@@ -56,7 +47,6 @@ TEST(IpAddressTest, IPv6TextForms) {
     IpAddress a;
     a.SetIPv6(bytes);
     EXPECT_STREQ(a.Text(), row.Own());
-    EXPECT_EQ(std::u16string(a.WideText()), Widen(row.Own()));
   }
   // 44 characters: only 41 fit with the terminator.
   const uint8_t longest[16] = {0x11, 0x11, 0x22, 0x22, 0x33, 0x33, 0x44, 0x44,
@@ -64,7 +54,7 @@ TEST(IpAddressTest, IPv6TextForms) {
   IpAddress a;
   a.SetIPv6(longest);
   EXPECT_STREQ(a.Text(), "1111:2222:3333:4444:200:5efe:255.255.255.");
-  EXPECT_EQ(std::u16string(a.WideText()).size(), IpAddress::kTextSize - 1);
+  EXPECT_EQ(std::strlen(a.Text()), IpAddress::kTextSize - 1);
 }
 
 TEST(AddressLiteralTest, AcceptedAndRefused) {

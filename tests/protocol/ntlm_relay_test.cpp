@@ -9,7 +9,8 @@
 
 #include <set>
 
-#include "protocol/ntlm_relay.h"
+#include "protocol/ntlm/ntlm_relay.h"
+#include "protocol/wire/base64.h"
 #include "tools/lab_authenticator/ntlm_acceptor.h"
 #include "tests/protocol/tls_test_support.h"
 
@@ -102,9 +103,7 @@ TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays
     ASSERT_EQ(2u, r.ntlmFrames.size());
     EXPECT_EQ(NtlmFrame(136, key, "TkVHT1RJQVRF"), r.ntlmFrames[0]);
     const std::string answer = "AUTHENTICATE CORP\\alice CHALLENGE-" + std::to_string(key - 100000);
-    std::string encoded(base64_encoded_size(uint32_t(answer.size())), '\0');
-    encoded.resize(base64_encode(reinterpret_cast<const uint8_t*>(answer.data()), uint32_t(answer.size()), encoded.data()));
-    EXPECT_EQ(NtlmFrame(138, key, encoded), r.ntlmFrames[1]);
+    EXPECT_EQ(NtlmFrame(138, key, Base64Text(answer.data(), uint32_t(answer.size()))), r.ntlmFrames[1]);
     EXPECT_EQ(key, relay.LastKey());
     EXPECT_EQ(1, relay.LastOutcome().result);
     const auto steps = package.Bindings();

@@ -1,4 +1,4 @@
-#include "protocol/resolve.h"
+#include "protocol/transport/resolve.h"
 
 #include <gtest/gtest.h>
 

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <memory>
 
-#include "protocol/certificate_region.h"
-#include "protocol/tls.h"
-#include "protocol/vlx_crypt.h"
+#include "protocol/transport/certificate_region.h"
+#include "protocol/transport/tls_client.h"
+#include "protocol/transport/vlx_crypt.h"
 #include "tests/protocol/tls_test_support.h"
 
 namespace lindqvar::testing {
@@ -30,7 +30,7 @@ UniqueCtx NewClientContext() { return UniqueCtx(VlxTlsCtxNew(TLS_client_method()
 std::string Decrypted(const CertificateMaterial& m, const CertificateItem& item) {
   CSecureBuffer out;
   if (decrypt_blob(m, item, out) != 0) return "<failed>";
-  return std::string(out.text(), out.size());
+  return std::string(out.Text(), out.Size());
 }
 
 // --- AES routine and decrypt_blob ---------------------------------------------
@@ -43,40 +43,37 @@ TEST(AesRoutine, MatchesTheAesKnownAnswerWithAZeroIvAndPadsAWholeBlock) {
   const uint8_t plain[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                              0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
   CSecureBuffer cipher;
-  ASSERT_EQ(0, aes_128_cbc(key, plain, sizeof plain, 1, cipher));
+  ASSERT_EQ(0, Aes128Cbc(key, plain, sizeof plain, 1, cipher));
   EXPECT_EQ("69c4e0d86a7b0430d8cdb78070b4c55a9e978e6d16b086570ef794ef97984232",
-            Hex(cipher.data(), cipher.size()));
+            Hex(cipher.Data(), cipher.Size()));
 
   CSecureBuffer back;
-  ASSERT_EQ(0, aes_128_cbc(key, cipher.data(), static_cast<uint32_t>(cipher.size()), 0, back));
-  EXPECT_EQ(0, std::memcmp(plain, back.data(), sizeof plain));
-  EXPECT_EQ(16u, back.size());
+  ASSERT_EQ(0, Aes128Cbc(key, cipher.Data(), static_cast<uint32_t>(cipher.Size()), 0, back));
+  EXPECT_EQ(0, std::memcmp(plain, back.Data(), sizeof plain));
+  EXPECT_EQ(16u, back.Size());
 }
 
 TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
   CTestMaterial m("-----BEGIN CA-----", "certificate text", "key", "pass", "alternative");
   CSecureBuffer out;
   ASSERT_EQ(0, decrypt_blob(m.Get(), m.Get().clientCertificate, out));
-  EXPECT_EQ(16u, out.size());
-  EXPECT_STREQ("certificate text", out.text());
+  EXPECT_EQ(16u, out.Size());
+  EXPECT_STREQ("certificate text", out.Text());
 
   // A ciphertext that is not whole blocks, a missing one, and one under a
   // different key all fail and leave nothing behind.
   CertificateItem cut = m.Get().clientCertificate;
   cut.length -= 1;
   EXPECT_EQ(-1, decrypt_blob(m.Get(), cut, out));
-  EXPECT_TRUE(out.empty());
+  EXPECT_TRUE(out.Empty());
   EXPECT_EQ(-1, decrypt_blob(m.Get(), CertificateItem{}, out));
   CertificateMaterial otherKey = m.Get();
   otherKey.key[0] ^= 0x55;
   EXPECT_EQ(-1, decrypt_blob(otherKey, m.Get().caBundle, out));
-  EXPECT_TRUE(out.empty());
-}
-
-TEST(DecryptBlob, AnEmptyPlainTextIsAFailure) {
-  CTestMaterial m("", "c", "k", "p", "q");
-  CSecureBuffer out;
-  EXPECT_EQ(-1, decrypt_blob(m.Get(), m.Get().caBundle, out));
+  EXPECT_TRUE(out.Empty());
+  // An empty plain text is a failure too.
+  CTestMaterial empty("", "c", "k", "p", "q");
+  EXPECT_EQ(-1, decrypt_blob(empty.Get(), empty.Get().caBundle, out));
 }
 
 // --- the scrambled region -----------------------------------------------------
@@ -145,7 +142,7 @@ TEST(LoadClientIdentity, BuiltInIdentityInstallsCertificateAndMatchingKey) {
   EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
 }
 
-TEST(LoadClientIdentity, PassPhraseSelectorPicksTheBlob) {
+TEST(LoadClientIdentity, TheModePicksThePassPhrase) {
   FakeSupport support;
   const TestIdentity id = MakeIdentity("RSA", 2048, nullptr, "SHA256", "second-pass-phrase-24ch");
   CTestMaterial m("ca", id.certificatePem, id.keyPem, "first-pass", "second-pass-phrase-24ch");
@@ -154,27 +151,21 @@ TEST(LoadClientIdentity, PassPhraseSelectorPicksTheBlob) {
   EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, support));
   UniqueCtx ctx1 = NewClientContext();
   EXPECT_EQ(0, load_client_identity(ctx1.get(), m.Get(), 1, support));
-
-  char buffer[64];
-  EXPECT_EQ(23, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
-  EXPECT_STREQ("second-pass-phrase-24ch", buffer);
-  // Back to the agent's mode: the 16-byte blob.
-  UniqueCtx ctx2 = NewClientContext();
-  load_client_identity(ctx2.get(), m.Get(), 0, support);
-  EXPECT_EQ(10, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
-  EXPECT_STREQ("first-pass", buffer);
 }
 
-TEST(PassPhraseCallback, CopiesAtMostSizeMinusOneAndAlwaysTerminates) {
+TEST(PassPhraseCallback, CopiesTheRequestedPhraseAtMostSizeMinusOneAndAlwaysTerminated) {
   CTestMaterial m("ca", "c", "k", "0123456789", "alternative-0123456789");
-  FakeSupport support;
-  load_client_identity(nullptr, m.Get(), 0, support);  // selects the 16-byte blob
-  char buffer[5];
-  std::memset(buffer, 'x', sizeof buffer);
-  EXPECT_EQ(4, pass_phrase_callback(buffer, sizeof buffer, 0, const_cast<CertificateMaterial*>(&m.Get())));
-  EXPECT_STREQ("0123", buffer);
-  EXPECT_EQ(0, pass_phrase_callback(buffer, 0, 0, const_cast<CertificateMaterial*>(&m.Get())));
-  EXPECT_EQ(0, pass_phrase_callback(buffer, sizeof buffer, 0, nullptr));
+  PassPhraseRequest first{&m.Get(), &m.Get().passPhrase};
+  PassPhraseRequest second{&m.Get(), &m.Get().alternativePassPhrase};
+  char buffer[64];
+  EXPECT_EQ(22, PassPhraseCallback(buffer, sizeof buffer, 0, &second));
+  EXPECT_STREQ("alternative-0123456789", buffer);
+  char small[5];
+  std::memset(small, 'x', sizeof small);
+  EXPECT_EQ(4, PassPhraseCallback(small, sizeof small, 0, &first));
+  EXPECT_STREQ("0123", small);
+  EXPECT_EQ(0, PassPhraseCallback(small, 0, 0, &first));
+  EXPECT_EQ(0, PassPhraseCallback(small, sizeof small, 0, nullptr));
 }
 
 class FipsSupport : public FakeSupport {
@@ -182,11 +173,13 @@ class FipsSupport : public FakeSupport {
   bool cfg_is_fips_mode_enabled() override { return true; }
 };
 
-TEST(LoadClientIdentity, FipsModeKeepsANonCompliantCertificateOut) {
+TEST(LoadClientIdentity, FipsModeTakesTheBuiltInCertificateAndKeepsANonCompliantOneOut) {
   const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
   CTestMaterial m("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
-  // Security level 0, so that only the FIPS test can refuse the short key.
   FipsSupport fips;
+  UniqueCtx builtIn = NewClientContext();
+  EXPECT_EQ(0, load_client_identity(builtIn.get(), BuiltInCertificateMaterial(), 0, fips));
+  // Security level 0, so that only the FIPS test can refuse the short key.
   UniqueCtx ctx = NewClientContext();
   SSL_CTX_set_security_level(ctx.get(), 0);
   EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, fips));
@@ -197,12 +190,6 @@ TEST(LoadClientIdentity, FipsModeKeepsANonCompliantCertificateOut) {
   SSL_CTX_set_security_level(ctx2.get(), 0);
   EXPECT_EQ(0, load_client_identity(ctx2.get(), m.Get(), 0, plain));
   EXPECT_NE(nullptr, SSL_CTX_get0_certificate(ctx2.get()));
-}
-
-TEST(LoadClientIdentity, FipsModeAcceptsTheBuiltInCertificate) {
-  FipsSupport fips;
-  UniqueCtx ctx = NewClientContext();
-  EXPECT_EQ(0, load_client_identity(ctx.get(), BuiltInCertificateMaterial(), 0, fips));
 }
 
 TEST(LoadClientIdentity, ANonRsaKeyIsRefused) {

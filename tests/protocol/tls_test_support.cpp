@@ -10,8 +10,7 @@
 #include <sstream>
 
 #include "platform/socket.h"
-#include "protocol/tls.h"
-#include "tools/diag/diag_event.h"
+#include "protocol/messages/event.h"
 
 namespace lindqvar::testing {
 
@@ -111,9 +110,9 @@ CTestMaterial::CTestMaterial(const std::string& ca, const std::string& certifica
 
 CertificateItem CTestMaterial::Encrypt(const std::string& plain, std::vector<uint8_t>& into) {
   CSecureBuffer cipher;
-  EXPECT_EQ(0, aes_128_cbc(m_material.key, reinterpret_cast<const uint8_t*>(plain.data()),
-                           static_cast<uint32_t>(plain.size()), 1, cipher));
-  into.assign(cipher.data(), cipher.data() + cipher.size());
+  EXPECT_EQ(0, Aes128Cbc(m_material.key, reinterpret_cast<const uint8_t*>(plain.data()),
+                         static_cast<uint32_t>(plain.size()), 1, cipher));
+  into.assign(cipher.Data(), cipher.Data() + cipher.Size());
   return CertificateItem{into.data(), static_cast<uint32_t>(into.size())};
 }
 
@@ -176,13 +175,10 @@ void CDeliveryHarness::Rebuild() {
 }
 
 void CDeliveryHarness::BuildEvent(CEncoder& e) {
-  diag::DiagEvent event;
-  event.domain = "corp";
-  event.user = "alice";
-  event.workstation = "ws1.corp.example";
-  event.ipv4 = {0x0A0200C0};  // 192.0.2.10 in network order
-  event.time = 1700000000;
-  diag::BuildEvent(event, e);
+  // 192.0.2.10 in network order.
+  EventMessage{{{.logon = 1, .domain = "corp", .user = "alice", .workstation = "ws1.corp.example",
+                 .ipv4 = {0x0A0200C0}, .time = 1700000000}}}
+      .Write(e);
 }
 
 void CDeliveryHarness::Publish() {

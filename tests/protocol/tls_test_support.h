@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "platform/log.h"
-#include "protocol/certificate_material.h"
-#include "protocol/delivery.h"
+#include "protocol/delivery/authenticator_client.h"
+#include "protocol/transport/certificate_material.h"
 #include "tests/fakes/fake_platform.h"
 #include "tools/lab_authenticator/lab_server.h"
 

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -18,17 +19,19 @@ namespace lindqvar::testing {
 namespace {
 
 using lab::CLogonTable;
-using lab::SessionRecord;
 
 SessionRecord Record(uint32_t logon, const std::string& user, std::vector<std::string> v4,
                      std::vector<std::string> v6 = {}) {
-  SessionRecord r;
-  r.logon = logon;
-  r.domain = "CORP";
-  r.user = user;
-  r.workstation = "WS1.CORP.EXAMPLE";
-  r.ipv4 = std::move(v4);
-  r.ipv6 = std::move(v6);
+  SessionRecord r{.logon = logon, .domain = "CORP", .user = user, .workstation = "WS1.CORP.EXAMPLE"};
+  SocketAddress a;
+  for (const auto& text : v4) {
+    EXPECT_TRUE(SocketAddress::FromLiteral(text, 0, a)) << text;
+    std::memcpy(&r.ipv4.emplace_back(), a.bytes.data(), 4);
+  }
+  for (const auto& text : v6) {
+    EXPECT_TRUE(SocketAddress::FromLiteral(text, 0, a)) << text;
+    r.ipv6.push_back(a.bytes);
+  }
   return r;
 }
 
@@ -197,8 +200,8 @@ TEST(DiagProgram, SendDeliversTheGivenUserAndPrintsTheAcknowledgement) {
   ASSERT_EQ(1u, records.size());
   EXPECT_EQ("BOB", records[0].user);
   EXPECT_EQ("PC7.CORP.EXAMPLE", records[0].workstation);
-  EXPECT_EQ(std::vector<std::string>{"198.51.100.7"}, records[0].ipv4);
-  EXPECT_EQ(std::vector<std::string>{"2001:db8::7"}, records[0].ipv6);
+  EXPECT_EQ(std::vector<std::string>{"198.51.100.7"}, records[0].IPv4Text());
+  EXPECT_EQ(std::vector<std::string>{"2001:db8::7"}, records[0].IPv6Text());
 }
 
 TEST(DiagProgram, ExitCodesTellWhatWentWrong) {

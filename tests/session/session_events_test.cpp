@@ -2,7 +2,7 @@
 // the event sender's records, and the event message with its log record.
 #include <gtest/gtest.h>
 
-#include "protocol/session_message.h"
+#include "protocol/messages/event.h"
 #include "tests/session/session_fixture.h"
 
 namespace lindqvar::testing {
@@ -194,8 +194,8 @@ TEST_F(SessionFixture, AnAddressChangeAddsAWithdrawingRecordOnlyToTheFirstLogon)
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
                                                       "USER1:0+USER1:1", "USER1:1"}));
   const auto& records = host.deliveries[3].records;
-  EXPECT_EQ(records[0].ipv4, (std::vector<std::string>{"10.0.0.5"}));
-  EXPECT_EQ(records[1].ipv4, (std::vector<std::string>{"10.0.0.9", "10.0.0.5"}));
+  EXPECT_EQ(records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9", "10.0.0.5"}));
   // A logoff after a change withdraws nothing extra.
   SetAddresses({FakeNetwork::V4(10, 0, 0, 7)});
   ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
@@ -329,7 +329,7 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.ResendPending(), row.resendPending);
   if (!row.sent.empty()) {
-    EXPECT_EQ(host.deliveries[0].records[1].ipv4, row.newIPv4);
+    EXPECT_EQ(host.deliveries[0].records[1].IPv4Text(), row.newIPv4);
     EXPECT_TRUE(support.HasLine("old ip address:10.0.0.5"));
     EXPECT_TRUE(support.HasLine("new ip address:" + row.newIPv4.back()));
     EXPECT_EQ(support.FieldEvents().back().rfind("96980 6 action=3 ", 0), 0u);
@@ -417,7 +417,7 @@ TEST_P(WithdrawRuleTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
   std::vector<std::string> records;
   for (const auto& r : host.deliveries[0].records) {
     std::string s = std::to_string(r.logon) + ":";
-    for (const auto& list : {r.ipv4, r.ipv6})
+    for (const auto& list : {r.IPv4Text(), r.IPv6Text()})
       for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
     records.push_back(s);
   }
@@ -486,7 +486,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows),
 // The record's attributes in their fixed order; the logon flag as 0 or 1;
 // empty addresses skipped; IPv4 in network byte order.
 TEST(SessionMessage, RecordHasTheFixedOrderTheLogonFlagAsOneAndNoEmptyAddresses) {
-  SessionRecordFields f;
+  SessionRecord f;
   f.logon = 7;  // any non-zero flag is sent as 1
   f.domain = "corp";
   f.user = "mlind";
@@ -494,29 +494,31 @@ TEST(SessionMessage, RecordHasTheFixedOrderTheLogonFlagAsOneAndNoEmptyAddresses)
   f.azureAccount = "m@corp";
   f.tenantId = "t-1";
   f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};  // network order: 10.0.0.5, 10.0.0.6
+  f.ipv6.resize(4);
   f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
   f.ipv6[2] = {0x00, 0xff};        // first word 0x00ff: sent
   f.ipv6[3] = {0x00, 0x00, 0xff};  // first word 0: empty
   CEncoder e(kEventEncoderCapacity);
   e.begin_message(MSG_EVENT);
-  add_session_record(e, f);
+  f.Write(e);
   e.end_group(MSG_EVENT);
   uint32_t length = 0;
   std::vector<uint8_t> bytes(e.get_buffer(&length), e.get_buffer(&length) + length);
   std::vector<uint8_t> walked = bytes;  // a decoder works in its buffer
   std::vector<int> codes;
-  for (CDecoder walk(walked.data(), length); walk.next();) codes.push_back(walk.code());
+  for (CDecoder walk(walked.data(), length); walk.next();) codes.push_back(walk.Code());
   EXPECT_EQ(codes, (std::vector<int>{MSG_EVENT, MSG_SESSION_INFO, ATTR_LOGON, ATTR_FIXED_VALUE,
                                      ATTR_DOMAIN, ATTR_USER, ATTR_WORKSTATION, ATTR_AZURE_ACCOUNT,
                                      ATTR_TENANT_ID, ATTR_IPV4, ATTR_IPV4, ATTR_IPV6, ATTR_IPV6,
                                      ATTR_TIME}));
   CDecoder d(bytes.data(), length);
-  uint8_t code = 0;
-  const auto records = lab::DecodeEvent(d, code);
+  EventMessage event;
+  ASSERT_TRUE(event.Read(d));
+  const auto& records = event.records;
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].logon, 1u);
-  EXPECT_EQ(records[0].ipv4, (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
-  EXPECT_EQ(records[0].ipv6, (std::vector<std::string>{"2001:db8::", "ff::"}));
+  EXPECT_EQ(records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
+  EXPECT_EQ(records[0].IPv6Text(), (std::vector<std::string>{"2001:db8::", "ff::"}));
 }
 
 // The Azure AD account attribute carries the entry's Azure tenant id: sent
@@ -558,7 +560,7 @@ TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
   ASSERT_EQ(table.AddSession(2), 1u);
   ASSERT_EQ(events.SendSessionEvent(2, 1, 0), 1u);
   ASSERT_EQ(host.deliveries.size(), 1u);
-  const lab::SessionRecord& r = host.deliveries[0].records.back();
+  const SessionRecord& r = host.deliveries[0].records.back();
   EXPECT_EQ(r.user, row.user);
   EXPECT_EQ(r.azureAccount, row.azureAccount);
 }

@@ -22,7 +22,7 @@
 #include "session/session_events.h"
 #include "session/session_table.h"
 #include "tests/identity/identity_fakes.h"
-#include "tools/lab_authenticator/lab_server.h"
+#include "protocol/messages/event.h"
 
 namespace lindqvar::testing {
 
@@ -53,9 +53,9 @@ class FakeDelivery : public IEventDelivery {
     const uint8_t* bytes = event.get_buffer(&length);
     std::vector<uint8_t> copy(bytes, bytes + length);
     CDecoder decoder(copy.data(), length);
-    uint8_t code = 0;
-    Delivery d{session, lab::DecodeEvent(decoder, code)};
-    EXPECT_EQ(code, MSG_EVENT);
+    EventMessage message;
+    EXPECT_TRUE(message.Read(decoder));
+    Delivery d{session, std::move(message.records)};
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_hold) {
       m_hold = false;
@@ -94,7 +94,7 @@ class FakeDelivery : public IEventDelivery {
 
   struct Delivery {
     uint32_t session;
-    std::vector<lab::SessionRecord> records;
+    std::vector<SessionRecord> records;
   };
   // "USER2:1" for each record of each delivery, records joined with "+".
   std::vector<std::string> Summary() const {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 
@@ -17,9 +18,10 @@
 #include "platform/log.h"
 #include "platform/os.h"
 #include "platform/socket.h"
-#include "protocol/delivery.h"
-#include "protocol/ntlm_relay.h"
-#include "protocol/vlx_crypt.h"
+#include "protocol/delivery/authenticator_client.h"
+#include "protocol/messages/event.h"
+#include "protocol/ntlm/ntlm_relay.h"
+#include "protocol/transport/vlx_crypt.h"
 
 namespace lindqvar::diag {
 
@@ -193,31 +195,28 @@ class CDiagNetwork : public INetwork {
   std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override { return nullptr; }
 };
 
-const char* StageAdvice(ExchangeStage stage) {
-  switch (stage) {
-    case ExchangeStage::kResolve:
-      return "the server's name does not resolve (and no earlier address is known)";
-    case ExchangeStage::kSocket: return "no socket could be created";
-    case ExchangeStage::kConnect:
-      return "no TCP connection: nothing listens there, the connection was refused, or a "
-             "firewall drops it";
-    case ExchangeStage::kVerify:
-      return "server verification is on and the server's certificate failed it (see above)";
-    case ExchangeStage::kHello:
-      return "no hello from the server: the TLS handshake failed (does the server accept the "
-             "agent's client certificate?) or the server said nothing in time";
-    case ExchangeStage::kHelloParse:
-      return "the server's first message was not a hello the agent accepts (another message, "
-             "or a version text of 32 bytes or more)";
-    case ExchangeStage::kHelloAck: return "no hello acknowledgement from the server";
-    case ExchangeStage::kHelloReject:
-      return "the server rejected the hello: check the preshared key";
-    case ExchangeStage::kEventAck:
-      return "no event acknowledgement: the server closed or stopped answering after the hello";
-    case ExchangeStage::kDone: return "";
-  }
-  return "";
-}
+// Each stage a dialogue can end at, in the order of ExchangeStage: its name
+// and what it means.
+struct StageText {
+  const char* name;
+  const char* advice;
+};
+constexpr StageText kStageTexts[] = {
+    {"resolve", "the server's name does not resolve (and no earlier address is known)"},
+    {"socket", "no socket could be created"},
+    {"connect", "no TCP connection: nothing listens there, the connection was refused, or a "
+                "firewall drops it"},
+    {"verify", "server verification is on and the server's certificate failed it (see above)"},
+    {"hello", "no hello from the server: the TLS handshake failed (does the server accept the "
+              "agent's client certificate?) or the server said nothing in time"},
+    {"hello-parse", "the server's first message was not a hello the agent accepts (another "
+                    "message, or a version text of 32 bytes or more)"},
+    {"hello-ack", "no hello acknowledgement from the server"},
+    {"hello-reject", "the server rejected the hello: check the preshared key"},
+    {"event-ack", "no event acknowledgement: the server closed or stopped answering after the hello"},
+    {"done", ""},
+};
+static_assert(std::size(kStageTexts) == static_cast<size_t>(ExchangeStage::kDone) + 1);
 
 class CDiagObserver : public IExchangeObserver {
  public:
@@ -278,7 +277,8 @@ class CDiagObserver : public IExchangeObserver {
       ++m_passed;
       std::fprintf(m_out, "      OK\n");
     } else {
-      std::fprintf(m_out, "      FAILED at %s: %s\n", ExchangeStageName(r.stage), StageAdvice(r.stage));
+      const StageText& text = kStageTexts[static_cast<size_t>(r.stage)];
+      std::fprintf(m_out, "      FAILED at %s: %s\n", text.name, text.advice);
     }
     std::fflush(m_out);
   }
@@ -312,7 +312,7 @@ bool DescribeClientIdentity(std::FILE* out, bool fips) {
     std::fprintf(out, "The built-in certificate material cannot be decrypted.\n");
     return false;
   }
-  BIO* bio = BIO_new_mem_buf(text.data(), -1);
+  BIO* bio = BIO_new_mem_buf(text.Data(), -1);
   X509* cert = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
   BIO_free(bio);
   if (!cert) {
@@ -576,16 +576,14 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   client.SetObserver(&observer);
   client.SetServerVerification(verification);
 
-  CDecoder decoder;
   if (eventMode) {
-    CEncoder event(kEventEncoderCapacity);
-    BuildEvent(options.event, event);
-    client.Deliver(options.session, event);
+    EventMessage event{{options.event}};
+    if (!event.records[0].time) event.records[0].time = static_cast<uint32_t>(std::time(nullptr));
+    CEncoder message(kEventEncoderCapacity);
+    event.Write(message);
+    client.Deliver(options.session, message);
   } else {
-    for (const auto& server : servers) {
-      client.SetCurrentServer(*server);
-      client.SendAndReceive(options.session, nullptr, decoder, ExchangeMode::kHelloOnly);
-    }
+    client.CheckServers();
   }
 
   const size_t passed = observer.Passed();

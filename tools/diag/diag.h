@@ -14,7 +14,7 @@
 #include "platform/secret.h"
 #include "platform/security_package.h"
 #include "platform/support.h"
-#include "tools/diag/diag_event.h"
+#include "protocol/messages/event.h"
 
 namespace lindqvar::diag {
 
@@ -34,7 +34,9 @@ struct DiagOptions {
   std::vector<std::string> servers;       // --server HOST[:PORT]
   bool keyGiven = false;
   SecretString key;                       // UTF-8, wiped when released
-  DiagEvent event;
+  // The one event of `send`: a single session record with the user, domain,
+  // workstation and addresses given (time 0: when it is sent).
+  SessionRecord event{.logon = 1};
   uint32_t session = 1;
   std::string clientGuid;                 // empty: the system's, if any
   bool fips = false;

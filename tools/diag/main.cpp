@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/secret.h"
-#include "protocol/tls.h"
+#include "protocol/transport/tls_client.h"
 #include "tools/diag/diag.h"
 
 #ifdef _WIN32

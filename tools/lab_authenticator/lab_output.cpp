@@ -30,10 +30,10 @@ std::string JsonRecord(const SessionRecord& r) {
   out += Field("workstation", r.workstation);
   if (!r.azureAccount.empty()) out += Field("azure", r.azureAccount);
   if (!r.deviceUuid.empty()) out += Field("device_uuid", r.deviceUuid);
-  if (!r.serial.empty()) out += Field("serial", r.serial);
+  if (!r.vrxSerial.empty()) out += Field("serial", r.vrxSerial);
   if (!r.tenantId.empty()) out += Field("tenant", r.tenantId);
-  out += ",\"ipv4\":" + JsonStrings(r.ipv4);
-  out += ",\"ipv6\":" + JsonStrings(r.ipv6);
+  out += ",\"ipv4\":" + JsonStrings(r.IPv4Text());
+  out += ",\"ipv6\":" + JsonStrings(r.IPv6Text());
   out += Field("time", uint64_t{r.time});
   return out + "}";
 }
@@ -41,8 +41,8 @@ std::string JsonRecord(const SessionRecord& r) {
 std::string Who(const SessionRecord& r) {
   std::string who = r.domain.empty() ? r.user : r.domain + "\\" + r.user;
   std::string where;
-  for (const auto& a : r.ipv4) where += (where.empty() ? "" : ", ") + a;
-  for (const auto& a : r.ipv6) where += (where.empty() ? "" : ", ") + a;
+  for (const auto& a : r.IPv4Text()) where += (where.empty() ? "" : ", ") + a;
+  for (const auto& a : r.IPv6Text()) where += (where.empty() ? "" : ", ") + a;
   return who + " at " + r.workstation + " (" + (where.empty() ? "no addresses" : where) + ")";
 }
 

@@ -9,8 +9,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "protocol/codec.h"
-#include "protocol/delivery.h"
+#include "protocol/messages/event.h"
+#include "protocol/messages/hello.h"
+#include "protocol/messages/ntlm_messages.h"
+#include "protocol/wire/base64.h"
 
 namespace lindqvar::lab {
 
@@ -36,96 +38,45 @@ uint32_t ReadMessage(SSL* ssl, CDecoder& decoder, uint32_t maxLength) {
       decoder, [ssl](void* buffer, int count) { return SSL_read(ssl, buffer, count); }, maxLength);
 }
 
-std::string Text(const CDecoder& d) {
-  if (d.type() != TYPE_STRING && d.type() != TYPE_BYTES) return {};
-  return std::string(reinterpret_cast<const char*>(d.value_data()), d.value_size());
+// The raw NTLM message of a token's base64 text; false when there is none.
+bool DecodeToken(std::string_view text, std::string& raw) {
+  int32_t length = 0;
+  auto bytes = Base64Decode(text.data(), static_cast<uint32_t>(text.size()), &length);
+  if (!bytes || length <= 0) return false;
+  raw.assign(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(length));
+  return true;
 }
 
-std::string IPv4Text(uint32_t hostOrder) {
-  SocketAddress a;
-  a.family = kFamilyIPv4;
-  for (int i = 0; i < 4; ++i) a.bytes[i] = static_cast<uint8_t>(hostOrder >> (24 - 8 * i));
-  return a.AddressText();
-}
-
-std::string IPv6Text(const uint8_t* bytes) {
-  SocketAddress a;
-  a.family = kFamilyIPv6;
-  std::memcpy(a.bytes.data(), bytes, 16);
-  return a.AddressText();
-}
-
+// Every fault with its name on the command line.
+constexpr std::pair<Fault, const char*> kFaultNames[] = {
+    {Fault::kNone, "none"},
+    {Fault::kRejectHello, "reject-hello"},
+    {Fault::kCloseAfterHelloAck, "close-after-hello-ack"},
+    {Fault::kStall, "stall"},
+    {Fault::kStallTls, "stall-tls"},
+    {Fault::kOversizedFrame, "oversized-frame"},
+    {Fault::kMalformedFrame, "malformed-frame"},
+    {Fault::kShortFrame, "short-frame"},
+    {Fault::kLongVersion, "long-version"},
+    {Fault::kDribble, "dribble"},
+    {Fault::kDribbleTls, "dribble-tls"},
+    {Fault::kNtlmNoChallenge, "ntlm-no-challenge"},
+    {Fault::kNtlmWrongReply, "ntlm-wrong-reply"},
+    {Fault::kNtlmBadChallenge, "ntlm-bad-challenge"},
+    {Fault::kNtlmNoResult, "ntlm-no-result"},
+};
 
 }  // namespace
 
-// Reads the session records of an event message (already received).
-std::vector<SessionRecord> DecodeEvent(CDecoder& d, uint8_t& code) {
-  std::vector<SessionRecord> records;
-  code = 0;
-  if (!d.next()) return records;
-  code = d.code();
-  if (code != MSG_EVENT) return records;
-  SessionRecord* current = nullptr;
-  while (d.next()) {
-    if (d.code() == MSG_SESSION_INFO && d.type() == TYPE_GROUP) {
-      records.emplace_back();
-      current = &records.back();
-      continue;
-    }
-    if (!current) continue;
-    switch (d.code()) {
-      case ATTR_LOGON: current->logon = d.value_u32(); break;
-      case ATTR_FIXED_VALUE: current->fixedValue = d.value_u32(); break;
-      case ATTR_DOMAIN: current->domain = Text(d); break;
-      case ATTR_USER: current->user = Text(d); break;
-      case ATTR_WORKSTATION: current->workstation = Text(d); break;
-      case ATTR_AZURE_ACCOUNT: current->azureAccount = Text(d); break;
-      case ATTR_DEVICE_UUID: current->deviceUuid = Text(d); break;
-      case ATTR_VRX_SERIAL: current->serial = Text(d); break;
-      case ATTR_TENANT_ID: current->tenantId = Text(d); break;
-      case ATTR_TIME: current->time = d.value_u32(); break;
-      case ATTR_IPV4:
-        if (d.type() == TYPE_U32) current->ipv4.push_back(IPv4Text(d.value_u32()));
-        break;
-      case ATTR_IPV6:
-        if (d.type() == TYPE_BYTES && d.value_size() == 16)
-          current->ipv6.push_back(IPv6Text(d.value_data()));
-        break;
-      default: break;
-    }
-  }
-  return records;
-}
-
-
 const char* FaultName(Fault fault) {
-  switch (fault) {
-    case Fault::kNone: return "none";
-    case Fault::kRejectHello: return "reject-hello";
-    case Fault::kCloseAfterHelloAck: return "close-after-hello-ack";
-    case Fault::kStall: return "stall";
-    case Fault::kStallTls: return "stall-tls";
-    case Fault::kOversizedFrame: return "oversized-frame";
-    case Fault::kMalformedFrame: return "malformed-frame";
-    case Fault::kShortFrame: return "short-frame";
-    case Fault::kLongVersion: return "long-version";
-    case Fault::kDribble: return "dribble";
-    case Fault::kDribbleTls: return "dribble-tls";
-    case Fault::kNtlmNoChallenge: return "ntlm-no-challenge";
-    case Fault::kNtlmWrongReply: return "ntlm-wrong-reply";
-    case Fault::kNtlmBadChallenge: return "ntlm-bad-challenge";
-    case Fault::kNtlmNoResult: return "ntlm-no-result";
-  }
+  for (const auto& [f, name] : kFaultNames)
+    if (f == fault) return name;
   return "none";
 }
 
 bool ParseFault(const std::string& text, Fault& out) {
-  for (Fault f : {Fault::kNone, Fault::kRejectHello, Fault::kCloseAfterHelloAck, Fault::kStall,
-                  Fault::kStallTls, Fault::kOversizedFrame, Fault::kMalformedFrame,
-                  Fault::kShortFrame, Fault::kLongVersion, Fault::kDribble, Fault::kDribbleTls,
-                  Fault::kNtlmNoChallenge, Fault::kNtlmWrongReply, Fault::kNtlmBadChallenge,
-                  Fault::kNtlmNoResult}) {
-    if (text == FaultName(f)) {
+  for (const auto& [f, name] : kFaultNames) {
+    if (text == name) {
       out = f;
       return true;
     }
@@ -134,14 +85,8 @@ bool ParseFault(const std::string& text, Fault& out) {
 }
 
 const char* DigestCheckName(DigestCheck check) {
-  switch (check) {
-    case DigestCheck::kNotChecked: return "not-checked";
-    case DigestCheck::kCorrect: return "correct";
-    case DigestCheck::kWrong: return "wrong";
-    case DigestCheck::kZero: return "zero";
-    case DigestCheck::kNotRequired: return "not-required";
-  }
-  return "not-checked";
+  static const char* const kNames[] = {"not-checked", "correct", "wrong", "zero", "not-required"};
+  return kNames[static_cast<size_t>(check)];
 }
 
 CLabAuthenticator::CLabAuthenticator(LabOptions options, ILabSink* sink)
@@ -319,7 +264,7 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
         Linger(socket, m_options.stallMs);
         report.end = "stalled after TLS";
       } else {
-        Dialogue(ssl, report, fault);
+        report.end = Dialogue(ssl, report, fault);
       }
       SSL_shutdown(ssl);
     } else {
@@ -402,17 +347,18 @@ bool CLabAuthenticator::DribbledAccept(SSL* ssl, CSocket& socket) {
   return true;
 }
 
-void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
+std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   // The hello.
-  uint8_t challenge[16];
-  RAND_bytes(challenge, sizeof challenge);
-  uint32_t id = 0;
+  Hello hello;
+  RAND_bytes(hello.digest.data(), static_cast<int>(hello.digest.size()));
   if (m_options.helloId >= 0)
-    id = static_cast<uint32_t>(m_options.helloId);
+    hello.id = static_cast<uint32_t>(m_options.helloId);
   else
-    RAND_bytes(reinterpret_cast<uint8_t*>(&id), sizeof id);
-  report.helloId = id;
-  report.helloFlags = m_options.helloFlags;
+    RAND_bytes(reinterpret_cast<uint8_t*>(&hello.id), sizeof hello.id);
+  hello.flags = m_options.helloFlags;
+  hello.version = fault == Fault::kLongVersion ? kLongVersion : kLabVersion;
+  report.helloId = hello.id;
+  report.helloFlags = hello.flags;
 
   if (fault == Fault::kOversizedFrame || fault == Fault::kShortFrame) {
     // A length word and a few bytes, then the connection ends.
@@ -422,101 +368,60 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
                               static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced),
                               MSG_HELLO, TYPE_GROUP};
     SSL_write(ssl, frame, sizeof frame);
-    report.end = fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
-    return;
+    return fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
   }
 
-  CEncoder hello(kReplyEncoderCapacity);
-  hello.begin_message(MSG_HELLO);
-  hello.add_u32(ATTR_ID, id);
-  hello.add_u32(ATTR_HELLO_FLAGS, m_options.helloFlags);
-  const char* version = fault == Fault::kLongVersion ? kLongVersion : kLabVersion;
-  hello.add_string(ATTR_VERSION_TEXT, version, static_cast<uint32_t>(std::strlen(version)), 0);
-  hello.add_bytes(ATTR_DIGEST, challenge, sizeof challenge);
-  hello.end_group(MSG_HELLO);
+  CEncoder out(kReplyEncoderCapacity);
+  hello.Write(out);
   if (fault == Fault::kMalformedFrame) {
     // The digest is the last attribute: make its length run past the end.
     uint32_t length = 0;
-    uint8_t* bytes = const_cast<uint8_t*>(hello.get_buffer(&length));
-    uint8_t* digest = bytes + length - (6 + sizeof challenge);
+    uint8_t* bytes = const_cast<uint8_t*>(out.get_buffer(&length));
+    uint8_t* digest = bytes + length - (6 + hello.digest.size());
     digest[0] = 0x7F;
     digest[1] = digest[2] = digest[3] = 0xFF;
   }
-  if (!WriteMessage(ssl, hello, fault)) {
-    report.end = "the hello could not be sent";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "the hello could not be sent";
   report.helloSent = true;
 
   // The agent's hello.
   CDecoder in;
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.end = "no hello reply";
-    return;
-  }
-  if (!in.next() || in.code() != MSG_HELLO) {
-    report.end = "the reply was not a hello";
-    return;
-  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no hello reply";
+  Hello reply;
+  if (!reply.Read(in)) return "the reply was not a hello";
   report.helloReplyReceived = true;
-  uint8_t digest[16] = {};
-  bool digestSeen = false;
-  while (in.next()) {
-    switch (in.code()) {
-      case ATTR_VERSION_TEXT: report.clientVersion = Text(in); break;
-      case ATTR_CLIENT_GUID: report.clientGuid = Text(in); break;
-      case ATTR_DIGEST:
-        if (in.type() == TYPE_BYTES && in.value_size() == 16) {
-          std::memcpy(digest, in.value_data(), 16);
-          digestSeen = true;
-        }
-        break;
-      default: break;
-    }
-  }
+  report.clientVersion = reply.version;
+  report.clientGuid = reply.clientGuid;
+  const bool digestSeen = reply.digestLength == reply.digest.size();
   bool accepted;
-  if (m_options.helloFlags & 1) {
+  if (hello.flags & kHelloDigestRequired) {
     uint8_t key[16], expected[16];
-    preshared_key_block(m_options.presharedKey, key);
-    compute_response(challenge, key, expected);
-    accepted = digestSeen && std::memcmp(expected, digest, 16) == 0;
+    PresharedKeyBlock(m_options.presharedKey, key);
+    compute_response(hello.digest.data(), key, expected);
+    accepted = digestSeen && std::memcmp(expected, reply.digest.data(), 16) == 0;
     report.digest = accepted ? DigestCheck::kCorrect : DigestCheck::kWrong;
   } else {
-    static const uint8_t kZero[16] = {};
+    static const std::array<uint8_t, 16> kZero{};
     accepted = true;
-    report.digest = digestSeen && std::memcmp(digest, kZero, 16) == 0 ? DigestCheck::kZero
-                                                                      : DigestCheck::kNotRequired;
+    report.digest = digestSeen && reply.digest == kZero ? DigestCheck::kZero : DigestCheck::kNotRequired;
   }
-  uint32_t helloResult = accepted ? 1 : 0;
-  if (m_options.helloResult >= 0) helloResult = static_cast<uint32_t>(m_options.helloResult);
-  if (fault == Fault::kRejectHello) helloResult = 0;
-
-  CEncoder ack(kReplyEncoderCapacity);
-  ack.begin_message(MSG_HELLO_ACK);
-  ack.add_u32(ATTR_HELLO_RESULT, helloResult);
-  ack.end_group(MSG_HELLO_ACK);
-  if (!WriteMessage(ssl, ack, fault)) {
-    report.end = "the hello acknowledgement could not be sent";
-    return;
-  }
+  HelloAck ack{accepted ? 1u : 0u};
+  if (m_options.helloResult >= 0) ack.result = static_cast<uint32_t>(m_options.helloResult);
+  if (fault == Fault::kRejectHello) ack.result = 0;
+  out.reset();
+  ack.Write(out);
+  if (!WriteMessage(ssl, out, fault)) return "the hello acknowledgement could not be sent";
   report.helloAckSent = true;
-  report.helloResult = helloResult;
-  if (helloResult != 1) {
-    report.end = "hello rejected";
-    return;
-  }
-  if (fault == Fault::kCloseAfterHelloAck) {
-    report.end = "closed after the hello acknowledgement";
-    return;
-  }
+  report.helloResult = ack.result;
+  if (ack.result != 1) return "hello rejected";
+  if (fault == Fault::kCloseAfterHelloAck) return "closed after the hello acknowledgement";
 
   // The event.
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.end = "no event";
-    return;
-  }
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no event";
   report.eventReceived = true;
-  report.records = DecodeEvent(in, report.eventCode);
+  report.eventCode = in.message_code();
+  EventMessage event;
+  if (event.Read(in)) report.records = std::move(event.records);
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     const std::time_t now = std::time(nullptr);
@@ -524,126 +429,63 @@ void CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Fault fault
     if (m_sink && !report.records.empty()) m_sink->OnTable(m_table);
   }
 
-  CEncoder eventAck(kReplyEncoderCapacity);
-  eventAck.begin_message(MSG_EVENT_ACK);
-  eventAck.add_u32(ATTR_EVENT_RESULT, m_options.eventResult);
-  const uint32_t keepAlive = m_keepAlive.load();
-  if (keepAlive) eventAck.add_u32(ATTR_KEEPALIVE_INTERVAL, keepAlive);
-  eventAck.end_group(MSG_EVENT_ACK);
-  if (!WriteMessage(ssl, eventAck, fault)) {
-    report.end = "the event acknowledgement could not be sent";
-    return;
-  }
+  const EventAck eventAck{m_options.eventResult, m_keepAlive.load()};
+  out.reset();
+  eventAck.Write(out);
+  if (!WriteMessage(ssl, out, fault)) return "the event acknowledgement could not be sent";
   report.eventAckSent = true;
-  report.eventResult = m_options.eventResult;
-  report.keepAliveInterval = keepAlive;
-  if (m_options.eventResult == 2) NtlmDialogue(ssl, report, fault);
-  report.end = "complete";
-}
-
-namespace {
-
-// Reads an NTLM message of the agent: its key and its token (base64 text,
-// decoded). False when the message has another code or no token.
-bool ReadNtlmMessage(CDecoder& in, uint8_t expected, uint32_t& key, std::string& token) {
-  if (!in.next() || in.code() != expected) return false;
-  bool seen = false;
-  while (in.next()) {
-    if (in.code() == ATTR_ID && in.type() == TYPE_U32) key = in.value_u32();
-    if (in.code() == ATTR_NTLM_TOKEN && (in.type() == TYPE_BYTES || in.type() == TYPE_STRING)) {
-      int32_t length = 0;
-      auto bytes = base64_decode(reinterpret_cast<const char*>(in.value_data()), in.value_size(),
-                                 &length);
-      if (!bytes || length <= 0) return false;
-      token.assign(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(length));
-      seen = true;
-    }
+  report.eventResult = eventAck.result;
+  report.keepAliveInterval = eventAck.keepAliveInterval;
+  if (eventAck.result == kEventResultNtlmRequired) {
+    report.ntlmStarted = true;
+    report.ntlmEnd = NtlmDialogue(ssl, report, fault);
   }
-  return seen;
+  return "complete";
 }
 
-std::string Base64(const std::string& raw) {
-  std::string text(base64_encoded_size(static_cast<uint32_t>(raw.size())), '\0');
-  text.resize(base64_encode(reinterpret_cast<const uint8_t*>(raw.data()),
-                            static_cast<uint32_t>(raw.size()), text.data()));
-  return text;
-}
-
-}  // namespace
-
-void CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
-  report.ntlmStarted = true;
+std::string CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   CDecoder in;
   std::string negotiate, authenticate, error;
-  auto keepFrame = [&] { report.ntlmFrames.emplace_back(in.buffer(), in.buffer() + in.total_length()); };
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.ntlmEnd = "no NTLM message 1";
-    return;
-  }
+  auto keepFrame = [&] { report.ntlmFrames.emplace_back(in.Buffer(), in.Buffer() + in.TotalLength()); };
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no NTLM message 1";
   keepFrame();
-  if (!ReadNtlmMessage(in, MSG_NTLM_NEGOTIATE, report.ntlmKey, negotiate)) {
-    report.ntlmEnd = "NTLM message 1 unreadable";
-    return;
-  }
-  if (fault == Fault::kNtlmNoChallenge) {
-    report.ntlmEnd = "closed after NTLM message 1";
-    return;
-  }
+  NtlmToken first{MSG_NTLM_NEGOTIATE};
+  const bool firstRead = first.Read(in);
+  report.ntlmKey = first.id;
+  if (!firstRead || !DecodeToken(first.token, negotiate)) return "NTLM message 1 unreadable";
+  if (fault == Fault::kNtlmNoChallenge) return "closed after NTLM message 1";
 
   std::unique_ptr<INtlmAcceptance> acceptance;
   std::string challenge;
   if (fault != Fault::kNtlmWrongReply && fault != Fault::kNtlmBadChallenge) {
-    if (!m_options.ntlm) {
-      report.ntlmEnd = "no NTLM acceptor configured";
-      return;
-    }
+    if (!m_options.ntlm) return "no NTLM acceptor configured";
     acceptance = m_options.ntlm->Begin(error);
-    if (!acceptance || !acceptance->Challenge(negotiate, challenge, error)) {
-      report.ntlmEnd = "NTLM message 1 refused: " + error;
-      return;
-    }
+    if (!acceptance || !acceptance->Challenge(negotiate, challenge, error))
+      return "NTLM message 1 refused: " + error;
   }
 
   CEncoder out(kReplyEncoderCapacity);
   if (fault == Fault::kNtlmWrongReply) {
-    out.begin_message(MSG_NTLM_RESULT);
-    out.add_u32(ATTR_NTLM_STATUS, 0);
-    out.end_group(MSG_NTLM_RESULT);
+    NtlmResult{0}.Write(out);
   } else {
-    const std::string text = fault == Fault::kNtlmBadChallenge ? "%%%%" : Base64(challenge);
-    out.begin_message(MSG_NTLM_CHALLENGE);
-    out.add_u32(ATTR_ID, report.ntlmKey);
-    out.add_bytes(ATTR_NTLM_TOKEN, text.data(), static_cast<uint32_t>(text.size()));
-    out.end_group(MSG_NTLM_CHALLENGE);
+    const std::string text = fault == Fault::kNtlmBadChallenge
+                                 ? "%%%%"
+                                 : Base64Text(challenge.data(), static_cast<uint32_t>(challenge.size()));
+    NtlmToken{MSG_NTLM_CHALLENGE, report.ntlmKey, text}.Write(out);
   }
-  if (!WriteMessage(ssl, out, fault)) {
-    report.ntlmEnd = "NTLM message 2 could not be sent";
-    return;
-  }
-  if (!ReadMessage(ssl, in, m_options.maxMessage)) {
-    report.ntlmEnd = "no NTLM message 3";
-    return;
-  }
+  if (!WriteMessage(ssl, out, fault)) return "NTLM message 2 could not be sent";
+  if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no NTLM message 3";
   keepFrame();
-  uint32_t key = 0;
-  if (!ReadNtlmMessage(in, MSG_NTLM_AUTHENTICATE, key, authenticate) || !acceptance) {
-    report.ntlmEnd = "NTLM message 3 unreadable";
-    return;
-  }
+  NtlmToken last{MSG_NTLM_AUTHENTICATE};
+  if (!last.Read(in) || !DecodeToken(last.token, authenticate) || !acceptance)
+    return "NTLM message 3 unreadable";
   report.ntlmProven = acceptance->Verify(authenticate, report.ntlmUser, report.ntlmDomain, error);
-  if (fault == Fault::kNtlmNoResult) {
-    report.ntlmEnd = "closed after NTLM message 3";
-    return;
-  }
+  if (fault == Fault::kNtlmNoResult) return "closed after NTLM message 3";
   report.ntlmResult = report.ntlmProven ? 1 : 0;
   out.reset();
-  out.begin_message(MSG_NTLM_RESULT);
-  // The agent reads this word without byte-order conversion, so it goes out
-  // in the order of a little-endian agent: 1 arrives as 1.
-  out.add_u32(ATTR_NTLM_STATUS, report.ntlmResult << 24);
-  out.end_group(MSG_NTLM_RESULT);
+  NtlmResult{static_cast<int32_t>(report.ntlmResult)}.Write(out);
   report.ntlmResultSent = WriteMessage(ssl, out, fault);
-  report.ntlmEnd = report.ntlmProven ? "proven" : "not proven" + (error.empty() ? "" : ": " + error);
+  return report.ntlmProven ? "proven" : "not proven" + (error.empty() ? "" : ": " + error);
 }
 
 void CLabAuthenticator::Finish(const ConnectionReport& report) {

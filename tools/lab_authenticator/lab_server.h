@@ -20,12 +20,9 @@
 #include <vector>
 
 #include "platform/socket.h"
-#include "protocol/codec.h"
+#include "protocol/messages/event.h"
+#include "protocol/wire/encoder.h"
 #include "tools/lab_authenticator/logon_table.h"
-
-namespace lindqvar {
-class CEncoder;
-}
 
 namespace lindqvar::lab {
 
@@ -95,10 +92,6 @@ struct LabOptions {
   std::shared_ptr<INtlmAcceptor> ntlm;
 };
 
-// Reads the session records of a received message; `code` gets the
-// message's code (records only when it is MSG_EVENT).
-std::vector<SessionRecord> DecodeEvent(CDecoder& decoder, uint8_t& code);
-
 enum class DigestCheck { kNotChecked, kCorrect, kWrong, kZero, kNotRequired };
 const char* DigestCheckName(DigestCheck check);
 
@@ -124,7 +117,7 @@ struct ConnectionReport {
   uint32_t helloResult = 0;
   bool eventReceived = false;
   uint8_t eventCode = 0;
-  std::vector<SessionRecord> records;
+  std::vector<SessionRecord> records;  // when the message was an event
   bool eventAckSent = false;
   uint32_t eventResult = 0;
   uint32_t keepAliveInterval = 0;
@@ -184,9 +177,12 @@ class CLabAuthenticator {
 
   void AcceptLoop(size_t listener);
   void Serve(CSocket socket, SocketAddress peer, std::string listener, uint64_t number);
-  void Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
-  // The server side of the relay: messages 136 to 141.
-  void NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // The dialogue on a connection whose TLS is up; the text says how it
+  // ended ("complete", or what ended it early).
+  std::string Dialogue(SSL* ssl, ConnectionReport& report, Fault fault);
+  // The server side of the relay, messages 136 to 141; the same for the
+  // relay.
+  std::string NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault);
   // Writes a whole message; with the dribble fault one byte per interval.
   // False when the peer is gone or the server stops.
   bool WriteMessage(SSL* ssl, const CEncoder& message, Fault fault);

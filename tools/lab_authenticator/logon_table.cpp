@@ -29,8 +29,9 @@ std::string Clock(std::time_t t) {
 }  // namespace
 
 void CLogonTable::Apply(const SessionRecord& record, const std::string& agent, std::time_t now) {
-  std::vector<std::string> addresses = record.ipv4;
-  addresses.insert(addresses.end(), record.ipv6.begin(), record.ipv6.end());
+  std::vector<std::string> addresses = record.IPv4Text();
+  const std::vector<std::string> ipv6 = record.IPv6Text();
+  addresses.insert(addresses.end(), ipv6.begin(), ipv6.end());
 
   if (record.logon) {
     std::vector<LogonEntry> next;

@@ -8,23 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace lindqvar::lab {
+#include "protocol/messages/event.h"
 
-// One MSG_SESSION_INFO record as received.
-struct SessionRecord {
-  uint32_t logon = 0;
-  uint32_t fixedValue = 0;
-  std::string domain;
-  std::string user;
-  std::string workstation;
-  std::string azureAccount;
-  std::string deviceUuid;
-  std::string serial;
-  std::string tenantId;
-  std::vector<std::string> ipv4;  // dotted text
-  std::vector<std::string> ipv6;  // text
-  uint32_t time = 0;              // seconds since 1970
-};
+namespace lindqvar::lab {
 
 struct LogonEntry {
   std::string domain;

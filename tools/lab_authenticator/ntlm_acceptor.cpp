@@ -50,9 +50,9 @@ bool Field(const std::string& m, size_t at, bool unicode, std::string& out) {
   return true;
 }
 
-class GssAcceptance : public INtlmAcceptance {
+class CGssAcceptance : public INtlmAcceptance {
  public:
-  ~GssAcceptance() override {
+  ~CGssAcceptance() override {
     OM_uint32 minor = 0;
     if (m_context != GSS_C_NO_CONTEXT) gss_delete_sec_context(&minor, &m_context, GSS_C_NO_BUFFER);
   }
@@ -104,10 +104,10 @@ class GssAcceptance : public INtlmAcceptance {
   gss_ctx_id_t m_context = GSS_C_NO_CONTEXT;
 };
 
-class GssAcceptor : public INtlmAcceptor {
+class CGssAcceptor : public INtlmAcceptor {
  public:
   std::unique_ptr<INtlmAcceptance> Begin(std::string&) override {
-    return std::make_unique<GssAcceptance>();
+    return std::make_unique<CGssAcceptance>();
   }
 };
 
@@ -129,7 +129,7 @@ std::shared_ptr<INtlmAcceptor> MakeGssNtlmAcceptor(const std::string& accountFil
   }
   // The mechanism looks accounts up in this file at every exchange.
   setenv("NTLM_USER_FILE", accountFile.c_str(), 1);
-  return std::make_shared<GssAcceptor>();
+  return std::make_shared<CGssAcceptor>();
 }
 
 }  // namespace lindqvar::lab

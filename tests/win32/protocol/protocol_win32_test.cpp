@@ -11,9 +11,9 @@
 
 #include "platform/address_literal.h"
 #include "platform/win32/windows_include.h"
-#include "protocol/codec.h"
-#include "protocol/ip_address.h"
-#include "protocol/wide_upper.h"
+#include "protocol/transport/ip_address.h"
+#include "protocol/wire/encoder.h"
+#include "protocol/wire/wide_upper.h"
 #include "tests/protocol/address_rows.h"
 
 namespace lindqvar {

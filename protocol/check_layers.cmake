@@ -1,0 +1,26 @@
+# Refuses a source of one protocol layer (a folder of LAYERS, lowest first)
+# that includes a header of a later layer, or of the agent, session
+# tracking, the tools or the tests; only the delivery includes the session
+# interface it implements.
+#   cmake "-DLAYERS=wire;..." -DDIR=<protocol folder> -DSTAMP=<touched when clean> -P check_layers.cmake
+set(refused "")
+set(later ${LAYERS})
+foreach(layer IN LISTS LAYERS)
+  list(REMOVE_AT later 0)
+  list(JOIN later "|" names)
+  file(GLOB sources ${DIR}/${layer}/*.h ${DIR}/${layer}/*.cpp)
+  foreach(source IN LISTS sources)
+    file(STRINGS ${source} lines REGEX "^#include \"(protocol/(${names})/|agent/|session/|tools/|tests/)")
+    if(layer STREQUAL "delivery")
+      list(FILTER lines EXCLUDE REGEX "\"session/event_delivery.h\"")
+    endif()
+    foreach(line IN LISTS lines)
+      list(APPEND refused "${source} (${layer}): ${line}")
+    endforeach()
+  endforeach()
+endforeach()
+if(refused)
+  list(JOIN refused "\n  " text)
+  message(FATAL_ERROR "Includes against the protocol's layering:\n  ${text}")
+endif()
+file(TOUCH ${STAMP})
