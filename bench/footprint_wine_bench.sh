@@ -49,7 +49,7 @@ agent_configure "127.0.0.1:$(lab_port main)"
 
 $W "$BARE" -s "$BARE_EVENT" ${BARE_PUMP_MS:+--pump-ms "$BARE_PUMP_MS"} >"$WORK/bare.out" 2>&1 &
 BARE_PID=$!
-trap 'lab_cleanup; kill "$BARE_PID" 2>/dev/null' EXIT
+trap 'kill "$BARE_PID" 2>/dev/null || true; lab_cleanup' EXIT
 agent_start || exit 1
 agent_post logon
 wait_for 30 "the agent's record of the reported logon" log_has "succeeded to send session info" || exit 1

@@ -130,6 +130,7 @@ lab_cleanup() {
   [ -n "$AGENT_PID" ] && kill "$AGENT_PID" 2>/dev/null
   lab_stop
   $WS -k 2>/dev/null
+  return 0
 }
 
 # lab_end: the scenario's count, the logs when something failed, and its status.

@@ -88,8 +88,8 @@ if [ "$RUN" = keepalive ]; then
   lab_end
 fi
 
-# The stand-in answers with an Azure AD account for whoever runs it.
-cp "$DSREG" "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
+# A stand-in device-registration tool, installed for the PreferAzure rows
+# only, answers with an Azure AD account for whoever runs it.
 printf '%s\r\n' "             AzureAdJoined : YES" \
   "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44" \
   "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example" >"$WORK/dsreg.txt"
@@ -153,6 +153,7 @@ check "the resume's delivery record" log_has "EVENT 96980 Single Sign-On event a
 
 # PreferAzure decides which account a new logon reports: with 1 the Azure AD
 # account with its attribute (the tenant), with 0 the domain account.
+cp "$DSREG" "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
 for row in "1 MARA.LIND@FABRIKAM.EXAMPLE@LINDQVAR-WS.LAB.EXAMPLE 10.77.0.5,fd00:77::5 azure=4F1C2B7E-9D3A-4E55-8A61-0C2F7D9B1E44" \
            "0 $ME"; do
   agent_set PreferAzure "dword:${row%% *}"
@@ -165,6 +166,7 @@ for row in "1 MARA.LIND@FABRIKAM.EXAMPLE@LINDQVAR-WS.LAB.EXAMPLE 10.77.0.5,fd00:
   agent_post logoff
   wait_for 30 "the logoff's report" lab_has_new
 done
+rm "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
 
 # The lab asks for NTLM proof of every event's user and checks it with its
 # real acceptor.
