@@ -252,24 +252,26 @@ TEST(Win32SessionWindow, HiddenWindowIsFoundByClassAndDeliversPostedMessages) {
   EXPECT_FALSE(::IsWindowVisible(window.window()));
   EXPECT_TRUE(window.RegisterNotifications());
   // The pumping thread's wait ends for a message posted from another
-  // thread while it waits, for one already queued, and for the stop event.
+  // thread while it waits, for one already queued, and for the stop event
+  // (each wait bounded: a wait that does not end fails instead of hanging).
+  constexpr uint32_t kBoundMs = 10000;
   Event stop(Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled);
   EXPECT_EQ(window.WaitForStopOrMessage(stop, 0), PumpWait::kTimeout);
   std::thread poster([w = window.window()] {
     ::Sleep(50);
     ::PostMessageW(w, 0x02B1, 5, 3);
   });
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kMessage);
   poster.join();
   window.Drain();
   EXPECT_EQ(sink.lastCode, 5u);
   EXPECT_EQ(sink.lastSession, 3);
   ASSERT_TRUE(::PostMessageW(window.window(), 0x02B1, 6, 4));
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kMessage);
   window.Drain();
   EXPECT_EQ(sink.lastCode, 6u);
   stop.Set();
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kStop);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kStop);
   window.DestroyAndUnregister();
   EXPECT_EQ(sink.destroys, 1);
   EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), nullptr);
