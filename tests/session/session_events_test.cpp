@@ -306,7 +306,6 @@ const AddressRow kAddressRows[] = {
     {"unchanged", {kA5}, {kA5}, {}, {}, 0},
     {"added", {kA5}, {kA5, kA6}, {"USER1:0+USER1:1"}, {"10.0.0.5", "10.0.0.6"}, 0},
     {"replaced", {kA5}, {FakeNetwork::V4(10, 0, 0, 7)}, {"USER1:0+USER1:1"}, {"10.0.0.7"}, 0},
-    {"removed", {kA5, kA6}, {kA6}, {"USER1:0+USER1:1"}, {"10.0.0.6"}, 0},
     {"reordered", {kA5, kA6}, {kA6, kA5}, {}, {}, 0},
     {"ipv6 only", {kA5}, {FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})}, {}, {}, 1},
     {"none left", {kA5}, {}, {}, {}, 1},
@@ -355,76 +354,6 @@ TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
                                                       "USER1:0+USER1:1"}));
   EXPECT_EQ(support.FieldEvents().size(), 2u);  // the logon and the successful change
 }
-
-// What the three reporting paths send after a change of addresses: each has
-// its own rule for the record that withdraws the last sent set.
-enum class Path { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
-
-struct WithdrawRow {
-  const char* name;
-  Path path;
-  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was ever sent
-  std::vector<ResolvedAddress> now;
-  std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
-};
-
-class WithdrawRuleTest : public SessionFixture, public ::testing::WithParamInterface<WithdrawRow> {};
-
-const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
-const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
-const WithdrawRow kWithdrawRows[] = {
-    // Session events and keep-alives: the previous IPv4 list or the NEW IPv6
-    // list, so a first report with IPv6 withdraws an empty set...
-    {"logon, none before, IPv6 now", Path::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
-    {"keep-alive, none before, IPv6 now", Path::kKeepAlive, {}, {kA5, kV6a},
-     {"0:", "1:10.0.0.5,2001:db8::1"}},
-    // ...and an IPv6-only previous set is not withdrawn.
-    {"logon, IPv6 before", Path::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
-    {"keep-alive, IPv6 before", Path::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
-    {"wakeup, IPv4 before, IPv6 now", Path::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
-    {"logon, IPv4 changed", Path::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"keep-alive, IPv4 changed", Path::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"keep-alive, unchanged", Path::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
-    {"logoff, IPv4 changed", Path::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
-    // Address changes: the previous IPv4 list or the PREVIOUS IPv6 list.
-    {"address change, none before, IPv6 now", Path::kAddressChange, {}, {kA5, kV6a},
-     {"1:10.0.0.5,2001:db8::1"}},
-    {"address change, IPv6 before", Path::kAddressChange, {kV6a}, {kA5},
-     {"0:2001:db8::1", "1:10.0.0.5"}},
-    {"address change, IPv4 changed", Path::kAddressChange, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-};
-
-TEST_P(WithdrawRuleTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
-  const WithdrawRow& row = GetParam();
-  AddUser(1);
-  ASSERT_EQ(table.AddSession(1), 1u);
-  // The logon that leaves `last` as the last sent set; with none, it fails
-  // and so leaves nothing sent, but the user is reported as logged on.
-  SetAddresses(row.last.empty() ? row.now : row.last);
-  host.accept = !row.last.empty();
-  events.SendSessionEvent(1, 1, 0);
-  host.accept = true;
-  host.deliveries.clear();
-  SetAddresses(row.now);
-  switch (row.path) {
-    case Path::kLogon: events.SendSessionEvent(1, 1, 0); break;
-    case Path::kWakeup: events.SendSessionEvent(1, 1, 1); break;
-    case Path::kLogoff: events.SendSessionEvent(1, 0, 0); break;
-    case Path::kKeepAlive: events.SendKeepAliveEvent(); break;
-    case Path::kAddressChange: events.CheckAddressChange(); break;
-  }
-  ASSERT_EQ(host.deliveries.size(), 1u);
-  std::vector<std::string> records;
-  for (const auto& r : host.deliveries[0].records) {
-    std::string s = std::to_string(r.logon) + ":";
-    for (const auto& list : {r.ipv4, r.ipv6})
-      for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
-    records.push_back(s);
-  }
-  EXPECT_EQ(records, row.records);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, WithdrawRuleTest, ::testing::ValuesIn(kWithdrawRows), RowName);
 
 // An address report that is in flight when another report is made: the
 // other waits for it, so the servers see them in the order they were made

@@ -1,0 +1,98 @@
+// The event message of each report path: which record withdraws the last
+// sent addresses, and the record of the current ones. Rows: the path, the
+// last sent set, the current set, and the records the message carries.
+#include <gtest/gtest.h>
+
+#include "tests/session/session_fixture.h"
+
+namespace lindqvar::testing {
+namespace {
+
+enum class Path { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
+
+struct ReportRow {
+  const char* name;
+  Path path;
+  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was ever sent
+  std::vector<ResolvedAddress> now;
+  std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
+};
+
+const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
+const ResolvedAddress kA6 = FakeNetwork::V4(10, 0, 0, 6);
+const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
+const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
+
+const ReportRow kReportRows[] = {
+    // Logon, wakeup and keep-alive: once the addresses changed, the last set
+    // is withdrawn when its IPv4 list or the NEW IPv6 list has an entry, so
+    // a first report with IPv6 withdraws an empty set...
+    {"logon, unchanged", Path::kLogon, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"logon, IPv4 changed", Path::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"logon, none before, IPv6 now", Path::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
+    // ...and an IPv6-only last set is not withdrawn.
+    {"logon, IPv6 before", Path::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, unchanged", Path::kWakeup, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, IPv4 before, IPv6 now", Path::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
+    {"keep-alive, unchanged", Path::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, reordered", Path::kKeepAlive, {kA5, kA6}, {kA6, kA5}, {"1:10.0.0.6,10.0.0.5"}},
+    {"keep-alive, IPv4 changed", Path::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"keep-alive, none before, IPv6 now", Path::kKeepAlive, {}, {kA5, kV6a},
+     {"0:", "1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, IPv6 before", Path::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    // Logoff: never; the logoff withdraws the user anyway.
+    {"logoff, IPv4 changed", Path::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
+    // Address change (made only when the set changed): withdrawn when the
+    // last IPv4 list or the PREVIOUS IPv6 list has an entry.
+    {"address change, IPv4 added", Path::kAddressChange, {kA5}, {kA5, kA6},
+     {"0:10.0.0.5", "1:10.0.0.5,10.0.0.6"}},
+    {"address change, none before, IPv6 now", Path::kAddressChange, {}, {kA5, kV6a},
+     {"1:10.0.0.5,2001:db8::1"}},
+    {"address change, IPv6 before", Path::kAddressChange, {kV6a}, {kA5},
+     {"0:2001:db8::1", "1:10.0.0.5"}},
+};
+
+class EventReportTest : public SessionFixture, public ::testing::WithParamInterface<ReportRow> {};
+
+TEST_P(EventReportTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
+  const ReportRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  // The logon that leaves `last` as the last sent set; with none, it fails
+  // and so leaves nothing sent, but the user is reported as logged on.
+  SetAddresses(row.last.empty() ? row.now : row.last);
+  host.accept = !row.last.empty();
+  events.SendSessionEvent(1, 1, 0);
+  host.accept = true;
+  host.deliveries.clear();
+  SetAddresses(row.now);
+  switch (row.path) {
+    case Path::kLogon: events.SendSessionEvent(1, 1, 0); break;
+    case Path::kWakeup: events.SendSessionEvent(1, 1, 1); break;
+    case Path::kLogoff: events.SendSessionEvent(1, 0, 0); break;
+    case Path::kKeepAlive: events.SendKeepAliveEvent(); break;
+    case Path::kAddressChange: events.CheckAddressChange(); break;
+  }
+  ASSERT_EQ(host.deliveries.size(), 1u);
+  std::vector<std::string> records;
+  for (const auto& r : host.deliveries[0].records) {
+    // Both records are the entry's: its user at the machine's name.
+    EXPECT_EQ(r.user + "@" + r.workstation, "USER1@WS1.CORP.EXAMPLE");
+    std::string s = std::to_string(r.logon) + ":";
+    for (const auto& list : {r.ipv4, r.ipv6})
+      for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
+    records.push_back(s);
+  }
+  EXPECT_EQ(records, row.records);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, EventReportTest, ::testing::ValuesIn(kReportRows),
+                         [](const auto& info) {
+                           std::string n = info.param.name;
+                           for (char& c : n)
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           return n;
+                         });
+
+}  // namespace
+}  // namespace lindqvar::testing
