@@ -6,7 +6,7 @@
 
 namespace lindqvar::win32 {
 
-bool CSessionWindowWin32::Create(IWindowMessageSink& sink) {
+bool CSessionWindowWin32::Create(ISessionNotificationSink& sink) {
   m_instance = ::GetModuleHandleW(nullptr);
   m_sink = &sink;
 
@@ -69,11 +69,26 @@ void CSessionWindowWin32::DestroyAndUnregister() {
   m_window = nullptr;
 }
 
-void CSessionWindowWin32::PostQuit() { ::PostQuitMessage(0); }
-
-int64_t CSessionWindowWin32::DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) {
-  return ::DefWindowProcW(m_window, message, static_cast<WPARAM>(wParam),
-                          static_cast<LPARAM>(lParam));
+LRESULT CSessionWindowWin32::Translate(UINT message, WPARAM wParam, LPARAM lParam) {
+  static_assert(static_cast<UINT>(NotificationKind::kConsoleConnect) == WTS_CONSOLE_CONNECT &&
+                static_cast<UINT>(NotificationKind::kSessionUnlock) == WTS_SESSION_UNLOCK);
+  switch (message) {
+    case WM_DESTROY:
+      ::PostQuitMessage(0);
+      return 0;
+    case WM_POWERBROADCAST:
+      // Other power messages are swallowed, not passed on.
+      if (wParam == PBT_APMRESUMESUSPEND) m_sink->OnNotification({NotificationKind::kResume, 0});
+      return 0;
+    case WM_WTSSESSION_CHANGE:
+      // Codes outside the eight the agent knows are ignored.
+      if (wParam >= WTS_CONSOLE_CONNECT && wParam <= WTS_SESSION_UNLOCK)
+        m_sink->OnNotification(
+            {static_cast<NotificationKind>(wParam), static_cast<uint32_t>(lParam)});
+      return 0;
+    default:
+      return ::DefWindowProcW(m_window, message, wParam, lParam);
+  }
 }
 
 LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, WPARAM wParam,
@@ -90,8 +105,7 @@ LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, 
   }
   if (!self || !self->m_sink) return ::DefWindowProcW(hwnd, message, wParam, lParam);
   try {
-    return static_cast<LRESULT>(
-        self->m_sink->WindowProc(message, static_cast<uint64_t>(wParam), static_cast<int64_t>(lParam)));
+    return self->Translate(message, wParam, lParam);
   } catch (...) {
     // No exception may unwind through the system's dispatch.
     return 0;

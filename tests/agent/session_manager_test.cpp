@@ -71,9 +71,9 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   EXPECT_TRUE(fake.support.HasLine("Failed to open registry key for LINDQState update. Error: 2"));
   EXPECT_TRUE(m.Settings().Servers().empty());
   // The threads still start and still stop.
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), WorkerThread::kStillActive);
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
 }
 
 TEST_F(ManagerTest, EmptyServerTextStillGivesOneEntryAndRaisesTheState) {
@@ -132,8 +132,8 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   m.Sessions().AddPendingSession(4);
   EXPECT_EQ(fake.support.OpenLogs(), 1);
   m.Stop();
-  for (size_t i = 0; i < CSessionManager::kThreadCount; ++i) {
-    EXPECT_EQ(m.ThreadExitCode(static_cast<CSessionManager::ThreadIndex>(i)), 1u) << i;
+  for (size_t i = 0; i < CWorkerThreads::kThreadCount; ++i) {
+    EXPECT_EQ(m.ThreadExitCode(static_cast<CWorkerThreads::Index>(i)), 1u) << i;
   }
   EXPECT_EQ(fake.support.CatalogueEvents(),
             (std::vector<uint32_t>{kEventStarting, kEventStopping}));
@@ -149,10 +149,10 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   fake.window.registrationFailuresLeft = 3;
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmDestroy, 0, 0);
-  fake.window.Post(0x0400, 1, 2);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);  // nobody there
   EXPECT_TRUE(testing::WaitUntil([&] {
-    return fake.window.quits > 0 && fake.window.defaultProcCalls > 0 &&
+    return fake.support.HasLine("After processing WTS_SESSION_LOGON, m_bLogon:0, "
+                                "m_dwCurrentSession:0") &&
            fake.window.registerCalls >= 4;
   }));
   m.Stop();
@@ -161,8 +161,7 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   // round sleeps until a message or the stop.
   EXPECT_EQ(fake.window.timedWaits, 2);
   EXPECT_GE(fake.window.untimedWaits, 1);
-  EXPECT_EQ(fake.window.quits, 1);
-  EXPECT_EQ(fake.window.defaultProcCalls, 1);
+  EXPECT_EQ(fake.window.destroyed, 1);
 }
 
 TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
@@ -172,15 +171,15 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
   CSessionManager m(P());
   m.Start();
   ASSERT_TRUE(testing::WaitUntil([&] {
-    return m.ThreadExitCode(CSessionManager::kNotificationThread) != WorkerThread::kStillActive &&
-           m.ThreadExitCode(CSessionManager::kAddressWatchThread) != WorkerThread::kStillActive;
+    return m.ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive &&
+           m.ThreadExitCode(CWorkerThreads::kAddressWatchThread) != WorkerThread::kStillActive;
   }));
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressWatchThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressWatchThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), WorkerThread::kStillActive);
   EXPECT_TRUE(fake.support.HasLine("NotifyAddrChange error...50"));
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), 1u);
 }
 
 TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
@@ -319,15 +318,15 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
   User(7, u"mlind");
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);
   lab.WaitReports(1);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLock, 5);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionUnlock, 5);
+  fake.window.Post(NotificationKind::kSessionLock, 5);
+  fake.window.Post(NotificationKind::kSessionUnlock, 5);
   // A session parked for the retry thread, sent from there while the
   // notification thread and this thread send too.
   m.Sessions().AddPendingSession(7);
   m.SendSessionEvent(5, 1, 0);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogoff, 5);
+  fake.window.Post(NotificationKind::kSessionLogoff, 5);
   const auto reports = lab.WaitReports(5);
   m.Stop();
   std::vector<std::string> anna, mlind;
@@ -509,7 +508,7 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
   EXPECT_EQ(reports[1].records[0].logon, 0u);
   EXPECT_EQ(reports[1].records[1].ipv4, (std::vector<std::string>{"10.0.0.9"}));
   EXPECT_EQ(Records("3"), 1u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressHandlerThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressHandlerThread), 1u);
 }
 
 // A server that says nothing, or dribbles its messages a byte at a time: a
@@ -532,10 +531,10 @@ class SilentServerTest : public ReportingTest, public ::testing::WithParamInterf
 TEST_P(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);
   WaitForLine("SendAndReceive(), Local IP:");
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 1u);
   EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
   EXPECT_EQ(m.State(), kConfiguredUnreachable);
 }
@@ -546,7 +545,7 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   Event ready{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
   std::thread parent([&] {
     ASSERT_EQ(ready.Wait(20000), WaitResult::kSignaled);
-    fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    fake.window.Post(NotificationKind::kSessionLogon, 5);
     WaitForLine("SendAndReceive(), Local IP:");
     fake.support.SetSettings(1, u"127.0.0.2:1", u"psk");  // another host and port: a change
     control->Set();
@@ -566,13 +565,13 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   // The notification thread was still inside the send: the manager was
   // handed over instead of waiting for it.
   ASSERT_TRUE(left);
-  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kNotificationThread), WorkerThread::kStillActive);
-  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kNotificationThread), WorkerThread::kStillActive);
+  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
   // The process ends without destroying the manager: the state is already
   // NOT_CONFIGURED, and the send failing afterwards leaves it so.
   EXPECT_EQ(RegistryState(), kNotConfigured);
   EXPECT_TRUE(testing::WaitUntil([&] {
-    return left->ThreadExitCode(CSessionManager::kNotificationThread) != WorkerThread::kStillActive;
+    return left->ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive;
   }));
   EXPECT_EQ(RegistryState(), kNotConfigured);
   left.reset();  // joins the sender once its read has timed out

@@ -374,7 +374,7 @@ ResolvedAddress FakeNetwork::V6(std::initializer_list<uint16_t> groups) {
 
 // --- window -----------------------------------------------------------------
 
-bool FakeSessionWindow::Create(IWindowMessageSink& sink) {
+bool FakeSessionWindow::Create(ISessionNotificationSink& sink) {
   if (!createSucceeds) return false;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_sink = &sink;
@@ -391,14 +391,14 @@ bool FakeSessionWindow::RegisterNotifications() {
 }
 
 void FakeSessionWindow::Drain() {
-  std::vector<Message> queue;
-  IWindowMessageSink* sink;
+  std::vector<SessionNotification> queue;
+  ISessionNotificationSink* sink;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     queue.swap(m_queue);
     sink = m_sink;
   }
-  for (const Message& m : queue) sink->WindowProc(m.message, m.wParam, m.lParam);
+  for (const SessionNotification& n : queue) sink->OnNotification(n);
 }
 
 PumpWait FakeSessionWindow::WaitForStopOrMessage(Event& stop, uint32_t milliseconds) {
@@ -414,9 +414,9 @@ void FakeSessionWindow::DestroyAndUnregister() {
   ++destroyed;
 }
 
-void FakeSessionWindow::Post(uint32_t message, uint64_t wParam, int64_t lParam) {
+void FakeSessionWindow::Post(NotificationKind kind, uint32_t session) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_queue.push_back({message, wParam, lParam});
+  m_queue.push_back({kind, session});
 }
 
 // --- waits ------------------------------------------------------------------

@@ -166,38 +166,28 @@ class FakeSessions : public ISessions {
   uint32_t consoleSession = kNoSession;
 };
 
-// A window whose message queue the test fills; Drain delivers the queue to
-// the sink on the pumping thread.
+// A window whose queue of notifications the test fills; Drain delivers the
+// queue to the sink on the pumping thread.
 class FakeSessionWindow : public ISessionWindow {
  public:
-  bool Create(IWindowMessageSink& sink) override;
+  bool Create(ISessionNotificationSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
   // Records whether the wait had a limit, and comes back within a
   // millisecond as if a message might be waiting.
   PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
-  void PostQuit() override { ++quits; }
-  int64_t DefaultProc(uint32_t, uint64_t, int64_t) override {
-    ++defaultProcCalls;
-    return 0;
-  }
-  void Post(uint32_t message, uint64_t wParam, int64_t lParam);
+  void Post(NotificationKind kind, uint32_t session);
 
   bool createSucceeds = true;
   std::atomic<int> registrationFailuresLeft{0};
-  std::atomic<int> registerCalls{0}, quits{0}, defaultProcCalls{0}, destroyed{0};
+  std::atomic<int> registerCalls{0}, destroyed{0};
   std::atomic<int> timedWaits{0}, untimedWaits{0};
 
  private:
   std::mutex m_mutex;
-  IWindowMessageSink* m_sink = nullptr;
-  struct Message {
-    uint32_t message;
-    uint64_t wParam;
-    int64_t lParam;
-  };
-  std::vector<Message> m_queue;
+  ISessionNotificationSink* m_sink = nullptr;
+  std::vector<SessionNotification> m_queue;
 };
 
 // The worker loops' waits: records every single-event time-out asked for,

@@ -1,6 +1,8 @@
 // The event message of each report path: which record withdraws the last
-// sent addresses, and the record of the current ones. Rows: the path, the
+// sent addresses, and the record of the current ones. Rows: the kind, the
 // last sent set, the current set, and the records the message carries.
+#include "session/event_report.h"
+
 #include <gtest/gtest.h>
 
 #include "tests/session/session_fixture.h"
@@ -8,12 +10,10 @@
 namespace lindqvar::testing {
 namespace {
 
-enum class Path { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
-
 struct ReportRow {
   const char* name;
-  Path path;
-  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was ever sent
+  ReportKind kind;
+  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was sent
   std::vector<ResolvedAddress> now;
   std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
 };
@@ -27,28 +27,28 @@ const ReportRow kReportRows[] = {
     // Logon, wakeup and keep-alive: once the addresses changed, the last set
     // is withdrawn when its IPv4 list or the NEW IPv6 list has an entry, so
     // a first report with IPv6 withdraws an empty set...
-    {"logon, unchanged", Path::kLogon, {kA5}, {kA5}, {"1:10.0.0.5"}},
-    {"logon, IPv4 changed", Path::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"logon, none before, IPv6 now", Path::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
+    {"logon, unchanged", ReportKind::kLogon, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"logon, IPv4 changed", ReportKind::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"logon, none before, IPv6 now", ReportKind::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
     // ...and an IPv6-only last set is not withdrawn.
-    {"logon, IPv6 before", Path::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
-    {"wakeup, unchanged", Path::kWakeup, {kA5}, {kA5}, {"1:10.0.0.5"}},
-    {"wakeup, IPv4 before, IPv6 now", Path::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
-    {"keep-alive, unchanged", Path::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
-    {"keep-alive, reordered", Path::kKeepAlive, {kA5, kA6}, {kA6, kA5}, {"1:10.0.0.6,10.0.0.5"}},
-    {"keep-alive, IPv4 changed", Path::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"keep-alive, none before, IPv6 now", Path::kKeepAlive, {}, {kA5, kV6a},
+    {"logon, IPv6 before", ReportKind::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, unchanged", ReportKind::kWakeup, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, IPv4 before, IPv6 now", ReportKind::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
+    {"keep-alive, unchanged", ReportKind::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, reordered", ReportKind::kKeepAlive, {kA5, kA6}, {kA6, kA5}, {"1:10.0.0.6,10.0.0.5"}},
+    {"keep-alive, IPv4 changed", ReportKind::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"keep-alive, none before, IPv6 now", ReportKind::kKeepAlive, {}, {kA5, kV6a},
      {"0:", "1:10.0.0.5,2001:db8::1"}},
-    {"keep-alive, IPv6 before", Path::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"keep-alive, IPv6 before", ReportKind::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
     // Logoff: never; the logoff withdraws the user anyway.
-    {"logoff, IPv4 changed", Path::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
+    {"logoff, IPv4 changed", ReportKind::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
     // Address change (made only when the set changed): withdrawn when the
     // last IPv4 list or the PREVIOUS IPv6 list has an entry.
-    {"address change, IPv4 added", Path::kAddressChange, {kA5}, {kA5, kA6},
+    {"address change, IPv4 added", ReportKind::kAddressChange, {kA5}, {kA5, kA6},
      {"0:10.0.0.5", "1:10.0.0.5,10.0.0.6"}},
-    {"address change, none before, IPv6 now", Path::kAddressChange, {}, {kA5, kV6a},
+    {"address change, none before, IPv6 now", ReportKind::kAddressChange, {}, {kA5, kV6a},
      {"1:10.0.0.5,2001:db8::1"}},
-    {"address change, IPv6 before", Path::kAddressChange, {kV6a}, {kA5},
+    {"address change, IPv6 before", ReportKind::kAddressChange, {kV6a}, {kA5},
      {"0:2001:db8::1", "1:10.0.0.5"}},
 };
 
@@ -58,24 +58,20 @@ TEST_P(EventReportTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
   const ReportRow& row = GetParam();
   AddUser(1);
   ASSERT_EQ(table.AddSession(1), 1u);
-  // The logon that leaves `last` as the last sent set; with none, it fails
-  // and so leaves nothing sent, but the user is reported as logged on.
-  SetAddresses(row.last.empty() ? row.now : row.last);
-  host.accept = !row.last.empty();
-  events.SendSessionEvent(1, 1, 0);
-  host.accept = true;
-  host.deliveries.clear();
-  SetAddresses(row.now);
-  switch (row.path) {
-    case Path::kLogon: events.SendSessionEvent(1, 1, 0); break;
-    case Path::kWakeup: events.SendSessionEvent(1, 1, 1); break;
-    case Path::kLogoff: events.SendSessionEvent(1, 0, 0); break;
-    case Path::kKeepAlive: events.SendKeepAliveEvent(); break;
-    case Path::kAddressChange: events.CheckAddressChange(); break;
-  }
-  ASSERT_EQ(host.deliveries.size(), 1u);
+  const auto set = [this](const std::vector<ResolvedAddress>& addresses) {
+    SetAddresses(addresses);
+    AddressSet s;
+    this->addresses.GetIPAddress(&s.ipv4, s.count4, &s.ipv6, s.count6);
+    return s;
+  };
+  CEncoder event(kEventEncoderCapacity);
+  BuildEventReport(event, row.kind, set(row.last), set(row.now), *table.FindSession(1), machine);
+  uint32_t length = 0;
+  std::vector<uint8_t> bytes(event.get_buffer(&length), event.get_buffer(&length) + length);
+  CDecoder decoder(bytes.data(), length);
+  uint8_t code = 0;
   std::vector<std::string> records;
-  for (const auto& r : host.deliveries[0].records) {
+  for (const auto& r : lab::DecodeEvent(decoder, code)) {
     // Both records are the entry's: its user at the machine's name.
     EXPECT_EQ(r.user + "@" + r.workstation, "USER1@WS1.CORP.EXAMPLE");
     std::string s = std::to_string(r.logon) + ":";
@@ -83,6 +79,7 @@ TEST_P(EventReportTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
       for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
     records.push_back(s);
   }
+  EXPECT_EQ(code, MSG_EVENT);
   EXPECT_EQ(records, row.records);
 }
 

@@ -1,5 +1,5 @@
-// The window procedure's state machine over (m_bLogon, m_dwCurrentSession),
-// the event sender's records, and the event message with its log record.
+// What each notification does to (m_bLogon, m_dwCurrentSession) and sends,
+// the reports of the event sender, and the event message with its log record.
 #include <gtest/gtest.h>
 
 #include "protocol/session_message.h"
@@ -20,11 +20,12 @@ const auto RowName = [](const auto& info) {
 // --- the state table ---------------------------------------------------------
 
 enum class Known { kInTable, kResolvable, kNotReady, kNoUser };
+using K = NotificationKind;
 
 struct StateRow {
   const char* name;
   bool loggedOn;          // start from session 1 reported as logged on (1, 1)
-  uint64_t code;          // WTS_* code; 0x100 + n stands for the resume message
+  NotificationKind kind;
   uint32_t session;       // the notified session (console session is 2 unless noted)
   Known known;            // what the user lookup says of it
   std::vector<std::string> sent;  // deliveries, in order
@@ -34,68 +35,65 @@ struct StateRow {
   bool excluded = false;  // ExcludedUsers names the notified session's user
 };
 
-constexpr uint64_t kResume = 0x100;
 const char kBeforeLogon[] = "Before processing WTS_SESSION_LOGON";
 const char kBeforeUnlock[] = "Before processing WTS_SESSION_UNLOCK";
 const char kBeforeConsole[] = "Before processing WTS_CONSOLE_CONNECT";
 
 const StateRow kStateRows[] = {
-    {"console connect, other session", true, kWtsConsoleConnect, 3, Known::kResolvable, {}, 1, 1,
+    {"console connect, other session", true, K::kConsoleConnect, 3, Known::kResolvable, {}, 1, 1,
      {kBeforeConsole, "After processing WTS_CONSOLE_CONNECT, m_bLogon:1, m_dwCurrentSession:1"},
      {"Received message WTS_CONSOLE_CONNECT"}},
-    {"console connect, in table", true, kWtsConsoleConnect, 2, Known::kInTable, {"USER2:1"}, 1, 2,
+    {"console connect, in table", true, K::kConsoleConnect, 2, Known::kInTable, {"USER2:1"}, 1, 2,
      {"Received message WTS_CONSOLE_CONNECT, session id:2, TICC:"}, {}},
-    {"console connect, added", false, kWtsConsoleConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"console connect, added", false, K::kConsoleConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {}, {}},
-    {"console connect, no user, logged on", true, kWtsConsoleConnect, 2, Known::kNoUser,
+    {"console connect, no user, logged on", true, K::kConsoleConnect, 2, Known::kNoUser,
      {"USER1:0"}, 0, 1, {}, {}},
-    {"console connect, no user", false, kWtsConsoleConnect, 2, Known::kNoUser, {}, 0, 0, {}, {}},
-    {"console disconnect", true, kWtsConsoleDisconnect, 2, Known::kInTable, {}, 1, 1, {},
+    {"console connect, no user", false, K::kConsoleConnect, 2, Known::kNoUser, {}, 0, 0, {}, {}},
+    {"console disconnect", true, K::kConsoleDisconnect, 2, Known::kInTable, {}, 1, 1, {},
      {"WTS_CONSOLE", "Received"}},
-    {"remote connect", true, kWtsRemoteConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"remote connect", true, K::kRemoteConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {kBeforeUnlock, "Received message WTS_REMOTE_CONNECT, session id:2",
       "After processing WTS_SESSION_UNLOCK, m_bLogon:1, m_dwCurrentSession:2"}, {}},
     // Not ready: the logon is attempted all the same, finds no entry and
     // sends nothing, but the current session moves.
-    {"unlock, not ready", true, kWtsSessionUnlock, 2, Known::kNotReady, {}, 1, 2,
+    {"unlock, not ready", true, K::kSessionUnlock, 2, Known::kNotReady, {}, 1, 2,
      {"Did not found session:2 in session table, m_bLogon:1\n"}, {}},
-    {"unlock, no user, logged on", true, kWtsSessionUnlock, 2, Known::kNoUser, {"USER1:0"}, 0, 1,
+    {"unlock, no user, logged on", true, K::kSessionUnlock, 2, Known::kNoUser, {"USER1:0"}, 0, 1,
      {"Received message WTS_SESSION_UNLOCK, session id:2"}, {}},
-    {"unlock, no user", false, kWtsSessionUnlock, 2, Known::kNoUser, {}, 0, 0, {kBeforeUnlock},
+    {"unlock, no user", false, K::kSessionUnlock, 2, Known::kNoUser, {}, 0, 0, {kBeforeUnlock},
      {}},
-    {"remote disconnect", true, kWtsRemoteDisconnect, 2, Known::kInTable, {}, 1, 1,
+    {"remote disconnect", true, K::kRemoteDisconnect, 2, Known::kInTable, {}, 1, 1,
      {"Received message WTS_REMOTE_DISCONNECT, session id:2"}, {"Before processing"}},
-    {"lock", true, kWtsSessionLock, 2, Known::kInTable, {}, 1, 1,
+    {"lock", true, K::kSessionLock, 2, Known::kInTable, {}, 1, 1,
      {"Received message WTS_SESSION_LOCK, session id:2"}, {"Before processing"}},
-    {"logon", true, kWtsSessionLogon, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"logon", true, K::kSessionLogon, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {kBeforeLogon, "After processing WTS_SESSION_LOGON, m_bLogon:1, m_dwCurrentSession:2"}, {}},
-    {"logon, not ready, logged on", true, kWtsSessionLogon, 2, Known::kNotReady, {"USER1:0"}, 0, 1,
+    {"logon, not ready, logged on", true, K::kSessionLogon, 2, Known::kNotReady, {"USER1:0"}, 0, 1,
      {"GetUserNameBySessionID(), session is not ready, session id:2, TICC:"}, {}},
-    {"logon, no user, logged on", true, kWtsSessionLogon, 2, Known::kNoUser, {"USER1:0"}, 0, 1, {},
+    {"logon, no user, logged on", true, K::kSessionLogon, 2, Known::kNoUser, {"USER1:0"}, 0, 1, {},
      {"session is not ready"}},
-    {"logon, no user", false, kWtsSessionLogon, 2, Known::kNoUser, {}, 0, 0, {kBeforeLogon}, {}},
-    {"logoff", true, kWtsSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
+    {"logon, no user", false, K::kSessionLogon, 2, Known::kNoUser, {}, 0, 0, {kBeforeLogon}, {}},
+    {"logoff", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
      {"Received message WTS_SESSION_LOGOFF, session id:1"}, {"Before processing"}},
-    {"logoff, not in table", true, kWtsSessionLogoff, 9, Known::kNoUser, {}, 1, 1,
+    {"logoff, not in table", true, K::kSessionLogoff, 9, Known::kNoUser, {}, 1, 1,
      {"Did not found session:9 in session table, m_bLogon:1\n"}, {}},
-    {"code 9", true, 9, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
-    {"code 0", true, 0, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
-    {"resume, console in table", true, kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
-    {"resume, console not in table", true, kResume, 2, Known::kResolvable, {}, 1, 1, {},
+    {"resume, console in table", true, K::kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
+    {"resume, console not in table", true, K::kResume, 2, Known::kResolvable, {}, 1, 1, {},
      {"Found session:2", "Did not found session:2"}},
     // An excluded user's session is never reported and disturbs nothing:
     // no logoff of the reported user, no move of the current session.
-    {"logon, excluded", true, kWtsSessionLogon, 2, Known::kResolvable, {}, 1, 1,
+    {"logon, excluded", true, K::kSessionLogon, 2, Known::kResolvable, {}, 1, 1,
      {"session 2 of CORP\\user2 is not reported: its user matches ExcludedUsers entry corp\\USER2"},
      {"Received message WTS_SESSION_LOGON, session id:1"}, true},
-    {"unlock, excluded", true, kWtsSessionUnlock, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
-    {"console connect, excluded", false, kWtsConsoleConnect, 2, Known::kResolvable, {}, 0, 0, {},
+    {"unlock, excluded", true, K::kSessionUnlock, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"console connect, excluded", false, K::kConsoleConnect, 2, Known::kResolvable, {}, 0, 0, {},
      {}, true},
-    {"logoff, excluded", true, kWtsSessionLogoff, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
-    {"resume, console excluded since it was added", true, kResume, 2, Known::kInTable, {}, 1, 1, {},
+    {"logoff, excluded", true, K::kSessionLogoff, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"resume, console excluded since it was added", true, K::kResume, 2, Known::kInTable, {}, 1, 1, {},
      {}, true},
     // The reported user, named by a list that changed since: withdrawn.
-    {"unlock, reported user excluded since", true, kWtsSessionUnlock, 1, Known::kInTable,
+    {"unlock, reported user excluded since", true, K::kSessionUnlock, 1, Known::kInTable,
      {"USER1:0"}, 0, 1, {}, {}, true},
 };
 
@@ -118,10 +116,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
 
-  if (row.code >= kResume)
-    events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0);
-  else
-    events.WindowProc(kWmWtsSessionChange, row.code, row.session);
+  Notify(row.kind, row.session);
 
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.Logon(), row.nextL);
@@ -137,7 +132,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   }
   // Only a not-ready logon parks its session.
   EXPECT_EQ(table.PendingSessionCount(),
-            row.code == kWtsSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
+            row.kind == K::kSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
@@ -146,11 +141,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
 TEST_F(SessionFixture, LogoffRemovesTheEntryAndItsPendingRecordAfterSending) {
   AddUser(4);
   notReady.insert(4);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 4);
+  Notify(K::kSessionLogon, 4);
   ASSERT_EQ(table.PendingSessionCount(), 1u);
   notReady.clear();
   ASSERT_EQ(table.AddSession(4), 1u);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 4);
+  Notify(K::kSessionLogoff, 4);
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER4:0"}));
   EXPECT_EQ(table.FindSession(4), nullptr);
   EXPECT_EQ(table.PendingSessionCount(), 0u);
@@ -163,19 +158,12 @@ TEST_F(SessionFixture, ResumeTriesFiveTimesThenLogsTheFailure) {
   host.accept = false;
   timings.wakeupRetryMs = 0;
   events.SetTickLogging(false);
-  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0), 0);
+  Notify(K::kResume);
   EXPECT_EQ(host.deliveries.size(), 5u);
   EXPECT_EQ(support.CountLines(Format(
                 "Failed to  send logon event when computer is recovering from sleep, TID:%d",
                 static_cast<int>(CurrentThreadId()))),
             1u);
-  // Other power messages are swallowed; other window messages go on.
-  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, 4, 0), 0);
-  events.WindowProc(0x0400, 0, 0);
-  EXPECT_EQ(window.defaultProcCalls, 1);
-  events.WindowProc(kWmDestroy, 0, 0);
-  EXPECT_EQ(window.quits, 1);
-  EXPECT_EQ(host.deliveries.size(), 5u);
 }
 
 // --- SendSessionEvent --------------------------------------------------------
@@ -242,12 +230,12 @@ TEST_F(SessionFixture, AnExcludedSessionLeavesTheReportedOneAlone) {
   AddUser(1);
   AddUser(2);
   Exclude({u"*\\user2"});
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 1);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 2);
+  Notify(K::kSessionLogon, 1);
+  Notify(K::kSessionLogon, 2);
   events.SendKeepAliveEvent();
   SetAddresses({FakeNetwork::V4(10, 0, 0, 6)});
   events.CheckAddressChange();
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 2);
+  Notify(K::kSessionLogoff, 2);
   events.SendKeepAliveEvent();
   Exclude({u"user1"});
   events.SendKeepAliveEvent();
@@ -395,7 +383,7 @@ TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
   if (probe.owns_lock()) probe.unlock();
   Worker other([this, &row] {
     switch (row.action) {
-      case Meanwhile::kLogoff: events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 1); break;
+      case Meanwhile::kLogoff: Notify(K::kSessionLogoff, 1); break;
       case Meanwhile::kLogonSend: events.SendSessionEvent(1, 1, 0); break;
       case Meanwhile::kKeepAlive: events.SendKeepAliveEvent(); break;
     }
@@ -480,7 +468,7 @@ TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
                                    "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
                                    "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n"
                                  : "             AzureAdJoined : NO\r\n"}};
-  preferAzure = row.preferAzure;
+  table.SetPreferAzure(row.preferAzure);
   WorkstationFacts facts = machine;
   facts.preferAzure = row.preferAzure;
   SetMachine(facts);

@@ -20,6 +20,7 @@
 
 #include "platform/os.h"
 #include "session/session_events.h"
+#include "session/session_notifications.h"
 #include "session/session_table.h"
 #include "tests/identity/identity_fakes.h"
 #include "tools/lab_authenticator/lab_server.h"
@@ -153,20 +154,34 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
     network.names["ws1"] = std::move(addresses);
   }
 
+  // A table whose lookups count themselves and answer "not ready" for the
+  // sessions in `notReady`.
+  class CCountingTable : public CSessionTable {
+   public:
+    CCountingTable(SessionFixture& f) : CSessionTable(f.log, f.system), m_fixture(f) {}
+
+   protected:
+    uint32_t LoadUser(CTerminalSession& record, uint32_t session) override {
+      ++m_fixture.lookups;
+      return m_fixture.notReady.count(session) ? 2 : CSessionTable::LoadUser(record, session);
+    }
+
+   private:
+    SessionFixture& m_fixture;
+  };
+  void Notify(NotificationKind kind, uint32_t session = 0) {
+    notifications.OnNotification({kind, session});
+  }
+
   std::set<uint32_t> notReady;  // sessions whose lookup says "not ready"
-  uint32_t preferAzure = 0;     // the lookups' prefer-Azure setting
   int lookups = 0;
   CAddressDiscovery addresses{log, network, adapters, hyperv, "ws1", 0};
   CIdentifiers identifiers{log, support, registry};
-  CSessionTable table{log, [this](CTerminalSession& record, uint32_t session) -> uint32_t {
-                        ++lookups;
-                        if (notReady.count(session)) return 2;
-                        return LoadSessionUser(system, record, session, log, preferAzure);
-                      }};
+  CCountingTable table{*this};
   FakeDelivery host;
   WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
-  CSessionEvents events{
-      {log, support, sessions, window, timings, table, addresses, identifiers, host}};
+  CSessionEvents events{log, support, table, addresses, identifiers, host};
+  CSessionNotifications notifications{log, sessions, timings, table, events};
 };
 
 }  // namespace lindqvar::testing
