@@ -64,16 +64,8 @@ class CSessionManager {
   // a send that ends afterwards does not overwrite it.
   void WriteFinalState();
 
-  // Sends one session event (see CSessionEvents). 1 when acknowledged.
-  uint32_t SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
-    return m_events.SendSessionEvent(session, logon, wakeup);
-  }
-
-  uint32_t KeepAliveInterval() const { return m_delivery.KeepAliveInterval(); }
   const CAgentSettings& Settings() const { return m_settings; }
   const std::string& DomainName() const { return m_domainName; }
-  uint32_t IPv4Count() const { return m_count; }
-  uint32_t IPv6Count() const { return m_count6; }
   uint32_t ThreadExitCode(CWorkerThreads::Index i) const { return m_workers.ExitCode(i); }
   CSessionTable& Sessions() { return m_sessions; }
   // Null when the platform gives no NTLM package.

@@ -85,8 +85,8 @@ class CWorkerThreads {
   void EndFailedWaits(const char* thread, uint32_t& failures);
 
   Parts m_parts;
-  Event m_stopEvent{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
-  Event m_addressEvent{Event::ResetPolicy::kAutomatic, Event::InitialState::kNotSignaled};
+  CEvent m_stopEvent{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
+  CEvent m_addressEvent{CEvent::ResetPolicy::kAutomatic, CEvent::InitialState::kNotSignaled};
   std::array<WorkerThread, kThreadCount> m_threads;
 };
 

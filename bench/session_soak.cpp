@@ -36,7 +36,7 @@ class CPassTimer : public lindqvar::testing::CSessionSoak {
     Clock::duration logon{}, keepAlive{};
     for (int i = 0; i < rounds; ++i) {
       auto t = Clock::now();
-      m.SendSessionEvent(5, 1, 0);
+      m.Events().SendSessionEvent(5, 1, 0);
       logon += Clock::now() - t;
       t = Clock::now();
       m.Events().SendKeepAliveEvent();

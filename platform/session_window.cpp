@@ -4,7 +4,7 @@
 
 namespace lindqvar {
 
-uint32_t RunNotificationPump(ISessionWindow& window, ISessionNotificationSink& sink, Event& stop,
+uint32_t RunNotificationPump(ISessionWindow& window, ISessionNotificationSink& sink, CEvent& stop,
                              uint32_t pumpIntervalMs) {
   if (!window.Create(sink)) return 0;
   bool registered = window.RegisterNotifications();

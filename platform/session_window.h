@@ -7,7 +7,7 @@
 
 namespace lindqvar {
 
-class Event;
+class CEvent;
 
 // A notification the window passed on. The session-change kinds keep the
 // system's codes 1 to 8; kResume is the resume from sleep.
@@ -38,9 +38,7 @@ class ISessionNotificationSink {
 // How a wait of the pumping thread ended.
 enum class PumpWait { kStop, kMessage, kTimeout, kFailed };
 
-// The window itself. Everything else a window receives is the system's to
-// handle: the window ends the pump's thread loop on its destruction and
-// passes on no other message.
+// The window itself; the messages it does not pass on stay with the system.
 class ISessionWindow {
  public:
   virtual ~ISessionWindow() = default;
@@ -53,7 +51,7 @@ class ISessionWindow {
   virtual void Drain() = 0;
   // Waits up to `milliseconds` (kInfinite for no limit) until `stop` is set
   // or a message for the pumping thread is waiting. kStop wins when both are.
-  virtual PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) = 0;
+  virtual PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) = 0;
   // DestroyWindow, then WTSUnRegisterSessionNotification with that handle.
   virtual void DestroyAndUnregister() = 0;
 };
@@ -64,7 +62,7 @@ class ISessionWindow {
 // is set, then destroys the window. 0 when no window could be created, else
 // 1. Until registered it comes back every `pumpIntervalMs` to try again;
 // after that it sleeps until a message arrives or the agent stops.
-uint32_t RunNotificationPump(ISessionWindow& window, ISessionNotificationSink& sink, Event& stop,
+uint32_t RunNotificationPump(ISessionWindow& window, ISessionNotificationSink& sink, CEvent& stop,
                              uint32_t pumpIntervalMs);
 
 }  // namespace lindqvar

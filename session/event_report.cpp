@@ -41,14 +41,9 @@ void BuildEventReport(CEncoder& event, ReportKind kind, const AddressSet& last,
 }
 
 uint32_t ReportAction(ReportKind kind) {
-  switch (kind) {
-    case ReportKind::kLogon: return kActionLogon;
-    case ReportKind::kWakeup: return kActionWakeup;
-    case ReportKind::kLogoff: return kActionLogoff;
-    case ReportKind::kKeepAlive: return kActionKeepAlive;
-    case ReportKind::kAddressChange: return kActionAddressChange;
-  }
-  return 0;
+  constexpr uint32_t kActions[] = {kActionLogon, kActionWakeup, kActionLogoff, kActionKeepAlive,
+                                   kActionAddressChange};
+  return kActions[static_cast<size_t>(kind)];
 }
 
 }  // namespace lindqvar

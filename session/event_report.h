@@ -14,7 +14,8 @@ namespace lindqvar {
 class CTerminalSession;
 
 // The paths that report a session, each with its own withdraw rule, logon
-// flag and action code of the local delivery record.
+// flag and action code of the local delivery record (ReportAction, in this
+// order).
 enum class ReportKind { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
 
 // MSG_EVENT for `entry` at the addresses `now`, given the addresses of the

@@ -143,11 +143,6 @@ void CSessionEvents::RequestResend() {
   m_dwResendTries = 0;
 }
 
-AddressSet CSessionEvents::LastSent() {
-  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
-  return m_last;
-}
-
 AddressSet CSessionEvents::GatherAddresses() {
   AddressSet now;
   m_addresses.GetIPAddress(&now.ipv4, now.count4, &now.ipv6, now.count6);

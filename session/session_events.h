@@ -77,8 +77,6 @@ class CSessionEvents {
 
   uint32_t Logon() const { return m_bLogon.load(); }
   uint32_t CurrentSession() const { return m_dwCurrentSession.load(); }
-  // The addresses of the last successful send that carried a change.
-  AddressSet LastSent();
 
  private:
   // The keep-alive and re-send report.

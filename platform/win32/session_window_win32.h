@@ -17,15 +17,14 @@ class CSessionWindowWin32 : public ISessionWindow {
   bool Create(ISessionNotificationSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
-  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
+  PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
 
   HWND Window() const { return m_window; }
 
  private:
+  // Translates the window's messages into the agent's notifications.
   static LRESULT CALLBACK StaticWindowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam);
-  // What the window does with one message once it has its object.
-  LRESULT Translate(UINT message, WPARAM wParam, LPARAM lParam);
 
   HINSTANCE m_instance = nullptr;
   // Set by the create call and again on WM_NCCREATE; owned by the pumping

@@ -38,7 +38,6 @@ TEST_F(ManagerTest, ConstructionAndDestructionWriteNotConfigured) {
   {
     CSessionManager m(P());
     EXPECT_EQ(RegistryState(), kNotConfigured);
-    EXPECT_EQ(m.KeepAliveInterval(), 180u);
     m.SetState(kConfiguredReachable);
     EXPECT_EQ(RegistryState(), kConfiguredReachable);
   }
@@ -97,8 +96,7 @@ TEST_F(ManagerTest, FirstAddressCollectionSkipsLoopbackLinkLocalAndExtras) {
       FakeNetwork::V4(10, 0, 0, 3), FakeNetwork::V4(10, 0, 0, 4), FakeNetwork::V4(10, 0, 0, 5)};
   CSessionManager m(P());
   m.Start();
-  EXPECT_EQ(m.IPv4Count(), 4u);  // the fifth is never kept
-  EXPECT_EQ(m.IPv6Count(), 1u);
+  // The fifth IPv4 address is never kept.
   EXPECT_TRUE(fake.support.HasLine("m_count:4, m_count6:1"));
   m.Stop();
 }
@@ -325,7 +323,7 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
   // A session parked for the retry thread, sent from there while the
   // notification thread and this thread send too.
   m.Sessions().AddPendingSession(7);
-  m.SendSessionEvent(5, 1, 0);
+  m.Events().SendSessionEvent(5, 1, 0);
   fake.window.Post(NotificationKind::kSessionLogoff, 5);
   const auto reports = lab.WaitReports(5);
   m.Stop();
@@ -484,7 +482,7 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   // The server comes back; an ordinary exchange resets the re-send state.
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
   m.ReloadSettings();
-  EXPECT_EQ(m.SendSessionEvent(1, 1, 0), 1u);
+  EXPECT_EQ(m.Events().SendSessionEvent(1, 1, 0), 1u);
   EXPECT_EQ(m.Events().ResendPending(), 0u);
   EXPECT_EQ(m.Events().ResendTries(), 0u);
   m.Stop();
@@ -541,8 +539,8 @@ TEST_P(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
 
 TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) {
   std::unique_ptr<CSessionManager> left;
-  Event* control = nullptr;
-  Event ready{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  CEvent* control = nullptr;
+  CEvent ready{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   std::thread parent([&] {
     ASSERT_EQ(ready.Wait(20000), WaitResult::kSignaled);
     fake.window.Post(NotificationKind::kSessionLogon, 5);
@@ -554,8 +552,8 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   AgentMain(
       3, argv, P(),
       [&](const std::string&) {
-        auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,
-                                         Event::InitialState::kNotSignaled);
+        auto e = std::make_unique<CEvent>(CEvent::ResetPolicy::kAutomatic,
+                                         CEvent::InitialState::kNotSignaled);
         control = e.get();
         ready.Set();
         return e;
@@ -605,8 +603,8 @@ class AgentMainTest : public ManagerTest {
                        createdNames.push_back(name);
                        // Kept here too: the test may still signal it after
                        // the agent has ended.
-                       control = std::make_shared<Event>(Event::ResetPolicy::kAutomatic,
-                                                         Event::InitialState::kNotSignaled);
+                       control = std::make_shared<CEvent>(CEvent::ResetPolicy::kAutomatic,
+                                                         CEvent::InitialState::kNotSignaled);
                        controlReady.Set();
                        return control;
                      });
@@ -617,8 +615,8 @@ class AgentMainTest : public ManagerTest {
     control->Set();
   }
   std::vector<std::string> createdNames;
-  std::shared_ptr<Event> control;
-  Event controlReady{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  std::shared_ptr<CEvent> control;
+  CEvent controlReady{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
 };
 
 TEST_F(AgentMainTest, WithoutTheSwitchNothingStarts) {

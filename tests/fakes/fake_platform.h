@@ -138,7 +138,7 @@ class FakeNetwork : public INetwork {
   // Replaces a name's addresses while the agent's threads may resolve it.
   void SetNames(const std::string& name, std::vector<ResolvedAddress> addresses);
   // The change event of the last watch made, for tests that signal a change.
-  Event* WatchChanged() const { return m_watchChanged.load(); }
+  CEvent* WatchChanged() const { return m_watchChanged.load(); }
 
   std::string hostName = "workstation";
   std::map<std::string, std::vector<ResolvedAddress>> names;
@@ -151,7 +151,7 @@ class FakeNetwork : public INetwork {
 
  private:
   mutable std::mutex m_namesLock;
-  std::atomic<Event*> m_watchChanged{nullptr};
+  std::atomic<CEvent*> m_watchChanged{nullptr};
 };
 
 class FakeSessions : public ISessions {
@@ -175,7 +175,7 @@ class FakeSessionWindow : public ISessionWindow {
   void Drain() override;
   // Records whether the wait had a limit, and comes back within a
   // millisecond as if a message might be waiting.
-  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
+  PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
   void Post(NotificationKind kind, uint32_t session);
 
@@ -197,8 +197,8 @@ class FakeWaits : public IWaits {
  public:
   enum Side { kWatch = 0, kHandler = 1 };
   explicit FakeWaits(const FakeNetwork& network) : m_network(network) {}
-  WaitResult Wait(Event& event, uint32_t milliseconds) override;
-  int WaitAny(Event& first, Event& second, uint32_t milliseconds) override;
+  WaitResult Wait(CEvent& event, uint32_t milliseconds) override;
+  int WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) override;
   std::vector<uint32_t> TimeOuts() const;
 
   // The next `count` waits of that thread fail with `error`, once Open() ran.
@@ -212,7 +212,7 @@ class FakeWaits : public IWaits {
 
  private:
   const FakeNetwork& m_network;
-  Event m_gate{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  CEvent m_gate{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   std::atomic<int> m_failuresLeft[2] = {0, 0};
   std::atomic<uint32_t> m_error{0};
   mutable std::mutex m_mutex;
