@@ -16,16 +16,10 @@
 
 #include "agent/settings.h"
 #include "agent/worker_threads.h"
-#include "identity/address_discovery.h"
-#include "identity/identifiers.h"
-#include "platform/log.h"
 #include "platform/platform.h"
 #include "protocol/delivery.h"
 #include "protocol/ntlm_package.h"
 #include "protocol/ntlm_relay.h"
-#include "session/session_events.h"
-#include "session/session_notifications.h"
-#include "session/session_table.h"
 
 namespace lindqvar {
 

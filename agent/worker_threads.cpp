@@ -49,9 +49,9 @@ void CWorkerThreads::Join() {
 
 bool CWorkerThreads::PauseAfterFailedWait(const char* thread, uint32_t& failures) {
   if (failures++ == 0) {
-    m_parts.log.Error("%s: waiting for an address change failed, error %d; trying again every %d ms",
-                      thread, static_cast<int>(LastErrorCode()),
-                      static_cast<int>(m_parts.timings.addressWaitRetryMs));
+    m_parts.log.Error(
+        "%s: waiting for an address change failed, error %d; trying again every %d ms", thread,
+        static_cast<int>(LastErrorCode()), static_cast<int>(m_parts.timings.addressWaitRetryMs));
   }
   return m_stopEvent.Wait(m_parts.timings.addressWaitRetryMs) != WaitResult::kSignaled;
 }
@@ -109,8 +109,8 @@ uint32_t CWorkerThreads::AddressHandlerThread() {
 }
 
 uint32_t CWorkerThreads::KeepAliveWaitMs(uint32_t seconds, uint32_t unitMs) {
-  const uint64_t kept = seconds < 1 ? 1 : (seconds > kMaxKeepAliveSeconds ? kMaxKeepAliveSeconds
-                                                                          : seconds);
+  const uint64_t kept =
+      seconds < 1 ? 1 : (seconds > kMaxKeepAliveSeconds ? kMaxKeepAliveSeconds : seconds);
   const uint64_t ms = kept * unitMs;
   return ms >= kInfinite ? kInfinite - 1 : static_cast<uint32_t>(ms);
 }

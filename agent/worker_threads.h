@@ -7,14 +7,9 @@
 #include <functional>
 
 #include "platform/event.h"
-#include "platform/log.h"
 #include "platform/network.h"
-#include "platform/session_window.h"
-#include "platform/timings.h"
 #include "platform/worker_thread.h"
-#include "session/session_events.h"
 #include "session/session_notifications.h"
-#include "session/session_table.h"
 
 namespace lindqvar {
 

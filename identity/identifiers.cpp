@@ -19,7 +19,8 @@ void CIdentifiers::LoadClientUuid() {
 }
 
 void CIdentifiers::LoadVrxTenantId() {
-  CScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
+  CScopedSupportKey key(m_support,
+                        m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
   if (key) {
     m_strVrxTenantId.clear();
     std::u16string tenant;
@@ -33,7 +34,7 @@ void CIdentifiers::LoadVrxTenantId() {
 
 std::unique_ptr<IRegistryKey> CIdentifiers::OpenEsnacForRead() {
   CScopedSupportKey parent(m_support,
-                          m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
+                           m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
   if (!parent) return nullptr;
   // Opened below the library's key, in that key's registry view.
   std::unique_ptr<IRegistryKey> key;

@@ -25,7 +25,6 @@ class CEvent {
 
   void Set();
   void Reset();
-  bool IsSignaled() const;  // does not consume an automatic event's signal
 
   // Waits up to `milliseconds` (kInfinite for no limit).
   WaitResult Wait(uint32_t milliseconds);

@@ -53,11 +53,6 @@ void CEvent::Reset() {
   m_impl->signaled = false;
 }
 
-bool CEvent::IsSignaled() const {
-  std::lock_guard<std::mutex> lock(Lock());
-  return m_impl->signaled;
-}
-
 WaitResult CEvent::Wait(uint32_t milliseconds) {
   std::unique_lock<std::mutex> lock(Lock());
   auto ready = [this] { return m_impl->signaled; };

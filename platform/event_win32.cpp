@@ -39,12 +39,6 @@ void* CEvent::native_handle() const { return m_impl->handle; }
 void CEvent::Set() { ::SetEvent(m_impl->handle); }
 void CEvent::Reset() { ::ResetEvent(m_impl->handle); }
 
-bool CEvent::IsSignaled() const {
-  // A zero wait on a manual event does not change it; the agent asks this of
-  // manual events only.
-  return ::WaitForSingleObject(m_impl->handle, 0) == WAIT_OBJECT_0;
-}
-
 WaitResult CEvent::Wait(uint32_t milliseconds) {
   switch (::WaitForSingleObject(m_impl->handle, milliseconds)) {
     case WAIT_OBJECT_0: return WaitResult::kSignaled;

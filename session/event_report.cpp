@@ -34,7 +34,8 @@ void BuildEventReport(CEncoder& event, ReportKind kind, const AddressSet& last,
                       const AddressSet& now, const CTerminalSession& entry,
                       const WorkstationFacts& machine) {
   event.begin_message(MSG_EVENT);
-  if (Withdraws(kind, last, now)) build_session_record(event, entry, machine, last.ipv4, last.ipv6, 0);
+  if (Withdraws(kind, last, now))
+    build_session_record(event, entry, machine, last.ipv4, last.ipv6, 0);
   build_session_record(event, entry, machine, now.ipv4, now.ipv6,
                        kind == ReportKind::kLogoff ? 0 : 1);
   event.end_group(MSG_EVENT);

@@ -93,7 +93,8 @@ class CSessionEvents {
   // The identifiers and the machine's facts for a record.
   WorkstationFacts Machine();
   WorkstationSnapshot Workstation() const;
-  void WriteSessionLog(ReportKind kind, const CTerminalSession& entry, const DeliveryResult& result);
+  void WriteSessionLog(ReportKind kind, const CTerminalSession& entry,
+                       const DeliveryResult& result);
 
   CLog& m_log;
   ISupportLibrary& m_support;

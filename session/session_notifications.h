@@ -2,14 +2,10 @@
 // hidden window: the table's entries, and the events they send.
 #pragma once
 
-#include <cstdint>
-
-#include "platform/log.h"
 #include "platform/session_window.h"
 #include "platform/sessions.h"
 #include "platform/timings.h"
 #include "session/session_events.h"
-#include "session/session_table.h"
 
 namespace lindqvar {
 

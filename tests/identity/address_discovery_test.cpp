@@ -90,6 +90,12 @@ TEST_F(AddressDiscoveryTest, ResolverWalkKeepsFourOfEachAndDropsLocalForms) {
                     support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::2\n") +
                     support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::3\n"));
   EXPECT_TRUE(support.HasLine("CSessionManager::GetIPAddress:1227 count:4, count6:4\n"));
+  // The manager's first collection: the same addresses, without log lines.
+  const size_t lines = support.Lines().size();
+  const AddressSet host = discovery.HostAddresses();
+  EXPECT_EQ(ipv4, host.ipv4);
+  EXPECT_EQ(ipv6, host.ipv6);
+  EXPECT_EQ(lines, support.Lines().size());
 }
 
 TEST_F(AddressDiscoveryTest, NothingFoundAndAbsentLists) {

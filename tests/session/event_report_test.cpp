@@ -15,7 +15,7 @@ struct ReportRow {
   ReportKind kind;
   std::vector<ResolvedAddress> last;  // the last sent set; empty: none was sent
   std::vector<ResolvedAddress> now;
-  std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
+  std::vector<std::string> records;  // "<logon flag>:<addresses>", in order
 };
 
 const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
@@ -29,14 +29,19 @@ const ReportRow kReportRows[] = {
     // a first report with IPv6 withdraws an empty set...
     {"logon, unchanged", ReportKind::kLogon, {kA5}, {kA5}, {"1:10.0.0.5"}},
     {"logon, IPv4 changed", ReportKind::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"logon, none before, IPv6 now", ReportKind::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
+    {"logon, none before, IPv6 now", ReportKind::kLogon, {}, {kA5, kV6a},
+     {"0:", "1:10.0.0.5,2001:db8::1"}},
     // ...and an IPv6-only last set is not withdrawn.
     {"logon, IPv6 before", ReportKind::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
     {"wakeup, unchanged", ReportKind::kWakeup, {kA5}, {kA5}, {"1:10.0.0.5"}},
-    {"wakeup, IPv4 before, IPv6 now", ReportKind::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
-    {"keep-alive, unchanged", ReportKind::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
-    {"keep-alive, reordered", ReportKind::kKeepAlive, {kA5, kA6}, {kA6, kA5}, {"1:10.0.0.6,10.0.0.5"}},
-    {"keep-alive, IPv4 changed", ReportKind::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"wakeup, IPv4 before, IPv6 now", ReportKind::kWakeup, {kA5}, {kV6b},
+     {"0:10.0.0.5", "1:2001:db8::2"}},
+    {"keep-alive, unchanged", ReportKind::kKeepAlive, {kA5, kV6a}, {kA5, kV6a},
+     {"1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, reordered", ReportKind::kKeepAlive, {kA5, kA6}, {kA6, kA5},
+     {"1:10.0.0.6,10.0.0.5"}},
+    {"keep-alive, IPv4 changed", ReportKind::kKeepAlive, {kA5}, {kA6},
+     {"0:10.0.0.5", "1:10.0.0.6"}},
     {"keep-alive, none before, IPv6 now", ReportKind::kKeepAlive, {}, {kA5, kV6a},
      {"0:", "1:10.0.0.5,2001:db8::1"}},
     {"keep-alive, IPv6 before", ReportKind::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
@@ -83,13 +88,7 @@ TEST_P(EventReportTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
   EXPECT_EQ(records, row.records);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, EventReportTest, ::testing::ValuesIn(kReportRows),
-                         [](const auto& info) {
-                           std::string n = info.param.name;
-                           for (char& c : n)
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           return n;
-                         });
+INSTANTIATE_TEST_SUITE_P(Rows, EventReportTest, ::testing::ValuesIn(kReportRows), RowName);
 
 }  // namespace
 }  // namespace lindqvar::testing

@@ -27,6 +27,15 @@
 
 namespace lindqvar::testing {
 
+// A test name from a row's name: letters and digits, the rest '_'.
+inline const auto RowName = [](const auto& info) {
+  std::string n = info.param.name;
+  for (char& c : n) {
+    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return n;
+};
+
 // Every wait of these tests ends by this deadline.
 inline constexpr std::chrono::seconds kDeadline{10};
 
