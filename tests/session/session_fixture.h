@@ -163,30 +163,24 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
     network.names["ws1"] = std::move(addresses);
   }
 
-  // A table whose lookups count themselves and answer "not ready" for the
-  // sessions in `notReady`.
-  class CCountingTable : public CSessionTable {
+  // A table whose lookups answer "not ready" for the sessions in notReady.
+  class CTestTable : public CSessionTable {
    public:
-    CCountingTable(SessionFixture& f) : CSessionTable(f.log, f.system), m_fixture(f) {}
-
-   protected:
+    explicit CTestTable(SessionFixture& f)
+        : CSessionTable(f.log, f.system), m_notReady(f.notReady) {}
     uint32_t LoadUser(CTerminalSession& record, uint32_t session) override {
-      ++m_fixture.lookups;
-      return m_fixture.notReady.count(session) ? 2 : CSessionTable::LoadUser(record, session);
+      return m_notReady.count(session) ? 2 : CSessionTable::LoadUser(record, session);
     }
-
-   private:
-    SessionFixture& m_fixture;
+    const std::set<uint32_t>& m_notReady;
   };
   void Notify(NotificationKind kind, uint32_t session = 0) {
     notifications.OnNotification({kind, session});
   }
 
   std::set<uint32_t> notReady;  // sessions whose lookup says "not ready"
-  int lookups = 0;
   CAddressDiscovery addresses{log, network, adapters, hyperv, "ws1", 0};
   CIdentifiers identifiers{log, support, registry};
-  CCountingTable table{*this};
+  CTestTable table{*this};
   FakeDelivery host;
   WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
   CSessionEvents events{log, support, table, addresses, identifiers, host};

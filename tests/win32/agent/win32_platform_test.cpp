@@ -298,7 +298,6 @@ const TranslationRow kTranslationRows[] = {
     {"resume", WM_POWERBROADCAST, PBT_APMRESUMESUSPEND, 0, K(NK::kResume), 0, 0},
     // Other power messages are swallowed (the default answer to the query
     // is TRUE on Windows; Wine's is 0 as well).
-    {"suspend", WM_POWERBROADCAST, PBT_APMSUSPEND, 0, 0, 0, 0},
     {"query suspend", WM_POWERBROADCAST, PBT_APMQUERYSUSPEND, 0, 0, 0, 0},
     // Everything else is the system's: the length of "session_detector".
     {"text length", WM_GETTEXTLENGTH, 0, 0, 0, 0, 16},
