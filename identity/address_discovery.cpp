@@ -28,10 +28,6 @@ bool StartsWith(const std::string& text, std::string_view prefix) {
   return std::strncmp(text.c_str(), prefix.data(), prefix.size()) == 0;
 }
 
-uint16_t FirstGroup(const ResolvedAddress& a) {
-  return static_cast<uint16_t>((a.bytes[0] << 8) | a.bytes[1]);
-}
-
 bool SameAddress(const ResolvedAddress& a, const ResolvedAddress& b) {
   if (a.family != b.family) return false;
   const size_t n = a.family == kFamilyIPv4 ? 4 : 16;
@@ -99,7 +95,7 @@ bool CAddressDiscovery::AddIfReportable(const ResolvedAddress& address, IPv4List
   }
   if (address.family == kFamilyIPv6) {
     // A first group of 0 drops ::1, :: and IPv4-mapped forms.
-    const uint16_t first = FirstGroup(address);
+    const uint16_t first = FirstGroup(b.data());
     if (first == 0) return false;
     if (count6 >= 4 || !IsAddressAllowed(address) || (first & 0xffc0) == 0xfe80) return false;
     std::memcpy(ipv6[count6].data(), b.data(), 16);
@@ -112,6 +108,17 @@ bool CAddressDiscovery::AddIfReportable(const ResolvedAddress& address, IPv4List
 void CAddressDiscovery::GetAllIPAddress(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
                                         uint32_t& count6) {
   m_log.Debug("%s is called\n", kGetAllIPAddress);
+  AddHostAddresses(ipv4, count4, ipv6, count6, true);
+}
+
+AddressSet CAddressDiscovery::HostAddresses() {
+  AddressSet set;
+  AddHostAddresses(set.ipv4, set.count4, set.ipv6, set.count6, false);
+  return set;
+}
+
+void CAddressDiscovery::AddHostAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                         uint32_t& count6, bool logged) {
   std::string hostName;
   {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -120,7 +127,7 @@ void CAddressDiscovery::GetAllIPAddress(IPv4List& ipv4, uint32_t& count4, IPv6Li
   std::vector<ResolvedAddress> addresses;
   if (m_network.Resolve(hostName, addresses) != 0) return;
   for (const ResolvedAddress& a : addresses) {
-    if (!AddIfReportable(a, ipv4, count4, ipv6, count6)) continue;
+    if (!AddIfReportable(a, ipv4, count4, ipv6, count6) || !logged) continue;
     if (a.family == kFamilyIPv4) {
       m_log.Debug("%s:%d IPv4 address:%s\n", kGetAllIPAddress, 1356, AddressText(a).c_str());
     } else {
@@ -245,38 +252,6 @@ std::array<uint8_t, 6> ParsePermanentAddress(const std::string& text) {
     mac[i] = static_cast<uint8_t>(HexDigit(buffer[2 * i]) * 16 + HexDigit(buffer[2 * i + 1]));
   }
   return mac;
-}
-
-uint32_t IPv4ListsDiffer(uint32_t count, const IPv4List& oldList, const IPv4List& newList) {
-  const size_t n = std::min<size_t>(count, oldList.size());
-  for (size_t i = 0; i < n; ++i) {
-    if (std::find(newList.begin(), newList.begin() + n, oldList[i]) == newList.begin() + n) {
-      return 1;
-    }
-  }
-  return 0;
-}
-
-uint32_t IPv6ListsDiffer(uint32_t count, const IPv6List& oldList, const IPv6List& newList) {
-  const size_t n = std::min<size_t>(count, oldList.size());
-  for (size_t i = 0; i < n; ++i) {
-    bool found = false;
-    for (size_t j = 0; j < n && !found; ++j) {
-      found = std::memcmp(oldList[i].data(), newList[j].data(), 16) == 0;
-    }
-    if (!found) return 1;
-  }
-  return 0;
-}
-
-uint32_t AddressListsDiffer(uint32_t count4, const IPv4List& old4, const IPv4List& new4,
-                            uint32_t count6, const IPv6List& old6, const IPv6List& new6) {
-  return IPv4ListsDiffer(count4, old4, new4) || IPv6ListsDiffer(count6, old6, new6) ? 1 : 0;
-}
-
-uint32_t IPv4ListChanged(const IPv4List& oldList, uint32_t oldCount, const IPv4List& newList,
-                         uint32_t newCount) {
-  return oldCount != newCount || IPv4ListsDiffer(oldCount, oldList, newList) ? 1 : 0;
 }
 
 }  // namespace lindqvar

@@ -3,7 +3,8 @@
 // VirtualBox, Hyper-V adapters not bound to an external switch, hardware
 // addresses beginning 44:45:53) and, when the address category asks for it,
 // only the endpoint client's own VPN adapter's addresses while it is up.
-// The session manager owns one and delegates its address calls to it.
+// The session manager owns one; the event sender asks it for the addresses
+// of every report.
 #pragma once
 
 #include <array>
@@ -20,7 +21,6 @@
 #include "platform/network.h"
 
 namespace lindqvar {
-
 
 // One Hyper-V external switch port. `hasMac` is false when the port's
 // permanent address was missing, not a string or all zeros: such a port
@@ -47,6 +47,8 @@ class CAddressDiscovery {
   void GetIPAddress(IPv4List* ipv4, uint32_t& count4, IPv6List* ipv6, uint32_t& count6);
   // The host name's addresses, in the resolver's order.
   void GetAllIPAddress(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6, uint32_t& count6);
+  // The same addresses without log lines: the manager's first collection.
+  AddressSet HostAddresses();
   // The addresses of the first VPN adapter that is up; nothing when none is.
   void GetOnlyVLMVirtualAdapterAddress(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
                                        uint32_t& count6);
@@ -69,6 +71,10 @@ class CAddressDiscovery {
   // reported. Returns true when it was stored.
   bool AddIfReportable(const ResolvedAddress& address, IPv4List& ipv4, uint32_t& count4,
                        IPv6List& ipv6, uint32_t& count6) const;
+  // Resolves the host name and adds its reportable addresses, with a log
+  // line for each when `logged`.
+  void AddHostAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6, uint32_t& count6,
+                        bool logged);
 
   CLog& m_log;
   INetwork& m_network;
@@ -100,15 +106,5 @@ inline constexpr char16_t kVpnAdapterDescriptionNdis[] =
 // Parses Hyper-V's 12-digit permanent address text (upper-case hexadecimal,
 // not validated) from at most its first 16 8-bit characters.
 std::array<uint8_t, 6> ParsePermanentAddress(const std::string& text);
-
-// Order-free, one-sided comparisons: 1 when one of the first `count` old
-// entries is missing from the first `count` new entries, else 0.
-uint32_t IPv4ListsDiffer(uint32_t count, const IPv4List& oldList, const IPv4List& newList);
-uint32_t IPv6ListsDiffer(uint32_t count, const IPv6List& oldList, const IPv6List& newList);
-uint32_t AddressListsDiffer(uint32_t count4, const IPv4List& old4, const IPv4List& new4,
-                            uint32_t count6, const IPv6List& old6, const IPv6List& new6);
-// The counts differ, or IPv4ListsDiffer over the old count.
-uint32_t IPv4ListChanged(const IPv4List& oldList, uint32_t oldCount, const IPv4List& newList,
-                         uint32_t newCount);
 
 }  // namespace lindqvar

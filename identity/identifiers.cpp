@@ -19,7 +19,8 @@ void CIdentifiers::LoadClientUuid() {
 }
 
 void CIdentifiers::LoadVrxTenantId() {
-  ScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
+  CScopedSupportKey key(m_support,
+                        m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
   if (key) {
     m_strVrxTenantId.clear();
     std::u16string tenant;
@@ -32,8 +33,8 @@ void CIdentifiers::LoadVrxTenantId() {
 }
 
 std::unique_ptr<IRegistryKey> CIdentifiers::OpenEsnacForRead() {
-  ScopedSupportKey parent(m_support,
-                          m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
+  CScopedSupportKey parent(m_support,
+                           m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
   if (!parent) return nullptr;
   // Opened below the library's key, in that key's registry view.
   std::unique_ptr<IRegistryKey> key;

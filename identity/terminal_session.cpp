@@ -21,15 +21,15 @@ std::string Utf8(const std::u16string& s) { return WideToUtf8(s); }
 
 // Abandons the token on every way out of GetSessionAccount: the handle that
 // operation takes is never closed, and that is the behaviour to keep.
-class AbandonOnExit {
+class CAbandonOnExit {
  public:
-  AbandonOnExit(IAccounts& accounts, std::unique_ptr<IUserToken>& token)
+  CAbandonOnExit(IAccounts& accounts, std::unique_ptr<IUserToken>& token)
       : m_accounts(accounts), m_token(token) {}
-  ~AbandonOnExit() {
+  ~CAbandonOnExit() {
     if (m_token) m_accounts.AbandonToken(std::move(m_token));
   }
-  AbandonOnExit(const AbandonOnExit&) = delete;
-  AbandonOnExit& operator=(const AbandonOnExit&) = delete;
+  CAbandonOnExit(const CAbandonOnExit&) = delete;
+  CAbandonOnExit& operator=(const CAbandonOnExit&) = delete;
 
  private:
   IAccounts& m_accounts;
@@ -41,7 +41,6 @@ class AbandonOnExit {
 uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uint32_t sessionId,
                          CLog& log, uint32_t preferAzure) {
   record.m_dwSessionId = sessionId;
-  record.m_log = &log;
   record.m_strUserName.clear();
   record.m_strDomain.clear();
   record.m_strTenantId.clear();
@@ -107,7 +106,7 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
                       std::u16string& user, std::u16string& domain, uint32_t useDnsDomain) {
   IAccounts& accounts = system.accounts;
   std::unique_ptr<IUserToken> token;
-  AbandonOnExit keepOpen(accounts, token);
+  CAbandonOnExit keepOpen(accounts, token);
 
   const int r = QuerySessionUserToken(accounts, log, sessionId, &token, false);
   if (r == 1) return 2;

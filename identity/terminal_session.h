@@ -35,10 +35,6 @@ class CTerminalSession {
   const std::string& UserName() const { return m_strUserName; }
   const std::string& Domain() const { return m_strDomain; }
   const std::string& TenantId() const { return m_strTenantId; }
-  CLog* Log() const { return m_log; }
-  // Owned by the session table; this record only starts it at 0.
-  uint32_t Status() const { return m_dwStatus; }
-  void SetStatus(uint32_t status) { m_dwStatus = status; }
 
  private:
   friend uint32_t LoadSessionUser(const UserLookup&, CTerminalSession&, uint32_t, CLog&, uint32_t);
@@ -47,8 +43,6 @@ class CTerminalSession {
   std::string m_strUserName;
   std::string m_strDomain;
   std::string m_strTenantId;
-  CLog* m_log = nullptr;
-  uint32_t m_dwStatus = 0;
 };
 
 // Fills `record` for the session: 1 when a user was found, else 0.

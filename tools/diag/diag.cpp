@@ -476,7 +476,7 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
 
 int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
             std::FILE* out, ISecurityPackage* ntlm, IImpersonation* impersonation) {
-  SocketLibraryScope sockets;
+  CSocketLibraryScope sockets;
   if (!sockets.ok()) {
     std::fprintf(out, "The socket library cannot start.\n");
     return kExitSetup;

@@ -223,7 +223,7 @@ int main(int argc, char** argv) {
   if (!pskGiven) std::fprintf(stderr, "lindqvar-lab-authenticator: no preshared key given; using an empty one\n");
   options.presharedKey = psk;
 
-  SocketLibraryScope sockets;
+  CSocketLibraryScope sockets;
   ::signal(SIGINT, OnSignal);
   ::signal(SIGTERM, OnSignal);
 
