@@ -94,6 +94,9 @@ steady() { [ $((SECONDS - agent_started)) -gt 20 ]; }
 wait_for 30 "the agent's steady-run time" steady
 agent_set Servers "[::1]:$port2"
 check_wait 20 "the old agent ended and a fresh one starts now" file_has "$SERVICE_LOG" "a fresh one starts now."
+# The service logs the restart before it starts the fresh agent: wait for the
+# second start, then make sure there was no third.
+check_wait 20 "the service started the fresh agent" file_count_at_least "$SERVICE_LOG" "102 Started the agent" 2
 check "the agent ran on through the change of hosts only" \
   test "$(grep -c '102 Started the agent' "$SERVICE_LOG")" = 2
 check_wait 40 "the fresh agent finished its start-up" file_count_at_least "$AGENT_LOG" "m_count:" 2
