@@ -1,6 +1,7 @@
 #include "session/session_events.h"
 
 #include "platform/os.h"
+#include "platform/sessions.h"
 #include "protocol/transport/ip_address.h"
 #include "protocol/wire/wide_upper.h"
 
@@ -160,11 +161,13 @@ void CSessionEvents::ResendLogoffEvents() {
   while (!m_keptLogoffs.empty()) {
     KeptLogoff& kept = m_keptLogoffs.front();
     // Delivered directly, not through Report: the logon re-send state and
-    // the last sent set belong to the reports of the logged-on user.
+    // the last sent set belong to the reports of the logged-on user. For no
+    // session: a server's request for NTLM proof must not be answered as
+    // whoever has the departed user's session number by now.
     CEncoder event(kEventEncoderCapacity);
     BuildEventReport(event, ReportKind::kLogoff, m_last, kept.addresses, kept.entry, Machine());
     const uint32_t tries = ++kept.tries;
-    const bool delivered = m_delivery.Deliver(kept.session, event).delivered;
+    const bool delivered = m_delivery.Deliver(kNoSession, event).delivered;
     const std::string text = LogoffText(kept.entry, kept.addresses);
     m_log.Debug("ResendLogoff: re-sent the logoff of %s, try %d of %d: %s", text.c_str(),
                 static_cast<int>(tries), static_cast<int>(kResendTries),

@@ -141,7 +141,7 @@ class CSessionEvents {
   std::atomic<uint32_t> m_dwResendTries{0};
 
   struct KeptLogoff {
-    uint32_t session;
+    uint32_t session;        // for the log lines
     CTerminalSession entry;  // the departed user, as last reported
     AddressSet addresses;    // those of the logoff that failed
     uint32_t tries;          // re-sends so far

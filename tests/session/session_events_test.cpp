@@ -175,6 +175,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
                                    events.ResendTries()};
     };
     const auto before = state();
+    const size_t first = host.deliveries.size();
     host.accept = false;
     for (uint32_t i = 0; i < resend.failedRounds; ++i) events.ResendLogoffEvents();
     host.accept = true;
@@ -183,6 +184,8 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
     events.ResendLogoffEvents();  // nothing is left to send
     EXPECT_EQ(host.deliveries.size(), sent);
     EXPECT_EQ(state(), before);
+    // For no session: nobody's NTLM proof for a departed user.
+    for (size_t i = first; i < sent; ++i) EXPECT_EQ(host.deliveries[i].session, kNoSession);
   }
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.Logon(), row.nextL);
