@@ -124,6 +124,7 @@ uint32_t CSessionManager::Init() {
   PublishSettings();
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
@@ -207,9 +208,11 @@ uint32_t CSessionManager::ReloadSettings() {
   // Server verification is not part of the change test: it applies from the
   // next connection on without ending the agent.
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
-  // Nor is the exclusion list: each session meets the new list at its next
-  // event.
+  // Nor are the opt-ins of session reporting: each session meets the new
+  // exclusion list at its next event, and logoffs are kept (or the kept
+  // ones dropped) from now on.
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }

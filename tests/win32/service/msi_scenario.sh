@@ -4,9 +4,9 @@
 # authenticator on 127.0.0.1, the service runs the agent, a posted logon
 # reaches the lab, settings changes are passed on (re-read, or a fresh
 # agent), net stop ends both with LINDQState NOT_CONFIGURED, net start again,
-# an upgrade keeps the settings changed since and writes ExcludedUsers (absent
-# after the install without its property), and msiexec /x leaves nothing
-# behind.
+# an upgrade keeps the settings changed since (ResendLogoff too, absent after
+# the install without its property) and writes ExcludedUsers (absent likewise),
+# and msiexec /x leaves nothing behind.
 #   msi_scenario.sh <lindqvar.msi> <next-version msi> <lab authenticator> <pki dir>
 #                   <client CA> <agent_control.exe>
 set -uo pipefail
@@ -70,7 +70,7 @@ check "the programs are under Program Files" \
   test -f "$DIR/lindqvar-agent.exe" -a -f "$DIR/lindqvar-service.exe" -a -f "$DIR/lindqvar-diag.exe"
 for row in "Servers=REG_SZ 127.0.0.1:$port1" "PresharedKey=REG_SZ $LAB_KEY_VALUE" \
            "PreferAzure=REG_DWORD 0x1" "Enabled=REG_DWORD 0x1" "VerifyServer=REG_DWORD 0x1" \
-           "ExcludedUsers="; do
+           "ExcludedUsers=" "ResendLogoff="; do
   value_row "after the install" "$row"
 done
 check "the service runs" test "$(service_state)" = RUNNING
@@ -122,12 +122,13 @@ done
 # ExcludedUsers from its property as a multi-string.
 agent_set Servers "[::1]:$port2;127.0.0.1:$port1"
 agent_set AddressCategory dword:4
+agent_set ResendLogoff dword:1
 msi /i "$MSI_NEXT" /l*v "Z:${WORK//\//\\}\\upgrade.log" EXCLUDEDUSERS='svc-*;CORP\helpdesk'
 rc=$?
 check "msiexec /i of the next version succeeds (exit $rc)" test $rc = 0
 check "the preshared key is not in the upgrade's log" file_lacks "$WORK/upgrade.log" "$LAB_KEY_VALUE"
 for row in "Servers=REG_SZ [::1]:$port2;127.0.0.1:$port1" "PresharedKey=REG_SZ $LAB_KEY_VALUE" \
-           "AddressCategory=REG_DWORD 0x4" "VerifyServer=REG_DWORD 0x1" \
+           "AddressCategory=REG_DWORD 0x4" "VerifyServer=REG_DWORD 0x1" "ResendLogoff=REG_DWORD 0x1" \
            'ExcludedUsers=REG_MULTI_SZ svc-*;CORP\helpdesk'; do
   value_row "after the upgrade" "$row"
 done
