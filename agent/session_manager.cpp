@@ -98,8 +98,7 @@ uint32_t CSessionManager::Init() {
   InitTlsLibrary();
   if (m_ntlmPackage) m_ntlmPackage->PreparePackage();  // its result is not checked
 
-  m_hostName = m_network.HostName();
-  if (m_hostName.size() > 255) m_hostName.resize(255);
+  m_hostName = ReadHostName(m_network);
   m_addresses.SetHostName(m_hostName);
 
   m_addresses.LoadHyperVExternalPorts();
@@ -170,19 +169,7 @@ void CSessionManager::EnumerateSessions() {
 }
 
 void CSessionManager::ReadComputerDomain() {
-  m_domainName.clear();
-  std::u16string domain;
-  uint32_t error = 0;
-  if (!m_network.PhysicalDnsDomain(domain, error)) {
-    m_log.Error("Failed to get computer domain name\n");
-    return;
-  }
-  if (domain.empty()) {
-    m_log.Error("Failed to get computer domain name, dwSize = 0\n");
-    return;
-  }
-  m_domainName = WideToAnsi(domain);
-  if (m_domainName.size() > 255) m_domainName.resize(255);
+  m_domainName = lindqvar::ReadComputerDomain(m_network, m_log);
 }
 
 void CSessionManager::ApplyUserExclusions() {
