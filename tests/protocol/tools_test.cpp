@@ -341,7 +341,8 @@ TEST(DiagReport, SaysWhatTheAgentWouldReportAndWhy) {
         "server 2: auth.corp.example port 8001: resolves to 192.0.2.7; the agent connects to 192.0.2.7",
         "server 3: gone.example port 8001: does not resolve (error 11001); the agent uses the last "
         "address it obtained, 192.0.2.7",
-        "ExcludedUsers: svc_*\n  WARNING: ExcludedUsers entry with more than one backslash is skipped",
+        "ExcludedUsers: svc_*\n  WARNING: ExcludedUsers entry with more than one backslash is skipped: bad\\x\\y\n"
+        "  ResendLogoff off",
         "host name pc7, DNS domain corp.example",
         "device UUID {5EED0000-1111-2222-3333-444455556666}, management-server serial (none)",
         "left out 127.0.1.1: loopback", "sent     10.0.0.5", "sent     fd00::5",
@@ -356,10 +357,14 @@ TEST(DiagReport, SaysWhatTheAgentWouldReportAndWhy) {
        {"\"presharedKey\": \"set\"", "\"agentState\": {\n    \"value\": 2,",
         "\"address\": \"127.0.1.1\",\n        \"source\": \"host-name\",\n        \"reason\": \"loopback\"",
         "\"ipv4\": [\n      \"10.0.0.5\"\n    ]", "\"excludedBy\": \"svc_*\"",
-        "\"reports\": true,\n    \"session\": 3,"}},
+        "\"resendLogoff\": false", "\"reports\": true,\n    \"session\": 3,"}},
       // The user of the current session on the list.
-      {[](ReportMachine& m) { m.Exclude(u"CORP.EXAMPLE\\al*"); }, diag::kExitNothingReported, false,
-       {"nothing is reported: the current session 3 is excluded by the ExcludedUsers entry "
+      {[](ReportMachine& m) {
+         m.Exclude(u"CORP.EXAMPLE\\al*");
+         m.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, u"ResendLogoff", 4, {1, 0, 0, 0});
+       },
+       diag::kExitNothingReported, false,
+       {"ResendLogoff on", "nothing is reported: the current session 3 is excluded by the ExcludedUsers entry "
         "CORP.EXAMPLE\\al*"}},
       // Run as an administrator rather than as the agent's account.
       {[](ReportMachine& m) { m.sessions.sessions = {{4, SessionState::kActive}}; m.accounts.queryError = 1314; },

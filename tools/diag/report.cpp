@@ -70,6 +70,7 @@ struct Findings {
   ServerVerification verification;
   CUserExclusions exclusions;
   std::vector<std::string> exclusionProblems;
+  bool resendLogoff = false;
 
   std::string hostName;  // ANSI
   std::string dnsDomain;  // ANSI
@@ -404,6 +405,9 @@ void PrintText(const Findings& f, std::FILE* out) {
   for (const auto& p : f.exclusions.Patterns()) patterns.push_back(WideToUtf8(p.text));
   std::fprintf(out, "  ExcludedUsers: %s\n", Joined(patterns).c_str());
   for (const std::string& p : f.exclusionProblems) std::fprintf(out, "  WARNING: %s\n", p.c_str());
+  std::fprintf(out, "  ResendLogoff %s\n",
+               f.resendLogoff ? "on: a logoff that reached no server is sent again"
+                              : "off: a logoff that reached no server is not sent again");
 
   std::fprintf(out, "Machine\n  host name %s, DNS domain %s\n", OrNone(Utf8FromAnsi(f.hostName)).c_str(),
                OrNone(Utf8FromAnsi(f.dnsDomain)).c_str());
@@ -595,6 +599,7 @@ void PrintJson(const Findings& f, std::FILE* out) {
   j.Strings("patterns", patterns);
   j.Strings("problems", f.exclusionProblems);
   j.End('}');
+  j.Bool("resendLogoff", f.resendLogoff);
   j.End('}');
 
   j.Begin("machine", '{');
@@ -718,6 +723,7 @@ int RunReport(const DiagOptions& options, const Platform& platform, IServiceStat
   f.keySet = !settings.PresharedKey().empty();
   f.verification = ReadServerVerification(registry);
   f.exclusions = CUserExclusions::Parse(ReadUserExclusions(registry), f.exclusionProblems);
+  f.resendLogoff = ReadResendLogoff(registry);
   FindServers(f, settings.Servers(), network, log);
 
   f.hostName = ReadHostName(network);
