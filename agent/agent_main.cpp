@@ -14,7 +14,7 @@ int AgentMain(int argc, const char* const* argv, const Platform& platform,
   const auto args = ScanArguments(argc, argv);
   if (!args) return kExitCode;
 
-  std::shared_ptr<Event> control = createNamedEvent(args->eventName);
+  std::shared_ptr<CEvent> control = createNamedEvent(args->eventName);
   const std::u16string key = AnsiToWide(args->controlKey);
 
   manager->Start();

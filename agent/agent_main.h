@@ -13,7 +13,7 @@ namespace lindqvar {
 // Creates (or opens, when the parent made it) the automatic-reset named
 // control event. May return null; the control loop then polls. The event is
 // shared so that whoever signals it from outside may keep it alive.
-using NamedEventFactory = std::function<std::shared_ptr<Event>(const std::string& name)>;
+using NamedEventFactory = std::function<std::shared_ptr<CEvent>(const std::string& name)>;
 
 class CSessionManager;
 

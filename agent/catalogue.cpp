@@ -24,11 +24,4 @@ constexpr CatalogueEvent kCatalogue[] = {
 
 std::span<const CatalogueEvent> EventCatalogue() { return kCatalogue; }
 
-const CatalogueEvent* FindCatalogueEvent(uint32_t id) {
-  for (const auto& e : kCatalogue) {
-    if (e.id == id) return &e;
-  }
-  return nullptr;
-}
-
 }  // namespace lindqvar

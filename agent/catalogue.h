@@ -18,10 +18,6 @@ inline constexpr uint32_t kEventStopping = 96984;
 inline constexpr uint32_t kSeverityInformational = 6;
 inline constexpr uint32_t kSeverityWarning = 4;
 
-// The product version that the start event is about.
-inline constexpr char16_t kProductVersion[] = u"7.4.5.1949";
-
 std::span<const CatalogueEvent> EventCatalogue();
-const CatalogueEvent* FindCatalogueEvent(uint32_t id);
 
 }  // namespace lindqvar

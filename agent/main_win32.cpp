@@ -16,9 +16,9 @@ int main(int argc, char** argv) {
         // Automatic reset, not signalled; opens the event when the parent
         // made it. Made here, it gets SYSTEM and Administrators only.
         lindqvar::win32::CProtectedSecurity security;
-        if (!security.get()) return std::unique_ptr<lindqvar::Event>();
+        if (!security.get()) return std::unique_ptr<lindqvar::CEvent>();
         HANDLE h = ::CreateEventA(security.get(), FALSE, FALSE, name.c_str());
-        return h ? lindqvar::Event::Adopt(h) : nullptr;
+        return h ? lindqvar::CEvent::Adopt(h) : nullptr;
       },
       [](std::unique_ptr<lindqvar::CSessionManager>) {
         // A worker is still inside a send after a settings change: end the

@@ -1,7 +1,5 @@
 #include "agent/session_manager.h"
 
-#include <cstring>
-
 #include "agent/catalogue.h"
 #include "agent/state.h"
 #include "agent/verification_settings.h"
@@ -12,19 +10,10 @@ namespace lindqvar {
 
 namespace {
 constexpr char16_t kLogName[] = u"FA_LINDQ";
-// Re-send passes after a failure before the timer gives up until an
-// ordinary pass resets the count.
-constexpr uint32_t kMaxResendTries = 20;
-
-bool IsLoopbackOrLinkLocalV4(const uint8_t* a) {
-  return a[0] == 127 || (a[0] == 169 && a[1] == 254);
-}
-uint16_t FirstGroup(const uint8_t* a) { return static_cast<uint16_t>(a[0] << 8 | a[1]); }
 }  // namespace
 
 CSessionManager::CSessionManager(const Platform& platform)
     : m_platform(platform),
-      m_waits(platform.waits ? *platform.waits : m_plainWaits),
       m_support(*platform.support),
       m_registry(*platform.registry),
       m_network(*platform.network),
@@ -32,16 +21,13 @@ CSessionManager::CSessionManager(const Platform& platform)
       m_addresses(m_log, *platform.network, *platform.adapters, *platform.hyperv, std::string(), 0),
       m_identifiers(m_log, *platform.support, *platform.registry),
       m_delivery(m_log, *platform.support, *platform.network, m_platform.timings),
-      m_sessions(m_log,
-                 [this](CTerminalSession& record, uint32_t session) {
-                   const UserLookup system{*m_platform.accounts, *m_platform.registry,
-                                           *m_platform.console, m_platform.timings};
-                   return LoadSessionUser(system, record, session, m_log,
-                                          m_settings.PreferAzure());
-                 }),
-      m_events(SessionEventParts{m_log, *platform.support, *platform.sessions, *platform.window,
-                                 m_platform.timings, m_sessions, m_addresses, m_identifiers,
-                                 m_delivery}) {
+      m_sessions(m_log, UserLookup{*platform.accounts, *platform.registry, *platform.console,
+                                   m_platform.timings}),
+      m_events(m_log, *platform.support, m_sessions, m_addresses, m_identifiers, m_delivery),
+      m_notifications(m_log, *platform.sessions, m_platform.timings, m_sessions, m_events),
+      m_workers({m_log, *platform.network, platform.waits ? *platform.waits : m_plainWaits,
+                 *platform.window, m_platform.timings, m_sessions, m_events, m_notifications,
+                 [this] { return m_delivery.KeepAliveInterval(); }}) {
   m_delivery.SetReachabilityCallback([this](uint32_t state) { SetState(state); });
   if (platform.securityPackage && platform.impersonation) {
     m_ntlmPackage = std::make_unique<CNtlmPackage>(*platform.securityPackage);
@@ -57,7 +43,7 @@ CSessionManager::~CSessionManager() {
   // workers are still going. The process is about to end; stopping them here
   // (quietly: no catalogue event, no log release) lets the manager be torn
   // down without a worker touching freed members.
-  StopWorkers();
+  m_workers.Join();
   WriteFinalState();
 }
 
@@ -85,26 +71,13 @@ uint32_t CSessionManager::Start() {
   m_support.LogW(kEventStarting, nullptr);
 
   Init();
-
-  m_threads[kNotificationThread].Start([this] { return NotificationThread(); });
-  m_threads[kAddressWatchThread].Start([this] { return AddressWatchThread(); });
-  m_threads[kAddressHandlerThread].Start([this] { return AddressHandlerThread(); });
-  m_threads[kKeepAliveThread].Start([this] { return KeepAliveThread(); });
-  m_threads[kResendThread].Start([this] { return ResendThread(); });
-  m_threads[kPendingSessionThread].Start([this] { return PendingSessionThread(); });
+  m_workers.Start();
   return 0;
 }
 
 uint32_t CSessionManager::Stop() {
-  m_stopEvent.Set();
-  // Waited for in this order, each without a time limit.
-  for (ThreadIndex i : {kNotificationThread, kKeepAliveThread, kResendThread, kAddressWatchThread,
-                        kAddressHandlerThread, kPendingSessionThread}) {
-    WorkerThread& t = m_threads[i];
-    if (!t.Started()) continue;
-    while (t.ExitCode() == WorkerThread::kStillActive) SleepMs(m_platform.timings.threadExitPollMs);
-    t.Join();
-  }
+  // Waited for in their stop order, each without a time limit.
+  m_workers.Stop();
   m_support.LogW(kEventStopping, nullptr);
   if (LogHandle h = m_log.Handle()) {
     m_log.SetHandle(nullptr);
@@ -117,26 +90,6 @@ uint32_t CSessionManager::Stop() {
   return 0;
 }
 
-void CSessionManager::StopWorkers() {
-  m_stopEvent.Set();
-  for (WorkerThread& t : m_threads) t.Join();
-}
-
-bool CSessionManager::EndWorkers(uint32_t graceMs) {
-  m_stopEvent.Set();
-  const uint32_t start = TickCount();
-  for (;;) {
-    bool running = false;
-    for (const WorkerThread& t : m_threads)
-      running = running || (t.Started() && t.ExitCode() == WorkerThread::kStillActive);
-    if (!running) break;
-    if (TickCount() - start >= graceMs) return false;
-    SleepMs(m_platform.timings.threadExitPollMs);
-  }
-  for (WorkerThread& t : m_threads) t.Join();
-  return true;
-}
-
 uint32_t CSessionManager::Init() {
   SleepMs(m_platform.timings.startupDelayMs);
   m_network.Startup();
@@ -145,13 +98,16 @@ uint32_t CSessionManager::Init() {
   InitTlsLibrary();
   if (m_ntlmPackage) m_ntlmPackage->PreparePackage();  // its result is not checked
 
-  m_hostName = m_network.HostName();
-  if (m_hostName.size() > 255) m_hostName.resize(255);
+  m_hostName = ReadHostName(m_network);
   m_addresses.SetHostName(m_hostName);
 
   m_addresses.LoadHyperVExternalPorts();
   m_addresses.BuildVirtualAdapterList();
-  CollectHostAddresses();
+  const AddressSet host = m_addresses.HostAddresses();
+  m_IPv4 = host.ipv4;
+  m_count = host.count4;
+  m_IPv6 = host.ipv6;
+  m_count6 = host.count6;
   m_log.Debug("m_count:%d, m_count6:%d", static_cast<int>(m_count), static_cast<int>(m_count6));
   PublishWorkstation();
 
@@ -167,6 +123,7 @@ uint32_t CSessionManager::Init() {
   PublishSettings();
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
@@ -211,45 +168,8 @@ void CSessionManager::EnumerateSessions() {
   m_events.SendSessionEvent(current, 1, 0);
 }
 
-void CSessionManager::CollectHostAddresses() {
-  std::lock_guard<std::mutex> lock(m_csAddresses);
-  m_IPv4 = {};
-  m_IPv6 = {};
-  m_count = 0;
-  m_count6 = 0;
-  std::vector<ResolvedAddress> addresses;
-  if (m_network.Resolve(m_hostName, addresses) != 0) return;
-  for (const ResolvedAddress& a : addresses) {
-    if (a.family == kFamilyIPv4) {
-      if (IsLoopbackOrLinkLocalV4(a.bytes.data())) continue;
-      if (m_count < 4 && m_addresses.IsAddressAllowed(a)) {
-        uint32_t v;
-        std::memcpy(&v, a.bytes.data(), 4);  // stays in network byte order
-        m_IPv4[m_count++] = v;
-      }
-    } else if (a.family == kFamilyIPv6) {
-      const uint16_t first = FirstGroup(a.bytes.data());
-      if (first == 0 || m_count6 >= 4) continue;
-      if (!m_addresses.IsAddressAllowed(a) || (first & 0xffc0) == 0xfe80) continue;
-      std::memcpy(m_IPv6[m_count6++].data(), a.bytes.data(), 16);
-    }
-  }
-}
-
 void CSessionManager::ReadComputerDomain() {
-  m_domainName.clear();
-  std::u16string domain;
-  uint32_t error = 0;
-  if (!m_network.PhysicalDnsDomain(domain, error)) {
-    m_log.Error("Failed to get computer domain name\n");
-    return;
-  }
-  if (domain.empty()) {
-    m_log.Error("Failed to get computer domain name, dwSize = 0\n");
-    return;
-  }
-  m_domainName = WideToAnsi(domain);
-  if (m_domainName.size() > 255) m_domainName.resize(255);
+  m_domainName = lindqvar::ReadComputerDomain(m_network, m_log);
 }
 
 void CSessionManager::ApplyUserExclusions() {
@@ -275,19 +195,18 @@ uint32_t CSessionManager::ReloadSettings() {
   // Server verification is not part of the change test: it applies from the
   // next connection on without ending the agent.
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
-  // Nor is the exclusion list: each session meets the new list at its next
-  // event.
+  // Nor are the opt-ins of session reporting: each session meets the new
+  // exclusion list at its next event, and logoffs are kept (or the kept
+  // ones dropped) from now on.
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }
 
-int64_t CSessionManager::WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) {
-  return m_events.WindowProc(message, wParam, lParam);
-}
-
 void CSessionManager::PublishSettings() {
   m_addresses.SetAddressCategory(m_settings.AddressCategory());
+  m_sessions.SetPreferAzure(m_settings.PreferAzure());
   // Passes that start from now on take the new servers and key.
   m_delivery.SetConfiguration(m_settings.Delivery());
 }
@@ -297,142 +216,16 @@ void CSessionManager::PublishWorkstation() {
   w.facts.computerName = m_hostName;
   w.facts.dnsDomain = m_domainName;
   w.facts.preferAzure = m_settings.PreferAzure();
+  w.localIPv4 = m_IPv4[0];
+  // The connection log line names the first IPv4 address, or the first
+  // IPv6 one when there is no IPv4 address.
   IpAddress local;
-  {
-    std::lock_guard<std::mutex> lock(m_csAddresses);
-    w.localIPv4 = m_IPv4[0];
-    // The connection log line names the first IPv4 address, or the first
-    // IPv6 one when there is no IPv4 address.
-    if (m_count == 0 && m_count6 != 0)
-      local.SetIPv6(m_IPv6[0].data());
-    else
-      local.SetIPv4(m_IPv4[0]);
-  }
+  if (m_count == 0 && m_count6 != 0)
+    local.SetIPv6(m_IPv6[0].data());
+  else
+    local.SetIPv4(m_IPv4[0]);
   m_delivery.SetLocalAddress(local);
   m_events.SetWorkstation(w);
-}
-
-uint32_t CSessionManager::NotificationThread() {
-  ISessionWindow& window = *m_platform.window;
-  if (!window.Create(*this)) return 0;
-  if (window.RegisterNotifications()) m_bNotifyRegistered = 1;
-  for (;;) {
-    // The session service may come up after the agent: retry every round.
-    if (m_bNotifyRegistered == 0 && window.RegisterNotifications()) m_bNotifyRegistered = 1;
-    window.Drain();
-    // Until registered, come back after the pump interval to try again;
-    // then sleep until a message arrives or the agent stops, so an idle
-    // agent does not wake 100 times a second.
-    const uint32_t interval = m_platform.timings.pumpIntervalMs;
-    const PumpWait r =
-        window.WaitForStopOrMessage(m_stopEvent, m_bNotifyRegistered ? kInfinite : interval);
-    if (r == PumpWait::kStop) break;
-    // A wait that cannot include the queue falls back to polling it.
-    if (r == PumpWait::kFailed && m_stopEvent.Wait(interval) == WaitResult::kSignaled) break;
-  }
-  window.DestroyAndUnregister();
-  return 1;
-}
-
-bool CSessionManager::PauseAfterFailedWait(const char* thread, uint32_t& failures) {
-  if (failures++ == 0) {
-    m_log.Error("%s: waiting for an address change failed, error %d; trying again every %d ms",
-                thread, static_cast<int>(LastErrorCode()),
-                static_cast<int>(m_platform.timings.addressWaitRetryMs));
-  }
-  return m_stopEvent.Wait(m_platform.timings.addressWaitRetryMs) != WaitResult::kSignaled;
-}
-
-void CSessionManager::EndFailedWaits(const char* thread, uint32_t& failures) {
-  if (failures == 0) return;
-  m_log.Debug("%s: waiting for an address change works again after %d failed waits", thread,
-              static_cast<int>(failures));
-  failures = 0;
-}
-
-uint32_t CSessionManager::AddressWatchThread() {
-  std::unique_ptr<IAddressChangeWatch> watch = m_network.CreateAddressChangeWatch();
-  const uint32_t error = watch ? watch->Arm() : 1u;
-  if (error != 0) {
-    m_log.Debug("NotifyAddrChange error...%d", static_cast<int>(error));
-    return 0;
-  }
-  uint32_t failures = 0;
-  for (;;) {
-    const int which = m_waits.WaitAny(m_stopEvent, watch->Changed(), kInfinite);
-    if (which == 0) break;
-    if (which == 1) {
-      EndFailedWaits("address watch", failures);
-      watch->Changed().Reset();
-      m_addressEvent.Set();
-      watch->Rearm();
-    } else if (!PauseAfterFailedWait("address watch", failures)) {
-      break;
-    }
-  }
-  return 1;
-}
-
-uint32_t CSessionManager::AddressHandlerThread() {
-  uint32_t failures = 0;
-  for (;;) {
-    const int which = m_waits.WaitAny(m_stopEvent, m_addressEvent, kInfinite);
-    if (which == 0) return 1;
-    // A failed wait says nothing about the addresses: no round for it.
-    if (which != 1) {
-      if (!PauseAfterFailedWait("address handler", failures)) return 1;
-      continue;
-    }
-    EndFailedWaits("address handler", failures);
-    // Checks at about 0, 5 and 10 seconds after the change; signals that
-    // arrive meanwhile fold into one further check.
-    for (int round = 0; round < 3; ++round) {
-      m_events.CheckAddressChange();
-      if (round < 2 &&
-          m_stopEvent.Wait(m_platform.timings.addressRoundWaitMs) == WaitResult::kSignaled)
-        return 1;
-    }
-  }
-}
-
-uint32_t CSessionManager::KeepAliveWaitMs(uint32_t seconds, uint32_t unitMs) {
-  const uint64_t kept = seconds < 1 ? 1 : (seconds > kMaxKeepAliveSeconds ? kMaxKeepAliveSeconds
-                                                                          : seconds);
-  const uint64_t ms = kept * unitMs;
-  return ms >= kInfinite ? kInfinite - 1 : static_cast<uint32_t>(ms);
-}
-
-uint32_t CSessionManager::KeepAliveThread() {
-  for (;;) {
-    // The server sets the interval; a value whose milliseconds do not fit
-    // 32 bits must not wrap into a short wait and a flood of keep-alives.
-    const uint32_t waitMs =
-        KeepAliveWaitMs(m_delivery.KeepAliveInterval(), m_platform.timings.keepAliveUnitMs);
-    const WaitResult r = m_waits.Wait(m_stopEvent, waitMs);
-    if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout) m_events.SendKeepAliveEvent();
-  }
-}
-
-uint32_t CSessionManager::ResendThread() {
-  for (;;) {
-    const WaitResult r = m_stopEvent.Wait(m_platform.timings.resendPeriodMs);
-    if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout && m_events.ResendPending() == 1 &&
-        m_events.ResendTries() < kMaxResendTries) {
-      m_events.ResendLogonEvent();
-    }
-  }
-}
-
-uint32_t CSessionManager::PendingSessionThread() {
-  for (;;) {
-    const WaitResult r = m_stopEvent.Wait(m_platform.timings.pendingRetryPeriodMs);
-    if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout)
-      m_sessions.RetryPendingSessions(
-          [this](uint32_t session) { m_events.SendSessionEvent(session, 1, 0); });
-  }
 }
 
 }  // namespace lindqvar

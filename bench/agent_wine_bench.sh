@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The agent under Wine in the lab namespace (scripts/lib/agent-lab.sh):
+# The agent under Wine on the lab machine (scripts/lib/agent-lab.sh):
 #   1. latency from posting WTS_SESSION_LOGON (or LOGOFF) to the lab
 #      authenticator finishing that connection, against one
 #      `lindqvar-diag.exe send` to the same server in the same run (both
@@ -12,58 +12,50 @@
 # anchor (the diag send) and their ratio, the line to compare between runs.
 # Needs the mingw and native builds (scripts/run-agent makes both).
 #   ROUNDS (default 10), IDLE_SECONDS (default 60)
-set -euo pipefail
+set -uo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
-WORK=$ROOT/build/mingw/bench-run
 ROUNDS=${ROUNDS:-10}
 IDLE_SECONDS=${IDLE_SECONDS:-60}
 . scripts/lib/agent-lab.sh
-lab_netns_enter bash "$0" "$@"
-
 BUILD=$ROOT/build/mingw
-AGENT=$BUILD/agent/lindqvar-agent.exe
-CONTROL=$BUILD/tools/agent_control.exe
-DIAG=$BUILD/tools/lindqvar-diag.exe
+AGENT=$BUILD/agent/lindqvar-agent.exe CONTROL=$BUILD/tools/agent_control.exe
+DIAG=$BUILD/tools/lindqvar-diag.exe PKI=$BUILD/pki CLIENT_CA=$BUILD/pki/ca.pem
 LAB=${LAB:-$ROOT/build/native/tools/lindqvar-lab-authenticator}
-trap 'lab_stop; $WS -k 2>/dev/null' EXIT
-mkdir -p "$WORK"
-lab_prefix
-lab_start "$LAB" "$BUILD/pki" "$BUILD/pki/ca.pem"
-agent_configure "127.0.0.1:$LAB_PORT"
-agent_start "$AGENT"
+lab_begin agent_wine_bench "$BUILD/bench-run" "$0" "$@"
+lab_start main || exit 1
+agent_configure "127.0.0.1:$(lab_port main)"
+agent_start || exit 1
 
 now_ms() { date +%s%3N; }
 median() { sort -n | awk '{a[NR]=$1} END {print (NR % 2) ? a[(NR+1)/2] : (a[NR/2] + a[NR/2+1]) / 2}'; }
 # One timed step: runs "$@" and waits for the lab's next finished connection.
+lab_has_new() { [ "$(lab_new_count main)" -gt 0 ]; }
 timed() {
-  local before t0
-  before=$(lab_connections)
+  local t0
+  lab_mark main
   t0=$(now_ms)
   "$@" >/dev/null 2>&1
-  lab_wait_connections "$before" 30
+  wait_for 30 "the lab's next connection" lab_has_new >&2 || return 1
   echo $(($(now_ms) - t0))
 }
 post=() diag=()
 for ((i = 0; i < ROUNDS; i++)); do
   kind=logon; ((i % 2)) && kind=logoff
-  post+=("$(timed $W "$CONTROL" post "$kind" 1)")
-  diag+=("$(timed $W "$DIAG" send --server "127.0.0.1:$LAB_PORT" --key-file "$WORK/psk" \
-    --user bench --domain corp --workstation ws1.corp --ip 10.77.0.5)")
+  t=$(timed $W "$CONTROL" post "$kind" 1) || exit 1
+  post+=("$t")
+  t=$(timed $W "$DIAG" send --server "127.0.0.1:$(lab_port main)" --key-file "$WORK/psk" \
+    --user bench --domain corp --workstation ws1.corp --ip 10.77.0.5) || exit 1
+  diag+=("$t")
 done
 p=$(printf '%s\n' "${post[@]}" | median)
 d=$(printf '%s\n' "${diag[@]}" | median)
 echo "post -> recorded (ms):  ${post[*]}  median $p"
 echo "diag send (ms):         ${diag[*]}  median $d"
 
-# Idle CPU: the Windows process of the agent is the wine loader's process;
-# the wineserver is this prefix's (others may run on the machine).
+# Idle CPU: the Windows process of the agent is the wine loader's process.
 pid=$AGENT_PID
-wspid=
-for w in $(pgrep -f wineserver); do
-  tr '\0' '\n' 2>/dev/null <"/proc/$w/environ" | grep -qxF "WINEPREFIX=$WINEPREFIX" && wspid=$w
-done
-[ -n "$wspid" ] || { echo "no wineserver for $WINEPREFIX" >&2; exit 1; }
+wspid=$(lab_wineserver_pid)
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hz=$(getconf CLK_TCK)
 a0=$(ticks "$pid") w0=$(ticks "$wspid")
@@ -75,4 +67,4 @@ awk -v a=$((a1 - a0)) -v w=$((w1 - w0)) -v hz="$hz" -v s="$IDLE_SECONDS" 'BEGIN 
 awk -v p="$p" -v d="$d" -v n="$ROUNDS" 'BEGIN {
   printf "agent_wine_bench: post -> recorded %.1f ms, diag send %.1f ms (medians of %d), ratio %.2f (goal <= 1.2)\n",
          p, d, n, p / d }'
-agent_stop "$CONTROL"
+agent_stop

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Footprint of the agent under Wine against a bare Windows program, both run
-# side by side in one lab namespace (scripts/lib/agent-lab.sh) and one
+# side by side on the lab machine of scripts/lib/agent-lab.sh with one
 # wineserver:
 #   - lindqvar-agent.exe configured for the lab authenticator, started, one
 #     user reported (a posted logon the lab records), then left idle;
@@ -30,50 +30,40 @@
 #   BARE_PUMP_MS  when set, the bare program polls its window every N ms instead of
 #                 sleeping until a message arrives
 #   IDLE_SECONDS  (default 60), SETTLE_SECONDS after the report (default 5)
-set -euo pipefail
+set -uo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
-WORK=$ROOT/build/mingw/footprint-run
 IDLE_SECONDS=${IDLE_SECONDS:-60}
 export SETTLE_SECONDS=${SETTLE_SECONDS:-5}
 . scripts/lib/agent-lab.sh
-lab_netns_enter bash ${LINDQVAR_TRACE:+-x} "$0" "$@"
-
 BUILD=$ROOT/build/mingw
 AGENT=${AGENT:-$BUILD/release/lindqvar-agent.exe}
 BARE=$BUILD/release/bare_agent.exe
-CONTROL=$BUILD/tools/agent_control.exe
+CONTROL=$BUILD/tools/agent_control.exe PKI=$BUILD/pki CLIENT_CA=$BUILD/pki/ca.pem
 LAB=${LAB:-$ROOT/build/native/tools/lindqvar-lab-authenticator}
 BARE_EVENT='Global\LindqvarBare_Ctl'
 for f in "$AGENT" "$BARE" "$CONTROL" "$LAB"; do
   [ -e "$f" ] || { echo "missing $f (build the mingw and native presets first)" >&2; exit 1; }
 done
-BARE_PID=
-trap 'lab_stop; [ -n "$BARE_PID" ] && kill "$BARE_PID" 2>/dev/null; $WS -k 2>/dev/null' EXIT
-mkdir -p "$WORK"
-lab_prefix
-lab_start "$LAB" "$BUILD/pki" "$BUILD/pki/ca.pem"
-agent_configure "127.0.0.1:$LAB_PORT"
+lab_begin footprint_wine_bench "$BUILD/footprint-run" ${LINDQVAR_TRACE:+-x} "$0" "$@"
+lab_start main || exit 1
+agent_configure "127.0.0.1:$(lab_port main)"
 
 $W "$BARE" -s "$BARE_EVENT" ${BARE_PUMP_MS:+--pump-ms "$BARE_PUMP_MS"} >"$WORK/bare.out" 2>&1 &
 BARE_PID=$!
-agent_start "$AGENT" || { echo "the agent did not start" >&2; exit 1; }
-before=$(lab_connections)
-agent_post "$CONTROL" logon 1
-lab_wait_connections "$before" 30 && agent_wait_log "succeeded to send session info" 10 ||
-  { echo "the agent did not report the logon" >&2; exit 1; }
+trap 'kill "$BARE_PID" 2>/dev/null || true; lab_cleanup' EXIT
+agent_start || exit 1
+agent_post logon
+wait_for 30 "the agent's record of the reported logon" log_has "succeeded to send session info" || exit 1
 sleep "$SETTLE_SECONDS"
 
 # Both pids are the Windows processes themselves (the loader execs in place).
 for p in "$AGENT_PID" "$BARE_PID"; do
-  tr '\0' ' ' <"/proc/$p/cmdline" | grep -q '\.exe' || { echo "pid $p is not a Wine process" >&2; exit 1; }
+  grep -qa '\.exe' "/proc/$p/cmdline" || { echo "pid $p is not a Wine process" >&2; exit 1; }
 done
-# This prefix's wineserver (others may run on the machine).
-wspid=
-for p in $(pgrep -f wineserver); do
-  tr '\0' '\n' 2>/dev/null <"/proc/$p/environ" | grep -qxF "WINEPREFIX=$WINEPREFIX" && wspid=$p
-done
+wspid=$(lab_wineserver_pid)
 [ -n "$wspid" ] || { echo "no wineserver for $WINEPREFIX" >&2; exit 1; }
+set -e
 kb() { awk -v f="$2" '$1 == f":" {print $2}' "/proc/$1/smaps_rollup"; }
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hz=$(getconf CLK_TCK)
@@ -133,5 +123,4 @@ awk -v ap="$a_priv" -v bp="$b_priv" 'BEGIN {
 
 $W "$CONTROL" signal "$BARE_EVENT" >/dev/null
 wait "$BARE_PID" || true
-BARE_PID=
-agent_stop "$CONTROL"
+agent_stop

@@ -31,12 +31,12 @@ class CPassTimer : public lindqvar::testing::CSessionSoak {
     support.SetSettings(1, u"127.0.0.1:" + AnsiToWide(std::to_string(healthy[0].Port())), u"psk");
     CSessionManager m(Get());
     m.Init();
-    m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    m.Notifications().OnNotification({NotificationKind::kSessionLogon, 5});
     using Clock = std::chrono::steady_clock;
     Clock::duration logon{}, keepAlive{};
     for (int i = 0; i < rounds; ++i) {
       auto t = Clock::now();
-      m.SendSessionEvent(5, 1, 0);
+      m.Events().SendSessionEvent(5, 1, 0);
       logon += Clock::now() - t;
       t = Clock::now();
       m.Events().SendKeepAliveEvent();

@@ -9,9 +9,9 @@ namespace lindqvar {
 namespace {
 
 // The character classes of the expressions, as std::regex sees them.
-class Classes {
+class CCharacterClasses {
  public:
-  Classes() : m_ctype(std::use_facet<std::ctype<wchar_t>>(std::locale())) {}
+  CCharacterClasses() : m_ctype(std::use_facet<std::ctype<wchar_t>>(std::locale())) {}
   bool Space(char16_t c) const { return m_ctype.is(std::ctype_base::space, static_cast<wchar_t>(c)); }
   static bool Dot(char16_t c) { return c != u'\n' && c != u'\r' && c != u'\u2028' && c != u'\u2029'; }
 
@@ -33,7 +33,7 @@ std::vector<size_t> RunEnds(std::u16string_view text, InClass inClass) {
 // The first position from which every unit to the end is matched by ".".
 size_t DotTailStart(std::u16string_view text) {
   size_t start = text.size();
-  while (start > 0 && Classes::Dot(text[start - 1])) --start;
+  while (start > 0 && CCharacterClasses::Dot(text[start - 1])) --start;
   return start;
 }
 
@@ -58,10 +58,10 @@ constexpr size_t kNone = static_cast<size_t>(-1);
 //   end of the leading blank run down to 1) whose run holds a good end
 //   gives the match.
 bool MatchStatusLine(std::u16string_view line, MatchSpan& key, MatchSpan& value) {
-  const Classes classes;
+  const CCharacterClasses classes;
   const size_t n = line.size();
   const std::vector<size_t> spaceEnd = RunEnds(line, [&](char16_t c) { return classes.Space(c); });
-  const std::vector<size_t> dotEnd = RunEnds(line, Classes::Dot);
+  const std::vector<size_t> dotEnd = RunEnds(line, CCharacterClasses::Dot);
   const size_t tail = DotTailStart(line);
 
   // The start of the value when a ":" at c is followed by a way to the end.
@@ -102,11 +102,11 @@ bool MatchStatusLine(std::u16string_view line, MatchSpan& key, MatchSpan& value)
 // A shorter \s* cannot help: an "@" reachable from a blank before m is
 // reachable from m, with the same end.
 bool MatchAccountValue(std::u16string_view value, MatchSpan& user, MatchSpan& domain) {
-  const Classes classes;
+  const CCharacterClasses classes;
   const size_t n = value.size();
   if (n == 0) return false;
   const std::vector<size_t> spaceEnd = RunEnds(value, [&](char16_t c) { return classes.Space(c); });
-  const std::vector<size_t> dotEnd = RunEnds(value, Classes::Dot);
+  const std::vector<size_t> dotEnd = RunEnds(value, CCharacterClasses::Dot);
   const size_t tail = DotTailStart(value);
 
   // lastAt[x]: the greatest position of an "@" at or before x.

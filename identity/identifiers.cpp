@@ -19,7 +19,8 @@ void CIdentifiers::LoadClientUuid() {
 }
 
 void CIdentifiers::LoadVrxTenantId() {
-  ScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
+  CScopedSupportKey key(m_support,
+                        m_support.reg_openkeyW(SupportHive::kLocalMachine, kEsnacKeyPath));
   if (key) {
     m_strVrxTenantId.clear();
     std::u16string tenant;
@@ -32,8 +33,8 @@ void CIdentifiers::LoadVrxTenantId() {
 }
 
 std::unique_ptr<IRegistryKey> CIdentifiers::OpenEsnacForRead() {
-  ScopedSupportKey parent(m_support,
-                          m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
+  CScopedSupportKey parent(m_support,
+                           m_support.reg_openkeyW(SupportHive::kLocalMachine, kVelmoraKeyPath));
   if (!parent) return nullptr;
   // Opened below the library's key, in that key's registry view.
   std::unique_ptr<IRegistryKey> key;
@@ -95,6 +96,28 @@ void CIdentifiers::LoadVrxSerial() {
   }
   m_strVrxSerial = WideToAnsi(*serial);
   m_log.Debug("VRX SN:%s", m_strVrxSerial.c_str());
+}
+
+std::string ReadHostName(INetwork& network) {
+  std::string hostName = network.HostName();
+  if (hostName.size() > 255) hostName.resize(255);
+  return hostName;
+}
+
+std::string ReadComputerDomain(INetwork& network, CLog& log) {
+  std::u16string domain;
+  uint32_t error = 0;
+  if (!network.PhysicalDnsDomain(domain, error)) {
+    log.Error("Failed to get computer domain name\n");
+    return {};
+  }
+  if (domain.empty()) {
+    log.Error("Failed to get computer domain name, dwSize = 0\n");
+    return {};
+  }
+  std::string ansi = WideToAnsi(domain);
+  if (ansi.size() > 255) ansi.resize(255);
+  return ansi;
 }
 
 }  // namespace lindqvar

@@ -21,15 +21,15 @@ std::string Utf8(const std::u16string& s) { return WideToUtf8(s); }
 
 // Abandons the token on every way out of GetSessionAccount: the handle that
 // operation takes is never closed, and that is the behaviour to keep.
-class AbandonOnExit {
+class CAbandonOnExit {
  public:
-  AbandonOnExit(IAccounts& accounts, std::unique_ptr<IUserToken>& token)
+  CAbandonOnExit(IAccounts& accounts, std::unique_ptr<IUserToken>& token)
       : m_accounts(accounts), m_token(token) {}
-  ~AbandonOnExit() {
+  ~CAbandonOnExit() {
     if (m_token) m_accounts.AbandonToken(std::move(m_token));
   }
-  AbandonOnExit(const AbandonOnExit&) = delete;
-  AbandonOnExit& operator=(const AbandonOnExit&) = delete;
+  CAbandonOnExit(const CAbandonOnExit&) = delete;
+  CAbandonOnExit& operator=(const CAbandonOnExit&) = delete;
 
  private:
   IAccounts& m_accounts;
@@ -41,16 +41,19 @@ class AbandonOnExit {
 uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uint32_t sessionId,
                          CLog& log, uint32_t preferAzure) {
   record.m_dwSessionId = sessionId;
-  record.m_log = &log;
   record.m_strUserName.clear();
   record.m_strDomain.clear();
   record.m_strTenantId.clear();
+  UserLookupOutcome& outcome = record.m_lookup;
+  outcome = {};
 
   // The AD answer. Its tenant id is always empty.
   std::u16string adUser, adDomain;
   const std::u16string adTenant;
   bool adValid = false;
   const int ts = GetTSSessionUserName(system, log, sessionId, adUser, adDomain, 1);
+  outcome.domainResult = ts;
+  if (ts == kTsFailed) outcome.domainError = system.accounts.LastError();
   if (ts != kTsFailed) log.Debug("iResult:%d", ts);
   if (ts == kTsDomainAccount) {
     log.Debug("GetTSSessionUserName() result, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
@@ -60,6 +63,7 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
       // from the Azure lookup instead.
       log.Debug("Discard this logon info, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
                 Utf8(adDomain).c_str());
+      outcome.domainAccountIsAzureAD = true;
     } else {
       adValid = true;
     }
@@ -67,8 +71,9 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
 
   // The Azure answer is asked for whatever the AD lookup gave.
   std::u16string azureUser, azureDomain, azureTenant;
-  const bool azureValid = GetAZureSessionUserInfo(system, log, sessionId, azureUser, azureDomain,
-                                                  azureTenant) == kAzureOk;
+  outcome.azureResult =
+      GetAZureSessionUserInfo(system, log, sessionId, azureUser, azureDomain, azureTenant);
+  const bool azureValid = outcome.azureResult == kAzureOk;
 
   const std::u16string* user = &adUser;
   const std::u16string* domain = &adDomain;
@@ -85,7 +90,9 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
     return 0;
   }
 
-  if (user->empty()) return 0;
+  outcome.emptyUser = user->empty();
+  if (outcome.emptyUser) return 0;
+  outcome.source = takeAzure ? UserSource::kAzureAD : UserSource::kDomain;
   // UTF-16 to UTF-8 cannot fail here (unpaired surrogates become U+FFFD),
   // so every field converts.
   record.m_strUserName = Utf8(*user);
@@ -107,7 +114,7 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
                       std::u16string& user, std::u16string& domain, uint32_t useDnsDomain) {
   IAccounts& accounts = system.accounts;
   std::unique_ptr<IUserToken> token;
-  AbandonOnExit keepOpen(accounts, token);
+  CAbandonOnExit keepOpen(accounts, token);
 
   const int r = QuerySessionUserToken(accounts, log, sessionId, &token, false);
   if (r == 1) return 2;

@@ -13,19 +13,18 @@ namespace lindqvar {
 
 enum class WaitResult { kSignaled, kTimeout, kFailed };
 
-class Event {
+class CEvent {
  public:
   enum class ResetPolicy { kManual, kAutomatic };
   enum class InitialState { kNotSignaled, kSignaled };
 
-  Event(ResetPolicy policy, InitialState initial);
-  ~Event();
-  Event(const Event&) = delete;
-  Event& operator=(const Event&) = delete;
+  CEvent(ResetPolicy policy, InitialState initial);
+  ~CEvent();
+  CEvent(const CEvent&) = delete;
+  CEvent& operator=(const CEvent&) = delete;
 
   void Set();
   void Reset();
-  bool IsSignaled() const;  // does not consume an automatic event's signal
 
   // Waits up to `milliseconds` (kInfinite for no limit).
   WaitResult Wait(uint32_t milliseconds);
@@ -33,21 +32,21 @@ class Event {
   // Waits until either event is signaled. Returns 0 or 1 for the event that
   // satisfied the wait (the first one when both are), -1 on time-out, -2 on
   // failure. An automatic event's signal is consumed by the wait it ends.
-  static int WaitAny(Event& first, Event& second, uint32_t milliseconds);
+  static int WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds);
 
 #ifdef _WIN32
   // Wraps a handle owned elsewhere (e.g. the event of an overlapped request);
   // the wrapper does not close it.
-  static std::unique_ptr<Event> Borrow(void* handle);
+  static std::unique_ptr<CEvent> Borrow(void* handle);
   // Takes ownership of an event handle (e.g. a named event).
-  static std::unique_ptr<Event> Adopt(void* handle);
+  static std::unique_ptr<CEvent> Adopt(void* handle);
   void* native_handle() const;
 #endif
 
   struct Impl;
 
  private:
-  Event() = default;
+  CEvent() = default;
   std::unique_ptr<Impl> m_impl;
 };
 
@@ -57,9 +56,9 @@ class Event {
 class IWaits {
  public:
   virtual ~IWaits() = default;
-  virtual WaitResult Wait(Event& event, uint32_t milliseconds) { return event.Wait(milliseconds); }
-  virtual int WaitAny(Event& first, Event& second, uint32_t milliseconds) {
-    return Event::WaitAny(first, second, milliseconds);
+  virtual WaitResult Wait(CEvent& event, uint32_t milliseconds) { return event.Wait(milliseconds); }
+  virtual int WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
+    return CEvent::WaitAny(first, second, milliseconds);
   }
 };
 

@@ -21,7 +21,7 @@ std::condition_variable& Changed() {
 }
 }  // namespace
 
-struct Event::Impl {
+struct CEvent::Impl {
   bool signaled = false;
   bool manual = false;
 
@@ -33,14 +33,14 @@ struct Event::Impl {
   }
 };
 
-Event::Event(ResetPolicy policy, InitialState initial) : m_impl(std::make_unique<Impl>()) {
+CEvent::CEvent(ResetPolicy policy, InitialState initial) : m_impl(std::make_unique<Impl>()) {
   m_impl->manual = policy == ResetPolicy::kManual;
   m_impl->signaled = initial == InitialState::kSignaled;
 }
 
-Event::~Event() = default;
+CEvent::~CEvent() = default;
 
-void Event::Set() {
+void CEvent::Set() {
   {
     std::lock_guard<std::mutex> lock(Lock());
     m_impl->signaled = true;
@@ -48,17 +48,12 @@ void Event::Set() {
   Changed().notify_all();
 }
 
-void Event::Reset() {
+void CEvent::Reset() {
   std::lock_guard<std::mutex> lock(Lock());
   m_impl->signaled = false;
 }
 
-bool Event::IsSignaled() const {
-  std::lock_guard<std::mutex> lock(Lock());
-  return m_impl->signaled;
-}
-
-WaitResult Event::Wait(uint32_t milliseconds) {
+WaitResult CEvent::Wait(uint32_t milliseconds) {
   std::unique_lock<std::mutex> lock(Lock());
   auto ready = [this] { return m_impl->signaled; };
   if (milliseconds == kInfinite) {
@@ -70,7 +65,7 @@ WaitResult Event::Wait(uint32_t milliseconds) {
   return WaitResult::kSignaled;
 }
 
-int Event::WaitAny(Event& first, Event& second, uint32_t milliseconds) {
+int CEvent::WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
   std::unique_lock<std::mutex> lock(Lock());
   auto ready = [&] { return first.m_impl->signaled || second.m_impl->signaled; };
   if (milliseconds == kInfinite) {

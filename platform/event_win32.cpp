@@ -3,7 +3,7 @@
 
 namespace lindqvar {
 
-struct Event::Impl {
+struct CEvent::Impl {
   HANDLE handle = nullptr;
   bool owned = true;
   ~Impl() {
@@ -11,41 +11,35 @@ struct Event::Impl {
   }
 };
 
-Event::Event(ResetPolicy policy, InitialState initial) : m_impl(std::make_unique<Impl>()) {
+CEvent::CEvent(ResetPolicy policy, InitialState initial) : m_impl(std::make_unique<Impl>()) {
   m_impl->handle = ::CreateEventW(nullptr, policy == ResetPolicy::kManual ? TRUE : FALSE,
                                   initial == InitialState::kSignaled ? TRUE : FALSE, nullptr);
 }
 
-Event::~Event() = default;
+CEvent::~CEvent() = default;
 
-std::unique_ptr<Event> Event::Borrow(void* handle) {
-  std::unique_ptr<Event> e(new Event());
+std::unique_ptr<CEvent> CEvent::Borrow(void* handle) {
+  std::unique_ptr<CEvent> e(new CEvent());
   e->m_impl = std::make_unique<Impl>();
   e->m_impl->handle = handle;
   e->m_impl->owned = false;
   return e;
 }
 
-std::unique_ptr<Event> Event::Adopt(void* handle) {
-  std::unique_ptr<Event> e(new Event());
+std::unique_ptr<CEvent> CEvent::Adopt(void* handle) {
+  std::unique_ptr<CEvent> e(new CEvent());
   e->m_impl = std::make_unique<Impl>();
   e->m_impl->handle = handle;
   e->m_impl->owned = true;
   return e;
 }
 
-void* Event::native_handle() const { return m_impl->handle; }
+void* CEvent::native_handle() const { return m_impl->handle; }
 
-void Event::Set() { ::SetEvent(m_impl->handle); }
-void Event::Reset() { ::ResetEvent(m_impl->handle); }
+void CEvent::Set() { ::SetEvent(m_impl->handle); }
+void CEvent::Reset() { ::ResetEvent(m_impl->handle); }
 
-bool Event::IsSignaled() const {
-  // A zero wait on a manual event does not change it; the agent asks this of
-  // manual events only.
-  return ::WaitForSingleObject(m_impl->handle, 0) == WAIT_OBJECT_0;
-}
-
-WaitResult Event::Wait(uint32_t milliseconds) {
+WaitResult CEvent::Wait(uint32_t milliseconds) {
   switch (::WaitForSingleObject(m_impl->handle, milliseconds)) {
     case WAIT_OBJECT_0: return WaitResult::kSignaled;
     case WAIT_TIMEOUT: return WaitResult::kTimeout;
@@ -53,7 +47,7 @@ WaitResult Event::Wait(uint32_t milliseconds) {
   }
 }
 
-int Event::WaitAny(Event& first, Event& second, uint32_t milliseconds) {
+int CEvent::WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
   HANDLE handles[2] = {first.m_impl->handle, second.m_impl->handle};
   const DWORD r = ::WaitForMultipleObjects(2, handles, FALSE, milliseconds);
   if (r == WAIT_OBJECT_0) return 0;

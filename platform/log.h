@@ -31,8 +31,6 @@ class CLog {
   void Debug(const char* format, ...) LINDQ_PRINTF(2, 3);
   void Error(const char* format, ...) LINDQ_PRINTF(2, 3);
 
-  ISupportLibrary& Support() { return m_support; }
-
  private:
   ISupportLibrary& m_support;
   std::atomic<LogHandle> m_handle{nullptr};

@@ -11,7 +11,7 @@
 
 namespace lindqvar {
 
-class Event;
+class CEvent;
 
 // One resolved address, in network byte order.
 struct ResolvedAddress {
@@ -30,7 +30,7 @@ class IAddressChangeWatch {
   // the error.
   virtual uint32_t Arm() = 0;
   // Signalled when an address changed.
-  virtual Event& Changed() = 0;
+  virtual CEvent& Changed() = 0;
   // After a signal (the caller resets Changed()): cancel the request and
   // make the next one.
   virtual void Rearm() = 0;

@@ -32,7 +32,6 @@ class IRegistryKey {
   virtual uint32_t SetDword(std::u16string_view name, uint32_t value) = 0;
   // REG_SZ / REG_EXPAND_SZ value as RegistryValueText reads it.
   virtual uint32_t QueryString(std::u16string_view name, std::u16string& value) = 0;
-  virtual uint32_t QueryDword(std::u16string_view name, uint32_t& value) = 0;
   // The value exactly as stored: its type (1 REG_SZ, 2 REG_EXPAND_SZ,
   // 4 REG_DWORD ...) and its bytes, however many there are (a string may
   // lack its terminator, hold none at all, or end in an odd byte).

@@ -24,21 +24,21 @@ void WipeString(String& text) {
 // plain string type (a const reference to it), so code that reads the
 // secret needs no change; a plain copy made from it is the copier's to wipe.
 template <typename Char>
-class BasicSecretString : public std::basic_string<Char> {
+class CBasicSecretString : public std::basic_string<Char> {
  public:
   using Base = std::basic_string<Char>;
-  BasicSecretString() = default;
-  explicit BasicSecretString(const Base& text) : Base(text) {}
-  explicit BasicSecretString(Base&& text) : Base(std::move(text)) { WipeString(text); }
-  BasicSecretString(const BasicSecretString& other) : Base(other) {}
-  BasicSecretString(BasicSecretString&& other) noexcept : Base(std::move(other)) {
+  CBasicSecretString() = default;
+  explicit CBasicSecretString(const Base& text) : Base(text) {}
+  explicit CBasicSecretString(Base&& text) : Base(std::move(text)) { WipeString(text); }
+  CBasicSecretString(const CBasicSecretString& other) : Base(other) {}
+  CBasicSecretString(CBasicSecretString&& other) noexcept : Base(std::move(other)) {
     WipeString(static_cast<Base&>(other));
   }
-  BasicSecretString& operator=(const BasicSecretString& other) {
+  CBasicSecretString& operator=(const CBasicSecretString& other) {
     if (this != &other) Assign(other);
     return *this;
   }
-  BasicSecretString& operator=(BasicSecretString&& other) noexcept {
+  CBasicSecretString& operator=(CBasicSecretString&& other) noexcept {
     if (this != &other) {
       WipeString(static_cast<Base&>(*this));
       Base::operator=(std::move(other));
@@ -46,17 +46,17 @@ class BasicSecretString : public std::basic_string<Char> {
     }
     return *this;
   }
-  BasicSecretString& operator=(const Base& text) {
+  CBasicSecretString& operator=(const Base& text) {
     Assign(text);
     return *this;
   }
-  BasicSecretString& operator=(Base&& text) {
+  CBasicSecretString& operator=(Base&& text) {
     WipeString(static_cast<Base&>(*this));
     Base::operator=(std::move(text));
     WipeString(text);
     return *this;
   }
-  ~BasicSecretString() { WipeString(static_cast<Base&>(*this)); }
+  ~CBasicSecretString() { WipeString(static_cast<Base&>(*this)); }
 
  private:
   void Assign(const Base& text) {
@@ -65,7 +65,7 @@ class BasicSecretString : public std::basic_string<Char> {
   }
 };
 
-using SecretString = BasicSecretString<char>;
-using SecretU16String = BasicSecretString<char16_t>;
+using SecretString = CBasicSecretString<char>;
+using SecretU16String = CBasicSecretString<char16_t>;
 
 }  // namespace lindqvar

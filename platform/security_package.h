@@ -34,7 +34,6 @@ inline constexpr int32_t kCompleteNeeded = 0x00090313;
 inline constexpr int32_t kCompleteAndContinue = 0x00090314;
 inline constexpr uint32_t kCredentialsOutbound = 2;   // SECPKG_CRED_OUTBOUND
 inline constexpr uint32_t kAllocateMemory = 0x100;    // ISC_REQ_ALLOCATE_MEMORY
-inline constexpr uint32_t kNativeDataRep = 16;        // SECURITY_NATIVE_DREP
 inline constexpr uint32_t kAttrSizes = 0;             // SECPKG_ATTR_SIZES
 inline constexpr uint32_t kAttrNegotiationInfo = 12;  // SECPKG_ATTR_NEGOTIATION_INFO
 inline constexpr uint32_t kAttrFlags = 14;            // SECPKG_ATTR_FLAGS

@@ -103,12 +103,12 @@ int ResolveName(const std::string& name, std::vector<ResolvedAddress>& out);
 
 // Starts the socket library for a program's lifetime (WSAStartup 2.2 /
 // WSACleanup on Windows; nothing elsewhere).
-class SocketLibraryScope {
+class CSocketLibraryScope {
  public:
-  SocketLibraryScope();
-  ~SocketLibraryScope();
-  SocketLibraryScope(const SocketLibraryScope&) = delete;
-  SocketLibraryScope& operator=(const SocketLibraryScope&) = delete;
+  CSocketLibraryScope();
+  ~CSocketLibraryScope();
+  CSocketLibraryScope(const CSocketLibraryScope&) = delete;
+  CSocketLibraryScope& operator=(const CSocketLibraryScope&) = delete;
   bool ok() const { return m_ok; }
 
  private:

@@ -77,7 +77,7 @@ void CSocket::Close() {
 
 int LastSocketError() { return errno; }
 
-SocketLibraryScope::SocketLibraryScope() : m_ok(true) {}
-SocketLibraryScope::~SocketLibraryScope() = default;
+CSocketLibraryScope::CSocketLibraryScope() : m_ok(true) {}
+CSocketLibraryScope::~CSocketLibraryScope() = default;
 
 }  // namespace lindqvar

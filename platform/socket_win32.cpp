@@ -65,12 +65,12 @@ void CSocket::Close() {
 
 int LastSocketError() { return ::WSAGetLastError(); }
 
-SocketLibraryScope::SocketLibraryScope() {
+CSocketLibraryScope::CSocketLibraryScope() {
   WSADATA data;
   m_ok = ::WSAStartup(MAKEWORD(2, 2), &data) == 0;
 }
 
-SocketLibraryScope::~SocketLibraryScope() {
+CSocketLibraryScope::~CSocketLibraryScope() {
   if (m_ok) ::WSACleanup();
 }
 

@@ -112,14 +112,14 @@ class ISupportLibrary {
 };
 
 // Closes a support-library key when it goes out of scope.
-class ScopedSupportKey final {
+class CScopedSupportKey final {
  public:
-  ScopedSupportKey(ISupportLibrary& lib, SupportKeyHandle key) : m_lib(lib), m_key(key) {}
-  ~ScopedSupportKey() {
+  CScopedSupportKey(ISupportLibrary& lib, SupportKeyHandle key) : m_lib(lib), m_key(key) {}
+  ~CScopedSupportKey() {
     if (m_key) m_lib.reg_closekeyW(m_key);
   }
-  ScopedSupportKey(const ScopedSupportKey&) = delete;
-  ScopedSupportKey& operator=(const ScopedSupportKey&) = delete;
+  CScopedSupportKey(const CScopedSupportKey&) = delete;
+  CScopedSupportKey& operator=(const CScopedSupportKey&) = delete;
   SupportKeyHandle get() const { return m_key; }
   explicit operator bool() const { return m_key != nullptr; }
 

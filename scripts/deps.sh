@@ -9,12 +9,14 @@ OPENSSL_PREFIX="$CACHE_DIR/openssl-mingw64-sealed"
 
 # Prints deb-src stanzas for the deb sources this machine has (deb822 files
 # and one-line lists alike), so that no archive host is written down here.
+# The file this writes is not read back.
+SRC_LIST=/etc/apt/sources.list.d/lindqvar-src.sources
 derive_src_lines() {
   local f
   for f in /etc/apt/sources.list.d/*.sources; do
-    [ -f "$f" ] || continue
+    [ -f "$f" ] && [ "$f" != "$SRC_LIST" ] || continue
     awk 'BEGIN { RS = ""; ORS = "\n\n" }
-         /(^|\n)Types:[^\n]*deb/ && !/(^|\n)Enabled:[ \t]*no/ {
+         /(^|\n)Types:[^\n]*[ \t]deb([ \t\n]|$)/ && !/(^|\n)Enabled:[ \t]*no/ {
            gsub(/(^|\n)#[^\n]*/, ""); sub(/^\n/, ""); sub(/Types:[^\n]*/, "Types: deb-src"); print }' "$f"
   done
   for f in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
@@ -64,8 +66,7 @@ fi
 # folders). The library is taken from the build tree, not installed, so no
 # install prefix is compiled in either. A cache built with other options has
 # another folder name and is never reused.
-# Builds run one at a time (two runs of this script side by side would
-# share the build folder); a run that waited finds the cache made.
+# One build at a time: a second run waits for the first and then finds it done.
 mkdir -p "$CACHE_DIR"
 exec 9>"$CACHE_DIR/openssl.lock"
 flock 9
@@ -77,7 +78,7 @@ if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
     if ! apt-cache showsrc openssl 2>/dev/null | grep -q '^Version:'; then
       # Source lines for the archives the machine already uses: same URIs,
       # suites and components, type deb-src.
-      derive_src_lines | $SUDO tee /etc/apt/sources.list.d/lindqvar-src.sources >/dev/null
+      derive_src_lines | $SUDO tee "$SRC_LIST" >/dev/null
       $SUDO apt-get -o DPkg::Lock::Timeout=600 update -q
     fi
     # Only the upstream tarball is needed. Try the versions the archive lists,

@@ -1,183 +1,272 @@
 #include "session/session_events.h"
 
 #include "platform/os.h"
+#include "platform/sessions.h"
+#include "protocol/transport/ip_address.h"
+#include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {
 
 namespace {
 
-constexpr int kResumeAttempts = 5;
+// "CORP\mlind at 10.0.0.5,fd00::5": a kept logoff in its log lines.
+std::string LogoffText(const CTerminalSession& entry, const AddressSet& set) {
+  std::string text = entry.Domain() + "\\" + entry.UserName() + " at ";
+  const char* separator = "";
+  for (uint32_t i = 0; i < set.count4 && i < set.ipv4.size(); ++i, separator = ",") {
+    IpAddress a;
+    a.SetIPv4(set.ipv4[i]);
+    text = text + separator + a.Text();
+  }
+  for (uint32_t i = 0; i < set.count6 && i < set.ipv6.size(); ++i, separator = ",") {
+    IpAddress a;
+    a.SetIPv6(set.ipv6[i].data());
+    text = text + separator + a.Text();
+  }
+  return text;
+}
 
-uint16_t FirstWord(const IPv6Address& a) { return static_cast<uint16_t>(a[0] << 8 | a[1]); }
+// The names as the servers get them: upper-cased.
+std::u16string SentName(const std::string& name) {
+  std::u16string out = Utf8ToWide(name);
+  for (char16_t& unit : out) unit = WideToUpper(unit);
+  return out;
+}
+
+bool SameUser(const CTerminalSession& a, const CTerminalSession& b) {
+  return SentName(a.UserName()) == SentName(b.UserName()) &&
+         SentName(a.Domain()) == SentName(b.Domain());
+}
 
 }  // namespace
 
-int64_t CSessionEvents::WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) {
-  const uint32_t tid = CurrentThreadId();
-  switch (message) {
-    case kWmDestroy:
-      m.window.PostQuit();
-      return 0;
-    case kWmPowerBroadcast:
-      // Other power messages are swallowed, not passed on.
-      if (wParam == kPbtApmResumeSuspend) OnResume(tid);
-      return 0;
-    case kWmWtsSessionChange:
-      if (wParam >= kWtsConsoleConnect && wParam <= kWtsSessionUnlock)
-        OnSessionChange(wParam, static_cast<uint32_t>(lParam), tid);
-      return 0;
-    default:
-      return m.window.DefaultProc(message, wParam, lParam);
+uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  const AddressSet now = GatherAddresses();
+  m_identifiers.LoadVrxSerial();
+  m_identifiers.LoadVrxTenantId();
+
+  if (logon == 1) m_dwCurrentSession = session;
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (entry) {
+    m_bLogon = logon;
+    m_log.Debug("Found session:%d in session table, m_bLogon:%d\n", static_cast<int>(session),
+                static_cast<int>(m_bLogon.load()));
+  } else {
+    m_log.Debug("Did not found session:%d in session table, m_bLogon:%d\n",
+                static_cast<int>(session), static_cast<int>(m_bLogon.load()));
+  }
+  const ReportKind kind =
+      wakeup ? ReportKind::kWakeup : logon ? ReportKind::kLogon : ReportKind::kLogoff;
+  // The user is back: a kept logoff of theirs would now withdraw them.
+  if (logon == 1 && entry) DropKeptLogoffs(entry, "the user logged on again");
+
+  if (!m_table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
+    // No address to report: the re-send timer tries again.
+    if (m_table.Allocated()) {
+      RequestResend();
+      // The servers still map the departing user to the addresses they
+      // were told last.
+      if (kind == ReportKind::kLogoff) KeepLogoff(session, m_last);
+    }
+    return 0;
+  }
+  if (!entry) return 0;
+
+  const DeliveryResult result = Report(kind, session, *entry, now, false);
+  WriteSessionLog(kind, *entry, result);
+  if (kind == ReportKind::kLogoff && !result.delivered) KeepLogoff(session, now);
+  return result.delivered ? 1 : 0;
+}
+
+void CSessionEvents::SendKeepAliveEvent() {
+  SendCurrentSession("CSessionManager::SendKeepAliveEvent", 934, false);
+}
+
+void CSessionEvents::ResendLogonEvent() {
+  SendCurrentSession("CSessionManager::ResendLogonEvent", 1002, true);
+}
+
+void CSessionEvents::SendCurrentSession(const char* routine, int line, bool resend) {
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  const AddressSet now = GatherAddresses();
+  const uint32_t session = m_dwCurrentSession.load();
+  m_log.Debug("%s:%d, m_bLogon:%d, m_dwCurrentSession:%d", routine, line,
+              static_cast<int>(m_bLogon.load()), static_cast<int>(session));
+  if (m_bLogon.load() == 0 || !m_table.Allocated() || (now.count4 == 0 && now.count6 == 0)) return;
+  // A user the ExcludedUsers list now names is withdrawn, not repeated.
+  if (SetAsideIfExcluded(session)) return;
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (!entry) return;
+
+  // The re-send repeats the keep-alive's message, and writes no delivery
+  // record.
+  const DeliveryResult result = Report(ReportKind::kKeepAlive, session, *entry, now, resend);
+  if (!resend) WriteSessionLog(ReportKind::kKeepAlive, *entry, result);
+}
+
+void CSessionEvents::SetResendLogoff(bool on) {
+  if (m_resendLogoff.exchange(on) != on) m_log.Debug("ResendLogoff:%d", on ? 1 : 0);
+}
+
+void CSessionEvents::KeepLogoff(uint32_t session, const AddressSet& addresses) {
+  if (!m_resendLogoff.load() || (addresses.count4 == 0 && addresses.count6 == 0)) return;
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (!entry) return;
+  const std::string text = LogoffText(*entry, addresses);
+  if (m_table.Excludes(*entry)) {
+    m_log.Debug("ResendLogoff: the logoff of %s is not kept: its user is on ExcludedUsers",
+                text.c_str());
+    return;
+  }
+  for (auto it = m_keptLogoffs.begin(); it != m_keptLogoffs.end(); ++it) {
+    if (SameUser(it->entry, *entry) && !AddressSetChanged(it->addresses, addresses)) {
+      m_keptLogoffs.erase(it);
+      break;
+    }
+  }
+  if (m_keptLogoffs.size() >= kMaxKeptLogoffs) {
+    const KeptLogoff& oldest = m_keptLogoffs.front();
+    m_log.Debug("ResendLogoff: dropped the logoff of %s: more than %d kept",
+                LogoffText(oldest.entry, oldest.addresses).c_str(),
+                static_cast<int>(kMaxKeptLogoffs));
+    m_keptLogoffs.pop_front();
+  }
+  m_keptLogoffs.push_back({session, *entry, addresses, 0});
+  m_keptCount = m_keptLogoffs.size();
+  m_log.Debug("ResendLogoff: kept the logoff of %s, session %d, that reached no server (%d kept)",
+              text.c_str(), static_cast<int>(session), static_cast<int>(m_keptLogoffs.size()));
+}
+
+void CSessionEvents::DropKeptLogoffs(const CTerminalSession* user, const char* why) {
+  for (auto it = m_keptLogoffs.begin(); it != m_keptLogoffs.end();) {
+    if (user && !SameUser(it->entry, *user)) {
+      ++it;
+      continue;
+    }
+    m_log.Debug("ResendLogoff: dropped the logoff of %s: %s",
+                LogoffText(it->entry, it->addresses).c_str(), why);
+    it = m_keptLogoffs.erase(it);
+  }
+  m_keptCount = m_keptLogoffs.size();
+}
+
+void CSessionEvents::ResendLogoffEvents() {
+  if (m_keptCount.load() == 0) return;
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  if (!m_resendLogoff.load()) {
+    DropKeptLogoffs(nullptr, "ResendLogoff is off");
+    return;
+  }
+  while (!m_keptLogoffs.empty()) {
+    KeptLogoff& kept = m_keptLogoffs.front();
+    // Delivered directly, not through Report: the logon re-send state and
+    // the last sent set belong to the reports of the logged-on user. For no
+    // session: a server's request for NTLM proof must not be answered as
+    // whoever has the departed user's session number by now.
+    CEncoder event(kEventEncoderCapacity);
+    BuildEventReport(event, ReportKind::kLogoff, m_last, kept.addresses, kept.entry, Machine());
+    const uint32_t tries = ++kept.tries;
+    const bool delivered = m_delivery.Deliver(kNoSession, event).delivered;
+    const std::string text = LogoffText(kept.entry, kept.addresses);
+    m_log.Debug("ResendLogoff: re-sent the logoff of %s, try %d of %d: %s", text.c_str(),
+                static_cast<int>(tries), static_cast<int>(kResendTries),
+                delivered ? "delivered" : "not delivered");
+    if (delivered || tries >= kResendTries) {
+      m_log.Debug("ResendLogoff: dropped the logoff of %s: %s", text.c_str(),
+                  delivered ? "delivered" : "not delivered after the last try");
+      m_keptLogoffs.pop_front();
+      m_keptCount = m_keptLogoffs.size();
+    }
+    // No server answered: the others wait for the next round, without a try.
+    if (!delivered) return;
   }
 }
 
-void CSessionEvents::LogReceived(const char* name, uint32_t session, uint32_t tid) {
-  if (m_bLogTickCount)
-    m.log.Debug("Received message %s, session id:%d, TICC:%d, TID:%d", name,
-                static_cast<int>(session), static_cast<int>(TickCount()), static_cast<int>(tid));
-  else
-    m.log.Debug("Received message %s, session id:%d, TID:%d", name, static_cast<int>(session),
-                static_cast<int>(tid));
-}
+void CSessionEvents::CheckAddressChange() {
+  m_addresses.BuildVirtualAdapterList();
+  // The whole round holds the table lock, its delivery included, as every
+  // other report does. So a logoff cannot come between the look at the
+  // entry and the report (the servers would map the machine's addresses to
+  // a user who has left, and nothing would correct them), and the
+  // identifiers and the last sent set are not changed while in use.
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  const AddressSet now = GatherAddresses();
+  const bool changed = AddressSetChanged(m_last, now);
+  if (!changed || now.count4 == 0) {
+    // Only an IPv6 address (or none) is left: nothing is reported, the
+    // re-send timer tries again.
+    if (changed) RequestResend();
+    return;
+  }
+  // Nothing while no user is reported as logged on, as for the keep-alive:
+  // a locked, disconnected or departed user is not mapped to new addresses.
+  if (m_bLogon.load() == 0 || !m_table.Allocated()) return;
+  const uint32_t session = m_dwCurrentSession.load();
+  if (SetAsideIfExcluded(session)) return;
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (!entry) return;
 
-void CSessionEvents::LogBeforeAfter(const char* when, const char* name) {
-  m.log.Debug("%s processing %s, m_bLogon:%d, m_dwCurrentSession:%d", when, name,
-              static_cast<int>(m_bLogon.load()), static_cast<int>(m_dwCurrentSession.load()));
-}
+  const auto logAddresses = [this](const char* format, const AddressSet& set) {
+    for (uint32_t i = 0; i < set.count4 && i < set.ipv4.size(); ++i) {
+      IpAddress a;
+      a.SetIPv4(set.ipv4[i]);
+      m_log.Debug(format, a.Text());
+    }
+    for (uint32_t i = 0; i < set.count6 && i < set.ipv6.size(); ++i) {
+      IpAddress a;
+      a.SetIPv6(set.ipv6[i].data());
+      m_log.Debug(format, a.Text());
+    }
+  };
+  logAddresses("old ip address:%s", m_last);
+  logAddresses("new ip address:%s", now);
 
-void CSessionEvents::WithdrawCurrent() {
-  if (m_bLogon.load() == 1) SendSessionEvent(m_dwCurrentSession.load(), 0, 0);
+  const DeliveryResult result = Report(ReportKind::kAddressChange, session, *entry, now, false);
+  // A failed report writes no record; the next round tries again.
+  if (result.delivered) WriteSessionLog(ReportKind::kAddressChange, *entry, result);
 }
 
 bool CSessionEvents::SetAsideIfExcluded(uint32_t session) {
-  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-  if (!m.table.IsExcluded(session)) return false;
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  if (!m_table.IsExcluded(session)) return false;
   // Reported before the list named its user: withdrawn first, so that the
   // servers do not keep the mapping.
   if (m_bLogon.load() == 1 && m_dwCurrentSession.load() == session) SendSessionEvent(session, 0, 0);
-  m.table.RemoveSession(session);
+  m_table.RemoveSession(session);
   return true;
 }
 
-void CSessionEvents::OnSessionChange(uint64_t code, uint32_t session, uint32_t tid) {
-  switch (code) {
-    case kWtsConsoleConnect: {
-      constexpr char kName[] = "WTS_CONSOLE_CONNECT";
-      LogBeforeAfter("Before", kName);
-      if (session == m.sessions.ActiveConsoleSession()) {
-        LogReceived(kName, session, tid);
-        // An excluded user's session changes nothing (kExcluded).
-        const uint32_t r = SetAsideIfExcluded(session)    ? CSessionTable::kExcluded
-                           : m.table.FindSession(session) ? 1
-                                                          : m.table.AddSession(session);
-        if (r == 1 || r == 2)
-          SendSessionEvent(session, 1, 0);
-        else if (r == 0)
-          WithdrawCurrent();
-      }
-      LogBeforeAfter("After", kName);
-      return;
-    }
-    case kWtsRemoteConnect:
-    case kWtsSessionUnlock: {
-      // One handler for both codes, logged with the unlock texts around it.
-      LogBeforeAfter("Before", "WTS_SESSION_UNLOCK");
-      LogReceived(code == kWtsRemoteConnect ? "WTS_REMOTE_CONNECT" : "WTS_SESSION_UNLOCK", session,
-                  tid);
-      // A session that is not ready yet (2) is reported all the same.
-      const uint32_t r =
-          SetAsideIfExcluded(session) ? CSessionTable::kExcluded : m.table.AddSession(session);
-      if (r == 1 || r == 2)
-        SendSessionEvent(session, 1, 0);
-      else if (r == 0)
-        WithdrawCurrent();
-      LogBeforeAfter("After", "WTS_SESSION_UNLOCK");
-      return;
-    }
-    case kWtsRemoteDisconnect:
-      LogReceived("WTS_REMOTE_DISCONNECT", session, tid);
-      return;
-    case kWtsSessionLock:
-      LogReceived("WTS_SESSION_LOCK", session, tid);
-      return;
-    case kWtsSessionLogon: {
-      constexpr char kName[] = "WTS_SESSION_LOGON";
-      LogBeforeAfter("Before", kName);
-      LogReceived(kName, session, tid);
-      const uint32_t r =
-          SetAsideIfExcluded(session) ? CSessionTable::kExcluded : m.table.AddSession(session);
-      if (r == 1) {
-        SendSessionEvent(session, 1, 0);
-      } else if (r != CSessionTable::kExcluded) {
-        if (r == 2) {
-          // Parked for the retry thread, which sends the logon once the
-          // user is known.
-          m.table.AddPendingSession(session);
-          if (m_bLogTickCount)
-            m.log.Debug(
-                "GetUserNameBySessionID(), session is not ready, session id:%d, TICC:%d, TID:%d",
-                static_cast<int>(session), static_cast<int>(TickCount()), static_cast<int>(tid));
-          else
-            m.log.Debug("GetUserNameBySessionID(), session is not ready, session:%d, TID:%d",
-                        static_cast<int>(session), static_cast<int>(tid));
-        }
-        WithdrawCurrent();
-      }
-      LogBeforeAfter("After", kName);
-      return;
-    }
-    case kWtsSessionLogoff: {
-      LogReceived("WTS_SESSION_LOGOFF", session, tid);
-      {
-        // Sent before the entry goes, so that the event still carries its
-        // user, and in the same hold of the table lock as the removal: a
-        // report that took the lock between them would find the entry and
-        // announce the departed user again.
-        std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-        SendSessionEvent(session, 0, 0);
-        m.table.RemoveSession(session);
-      }
-      // After the table lock is left: the pending-list lock is never taken
-      // inside it.
-      m.table.RemovePendingSession(session);
-      return;
-    }
-    default:  // console disconnect: nothing at all
-      return;
+DeliveryResult CSessionEvents::Report(ReportKind kind, uint32_t session,
+                                      const CTerminalSession& entry, const AddressSet& now,
+                                      bool resend) {
+  CEncoder event(kEventEncoderCapacity);
+  BuildEventReport(event, kind, m_last, now, entry, Machine());
+  if (resend) {
+    ++m_dwResendTries;
+  } else {
+    m_bResendPending = 0;
+    m_dwResendTries = 0;
   }
-}
-
-void CSessionEvents::OnResume(uint32_t tid) {
-  const uint32_t session = m.sessions.ActiveConsoleSession();
-  if (!m.table.FindSession(session) || SetAsideIfExcluded(session)) return;
-  for (int attempt = 0; attempt < kResumeAttempts; ++attempt) {
-    if (SendSessionEvent(session, 1, 1)) return;
-    SleepMs(m.timings.wakeupRetryMs);
+  const DeliveryResult result = m_delivery.Deliver(session, event);
+  if (result.delivered) {
+    m_bResendPending = 0;
+    m_dwResendTries = 0;
+    if (AddressSetChanged(m_last, now)) m_last = now;
+  } else {
+    m_bResendPending = 1;
   }
-  if (m_bLogTickCount)
-    m.log.Debug("Failed to  send logon event when computer is recovering from sleep, TICC:%d, TID:%d",
-                static_cast<int>(TickCount()), static_cast<int>(tid));
-  else
-    m.log.Debug("Failed to  send logon event when computer is recovering from sleep, TID:%d",
-                static_cast<int>(tid));
+  return result;
 }
 
-bool CSessionEvents::AddressesChanged(const AddressSet& now) const {
-  if (now.count4 != m_last.count4 || now.count6 != m_last.count6) return true;
-  // Some new address that the last sent set lacks (order and duplicates do
-  // not matter).
-  return AddressListsDiffer(now.count4, now.ipv4, m_last.ipv4, now.count6, now.ipv6,
-                            m_last.ipv6) != 0;
-}
-
-AddressSet CSessionEvents::LastSent() {
-  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-  return m_last;
+void CSessionEvents::RequestResend() {
+  m_bResendPending = 1;
+  m_dwResendTries = 0;
 }
 
 AddressSet CSessionEvents::GatherAddresses() {
   AddressSet now;
-  m.addresses.GetIPAddress(&now.ipv4, now.count4, &now.ipv6, now.count6);
+  m_addresses.GetIPAddress(&now.ipv4, now.count4, &now.ipv6, now.count6);
   return now;
 }
 
@@ -191,100 +280,18 @@ WorkstationSnapshot CSessionEvents::Workstation() const {
   return m_workstation;
 }
 
-DeliveryResult CSessionEvents::Deliver(uint32_t session, const CEncoder& event, bool resend) {
-  if (resend) {
-    ++m_dwResendTries;
-  } else {
-    m_bResendPending = 0;
-    m_dwResendTries = 0;
-  }
-  const DeliveryResult result = m.delivery.Deliver(session, event);
-  if (result.delivered) {
-    m_bResendPending = 0;
-    m_dwResendTries = 0;
-  } else {
-    m_bResendPending = 1;
-  }
-  return result;
-}
-
-void CSessionEvents::RequestResend() {
-  m_bResendPending = 1;
-  m_dwResendTries = 0;
-}
-
 WorkstationFacts CSessionEvents::Machine() {
   WorkstationFacts machine = Workstation().facts;
-  machine.deviceUuid = m.identifiers.ClientUuid();
-  machine.vrxSerial = m.identifiers.VrxSerial();
-  machine.tenantId = m.identifiers.VrxTenantId();
+  machine.deviceUuid = m_identifiers.ClientUuid();
+  machine.vrxSerial = m_identifiers.VrxSerial();
+  machine.tenantId = m_identifiers.VrxTenantId();
   return machine;
 }
 
-uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
-  std::lock_guard<std::recursive_mutex> lock(m.table.Lock());
-  const AddressSet now = GatherAddresses();
-  m.identifiers.LoadVrxSerial();
-  m.identifiers.LoadVrxTenantId();
-
-  if (logon == 1) m_dwCurrentSession = session;
-  if (m.table.FindSession(session)) {
-    m_bLogon = logon;
-    m.log.Debug("Found session:%d in session table, m_bLogon:%d\n", static_cast<int>(session),
-                static_cast<int>(m_bLogon.load()));
-  } else {
-    m.log.Debug("Did not found session:%d in session table, m_bLogon:%d\n",
-                static_cast<int>(session), static_cast<int>(m_bLogon.load()));
-  }
-
-  if (!m.table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
-    // No address to report: the re-send timer tries again.
-    if (m.table.Allocated()) RequestResend();
-    return 0;
-  }
-  const CTerminalSession* entry = m.table.FindSession(session);
-  if (!entry) return 0;
-
-  const bool changed = AddressesChanged(now);
-  CEncoder event(kEventEncoderCapacity);
-  BuildReport(event, wakeup || logon ? ReportPath::kLogonOrWakeup : ReportPath::kLogoff, *entry,
-              now, changed, logon);
-
-  const DeliveryResult result = Deliver(session, event, false);
-  WriteSessionLog(wakeup ? kActionWakeup : logon ? kActionLogon : kActionLogoff, *entry, result);
-  if (result.delivered && changed) m_last = now;
-  return result.delivered ? 1 : 0;
-}
-
-void CSessionEvents::BuildReport(CEncoder& event, ReportPath path, const CTerminalSession& entry,
-                                 const AddressSet& now, bool changed, uint32_t logon) {
-  // The withdrawing record tells the servers that the user left the last
-  // sent addresses. The paths test different lists for it, as the servers
-  // expect; the rules stand side by side so that none drifts alone.
-  const bool lastIPv4 = m_last.ipv4[0] != 0;
-  bool withdraw = false;
-  switch (path) {
-    case ReportPath::kLogonOrWakeup:  // when the addresses changed: previous IPv4 or NEW IPv6
-    case ReportPath::kKeepAlive:      // the same
-      withdraw = changed && (lastIPv4 || FirstWord(now.ipv6[0]) != 0);
-      break;
-    case ReportPath::kLogoff:  // never: the logoff withdraws the user anyway
-      break;
-    case ReportPath::kAddressChange:  // the change is the event: previous IPv4 or PREVIOUS IPv6
-      withdraw = lastIPv4 || FirstWord(m_last.ipv6[0]) != 0;
-      break;
-  }
-  const WorkstationFacts machine = Machine();
-  event.begin_message(MSG_EVENT);
-  if (withdraw) build_session_record(event, entry, machine, m_last.ipv4, m_last.ipv6, 0);
-  build_session_record(event, entry, machine, now.ipv4, now.ipv6, logon);
-  event.end_group(MSG_EVENT);
-}
-
-void CSessionEvents::WriteSessionLog(uint32_t action, const CTerminalSession& entry,
+void CSessionEvents::WriteSessionLog(ReportKind kind, const CTerminalSession& entry,
                                      const DeliveryResult& result) {
   SessionLogRecord r;
-  r.action = action;
+  r.action = ReportAction(kind);
   r.domain = entry.Domain();
   r.user = entry.UserName();
   const WorkstationSnapshot workstation = Workstation();
@@ -295,7 +302,7 @@ void CSessionEvents::WriteSessionLog(uint32_t action, const CTerminalSession& en
   r.tickLogging = m_bLogTickCount != 0;
   r.tickCount = TickCount();
   r.threadId = CurrentThreadId();
-  write_session_log(m.support, r);
+  write_session_log(m_support, r);
 }
 
 }  // namespace lindqvar

@@ -32,6 +32,10 @@ uint32_t CSessionTable::Slots() {
   return static_cast<uint32_t>(m_pSessions.size());
 }
 
+uint32_t CSessionTable::LoadUser(CTerminalSession& record, uint32_t session) {
+  return LoadSessionUser(m_system, record, session, m_log, m_preferAzure.load());
+}
+
 uint32_t CSessionTable::AddSession(uint32_t session) {
   m_log.Debug("CSessionManager::AddSession has been called, dwSession:%d", static_cast<int>(session));
   std::lock_guard<std::recursive_mutex> lock(m_csSessions);
@@ -41,7 +45,7 @@ uint32_t CSessionTable::AddSession(uint32_t session) {
   }
 
   auto record = std::make_unique<CTerminalSession>();
-  const uint32_t r = m_loadUser(*record, session);
+  const uint32_t r = LoadUser(*record, session);
   if (r == 0) return 0;
   if (r == 2 || r == 3) return 2;
   // Matched against the names that would be sent, after the lookup chose
@@ -76,6 +80,11 @@ bool CSessionTable::IsExcluded(uint32_t session) {
   std::lock_guard<std::recursive_mutex> lock(m_csSessions);
   const CTerminalSession* record = m_exclusions.Empty() ? nullptr : FindSession(session);
   return record && Excluding(*record);
+}
+
+bool CSessionTable::Excludes(const CTerminalSession& record) {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  return m_exclusions.Match(record.UserName(), record.Domain()) != nullptr;
 }
 
 const CUserExclusions::Pattern* CSessionTable::Excluding(const CTerminalSession& record) {

@@ -3,6 +3,7 @@
 // a background thread retries.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -18,13 +19,13 @@ namespace lindqvar {
 
 class CSessionTable {
  public:
-  // Fills a new record for the session: 1 found, 0 no user, 2 or 3 the
-  // session is not ready yet.
-  using LoadUser = std::function<uint32_t(CTerminalSession& record, uint32_t session)>;
-
-  CSessionTable(CLog& log, LoadUser loadUser) : m_log(log), m_loadUser(std::move(loadUser)) {}
+  CSessionTable(CLog& log, const UserLookup& system) : m_log(log), m_system(system) {}
+  virtual ~CSessionTable() = default;
   CSessionTable(const CSessionTable&) = delete;
   CSessionTable& operator=(const CSessionTable&) = delete;
+
+  // The prefer-Azure setting of the lookups from now on.
+  void SetPreferAzure(uint32_t preferAzure) { m_preferAzure.store(preferAzure); }
 
   // The session-table lock. Re-entrant: every operation below takes it even
   // when the caller holds it, and a send holds it from start to end. The
@@ -45,6 +46,8 @@ class CSessionTable {
   // Whether the session is in the table and its user is on the list (then
   // logged, naming the user and the pattern).
   bool IsExcluded(uint32_t session);
+  // Whether the list names the record's user, without a log line.
+  bool Excludes(const CTerminalSession& record);
   // 1 when a record was removed. Its slot is reused by a later add.
   uint32_t RemoveSession(uint32_t session);
 
@@ -71,6 +74,11 @@ class CSessionTable {
   void RetryPendingSessions(const std::function<void(uint32_t session)>& sendLogon);
   static constexpr uint32_t kMaxPendingTries = 30;
 
+ protected:
+  // Fills a new record for the session: 1 found, 0 no user, 2 or 3 the
+  // session is not ready yet (which the lookups of identity/ never answer).
+  virtual uint32_t LoadUser(CTerminalSession& record, uint32_t session);
+
  private:
   struct PendingSession {
     uint32_t session;
@@ -81,7 +89,8 @@ class CSessionTable {
   const CUserExclusions::Pattern* Excluding(const CTerminalSession& record);
 
   CLog& m_log;
-  LoadUser m_loadUser;
+  const UserLookup m_system;
+  std::atomic<uint32_t> m_preferAzure{0};
   CUserExclusions m_exclusions;  // guarded by the table lock
 
   std::recursive_mutex m_csSessions;

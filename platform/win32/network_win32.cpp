@@ -45,13 +45,13 @@ namespace {
 // NotifyAddrChange on an overlapped request whose event comes from
 // WSACreateEvent; the request is cancelled and the event closed on
 // destruction.
-class AddressChangeWatch : public IAddressChangeWatch {
+class CAddressChangeWatchWin32 : public IAddressChangeWatch {
  public:
-  AddressChangeWatch() {
+  CAddressChangeWatchWin32() {
     m_overlapped.hEvent = ::WSACreateEvent();
-    m_event = Event::Borrow(m_overlapped.hEvent);
+    m_event = CEvent::Borrow(m_overlapped.hEvent);
   }
-  ~AddressChangeWatch() override {
+  ~CAddressChangeWatchWin32() override {
     if (m_armed) ::CancelIPChangeNotify(&m_overlapped);
     if (m_overlapped.hEvent) ::WSACloseEvent(m_overlapped.hEvent);
   }
@@ -65,7 +65,7 @@ class AddressChangeWatch : public IAddressChangeWatch {
     m_armed = true;
     return 0;
   }
-  Event& Changed() override { return *m_event; }
+  CEvent& Changed() override { return *m_event; }
   void Rearm() override {
     ::CancelIPChangeNotify(&m_overlapped);
     HANDLE handle = nullptr;
@@ -74,13 +74,13 @@ class AddressChangeWatch : public IAddressChangeWatch {
 
  private:
   OVERLAPPED m_overlapped = {};
-  std::unique_ptr<Event> m_event;
+  std::unique_ptr<CEvent> m_event;
   bool m_armed = false;
 };
 }  // namespace
 
 std::unique_ptr<IAddressChangeWatch> CNetworkWin32::CreateAddressChangeWatch() {
-  return std::make_unique<AddressChangeWatch>();
+  return std::make_unique<CAddressChangeWatchWin32>();
 }
 
 }  // namespace lindqvar::win32

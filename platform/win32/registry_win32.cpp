@@ -92,9 +92,9 @@ std::u16string ReadAgentString(std::u16string_view name, std::u16string_view fal
 }
 
 namespace {
-class RegistryKeyWin32 : public IRegistryKey {
+class CRegistryKeyWin32 : public IRegistryKey {
  public:
-  RegistryKeyWin32(HKEY key, REGSAM view) : m_key(key), m_view(view) {}
+  CRegistryKeyWin32(HKEY key, REGSAM view) : m_key(key), m_view(view) {}
   uint32_t SetDword(std::u16string_view name, uint32_t value) override {
     const DWORD v = value;
     return static_cast<uint32_t>(::RegSetValueExW(m_key.get(), W(std::u16string(name)), 0,
@@ -103,15 +103,6 @@ class RegistryKeyWin32 : public IRegistryKey {
   }
   uint32_t QueryString(std::u16string_view name, std::u16string& value) override {
     return static_cast<uint32_t>(win32::QueryString(m_key.get(), name, value));
-  }
-  uint32_t QueryDword(std::u16string_view name, uint32_t& value) override {
-    DWORD v = 0, type = 0, size = sizeof v;
-    const LSTATUS rc = ::RegQueryValueExW(m_key.get(), W(std::u16string(name)), nullptr, &type,
-                                          reinterpret_cast<BYTE*>(&v), &size);
-    if (rc != ERROR_SUCCESS) return static_cast<uint32_t>(rc);
-    if (type != REG_DWORD) return ERROR_UNSUPPORTED_TYPE;
-    value = v;
-    return 0;
   }
   uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
     DWORD t = 0;
@@ -134,7 +125,7 @@ LSTATUS OpenBelow(HKEY parent, std::u16string_view path, uint32_t access, REGSAM
   HKEY h = nullptr;
   const LSTATUS rc = ::RegOpenKeyExW(parent, W(std::u16string(path)), 0, access | view, &h);
   if (rc != ERROR_SUCCESS) return rc;
-  key = std::make_unique<RegistryKeyWin32>(h, view);
+  key = std::make_unique<CRegistryKeyWin32>(h, view);
   return ERROR_SUCCESS;
 }
 }  // namespace

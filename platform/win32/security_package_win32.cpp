@@ -17,9 +17,9 @@ CredHandle* Cred(SecurityHandle& h) {
 }
 CtxtHandle* Ctxt(SecurityHandle& h) { return reinterpret_cast<CtxtHandle*>(&h); }
 
-class ImpersonationToken : public IUserToken {
+class CImpersonationTokenWin32 : public IUserToken {
  public:
-  explicit ImpersonationToken(HANDLE h) : m_token(h) {}
+  explicit CImpersonationTokenWin32(HANDLE h) : m_token(h) {}
   void* native() const override { return m_token.get(); }
 
  private:
@@ -132,7 +132,7 @@ bool CImpersonationWin32::DuplicateForImpersonation(IUserToken& primary,
   if (!::DuplicateToken(static_cast<HANDLE>(primary.native()), SecurityImpersonation, &duplicate) ||
       !duplicate)
     return false;
-  impersonation = std::make_unique<ImpersonationToken>(duplicate);
+  impersonation = std::make_unique<CImpersonationTokenWin32>(duplicate);
   return true;
 }
 

@@ -6,7 +6,7 @@
 
 namespace lindqvar::win32 {
 
-bool CSessionWindowWin32::Create(IWindowMessageSink& sink) {
+bool CSessionWindowWin32::Create(ISessionNotificationSink& sink) {
   m_instance = ::GetModuleHandleW(nullptr);
   m_sink = &sink;
 
@@ -47,7 +47,7 @@ void CSessionWindowWin32::Drain() {
   }
 }
 
-PumpWait CSessionWindowWin32::WaitForStopOrMessage(Event& stop, uint32_t milliseconds) {
+PumpWait CSessionWindowWin32::WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) {
   HANDLE handle = stop.native_handle();
   // MWMO_INPUTAVAILABLE: a message already queued ends the wait too, not
   // only one that arrives after it began.
@@ -69,13 +69,6 @@ void CSessionWindowWin32::DestroyAndUnregister() {
   m_window = nullptr;
 }
 
-void CSessionWindowWin32::PostQuit() { ::PostQuitMessage(0); }
-
-int64_t CSessionWindowWin32::DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) {
-  return ::DefWindowProcW(m_window, message, static_cast<WPARAM>(wParam),
-                          static_cast<LPARAM>(lParam));
-}
-
 LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, WPARAM wParam,
                                                        LPARAM lParam) {
   auto* self = reinterpret_cast<CSessionWindowWin32*>(::GetWindowLongPtrW(hwnd, GWLP_USERDATA));
@@ -84,14 +77,33 @@ LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, 
     self->m_window = hwnd;
     ::SetWindowLongPtrW(hwnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(self));
   } else if (message == WM_DESTROY) {
-    // Later messages go to the default procedure; this one is still
-    // delivered to the object.
+    // Later messages go to the default procedure; this one still ends the
+    // pumping thread's loop below.
     ::SetWindowLongPtrW(hwnd, GWLP_USERDATA, 0);
   }
   if (!self || !self->m_sink) return ::DefWindowProcW(hwnd, message, wParam, lParam);
+  // The agent's notifications; Windows numbers end here.
+  static_assert(static_cast<UINT>(NotificationKind::kConsoleConnect) == WTS_CONSOLE_CONNECT &&
+                static_cast<UINT>(NotificationKind::kSessionUnlock) == WTS_SESSION_UNLOCK);
   try {
-    return static_cast<LRESULT>(
-        self->m_sink->WindowProc(message, static_cast<uint64_t>(wParam), static_cast<int64_t>(lParam)));
+    switch (message) {
+      case WM_DESTROY:
+        ::PostQuitMessage(0);
+        return 0;
+      case WM_POWERBROADCAST:
+        // Other power messages are swallowed, not passed on.
+        if (wParam == PBT_APMRESUMESUSPEND)
+          self->m_sink->OnNotification({NotificationKind::kResume});
+        return 0;
+      case WM_WTSSESSION_CHANGE:
+        // Codes outside the eight the agent knows are ignored.
+        if (wParam >= WTS_CONSOLE_CONNECT && wParam <= WTS_SESSION_UNLOCK)
+          self->m_sink->OnNotification(
+              {static_cast<NotificationKind>(wParam), static_cast<uint32_t>(lParam)});
+        return 0;
+      default:
+        return ::DefWindowProcW(hwnd, message, wParam, lParam);
+    }
   } catch (...) {
     // No exception may unwind through the system's dispatch.
     return 0;

@@ -1,5 +1,6 @@
-// The hidden session-detector window: its class, creation, the message pump
-// and session-notification registration.
+// The hidden session-detector window: its class, creation, the message pump's
+// calls, session-notification registration, and the translation of the
+// window's messages into the agent's notifications.
 #pragma once
 
 #include "platform/session_window.h"
@@ -13,24 +14,23 @@ inline constexpr wchar_t kDetectorWindowName[] = L"session_detector";
 
 class CSessionWindowWin32 : public ISessionWindow {
  public:
-  bool Create(IWindowMessageSink& sink) override;
+  bool Create(ISessionNotificationSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
-  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
+  PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
-  void PostQuit() override;
-  int64_t DefaultProc(uint32_t message, uint64_t wParam, int64_t lParam) override;
 
-  HWND window() const { return m_window; }
+  HWND Window() const { return m_window; }
 
  private:
+  // Translates the window's messages into the agent's notifications.
   static LRESULT CALLBACK StaticWindowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam);
 
   HINSTANCE m_instance = nullptr;
   // Set by the create call and again on WM_NCCREATE; owned by the pumping
   // thread, which destroys it in DestroyAndUnregister.
   HWND m_window = nullptr;
-  IWindowMessageSink* m_sink = nullptr;
+  ISessionNotificationSink* m_sink = nullptr;
 };
 
 }  // namespace lindqvar::win32

@@ -8,6 +8,7 @@
 #include "agent/agent_main.h"
 #include "agent/catalogue.h"
 #include "agent/state.h"
+#include "agent/verification_settings.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/identity/identity_fakes.h"
 #include "tests/protocol/tls_test_support.h"
@@ -32,18 +33,6 @@ class ManagerTest : public ::testing::Test {
   }
   testing::FakeAgentPlatform fake;
 };
-
-TEST_F(ManagerTest, ConstructionAndDestructionWriteNotConfigured) {
-  Configure(u"a.b");
-  {
-    CSessionManager m(P());
-    EXPECT_EQ(RegistryState(), kNotConfigured);
-    EXPECT_EQ(m.KeepAliveInterval(), 180u);
-    m.SetState(kConfiguredReachable);
-    EXPECT_EQ(RegistryState(), kConfiguredReachable);
-  }
-  EXPECT_EQ(RegistryState(), kNotConfigured);
-}
 
 TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
   Configure(u"10.0.0.5:9001;10.0.0.6");
@@ -71,36 +60,23 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   EXPECT_TRUE(fake.support.HasLine("Failed to open registry key for LINDQState update. Error: 2"));
   EXPECT_TRUE(m.Settings().Servers().empty());
   // The threads still start and still stop.
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), WorkerThread::kStillActive);
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
 }
 
-TEST_F(ManagerTest, EmptyServerTextStillGivesOneEntryAndRaisesTheState) {
+TEST_F(ManagerTest, ConstructionInitAndDestructionWriteTheState) {
   fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
   fake.support.SetSettings(1, u"", u"k");
-  CSessionManager m(P());
-  m.Init();
-  // An empty text still parses to one entry with an empty host.
-  EXPECT_EQ(m.Settings().Servers().size(), 1u);
-  EXPECT_EQ(m.State(), kConfiguredUnreachable);
-}
-
-TEST_F(ManagerTest, FirstAddressCollectionSkipsLoopbackLinkLocalAndExtras) {
-  Configure(u"a.b");
-  fake.network.hostName = "ws1";
-  fake.network.names["ws1"] = {
-      FakeNetwork::V4(127, 0, 0, 1),   FakeNetwork::V4(169, 254, 1, 1), FakeNetwork::V4(10, 0, 0, 1),
-      FakeNetwork::V6({0, 0, 0, 0, 0, 0, 0, 1}), FakeNetwork::V6({0xfe80, 0, 0, 0, 0, 0, 0, 1}),
-      FakeNetwork::V6({0xfebf, 0, 0, 0, 0, 0, 0, 1}),  // still link-local (fe80::/10)
-      FakeNetwork::V6({0xfec0, 0, 0, 0, 0, 0, 0, 1}), FakeNetwork::V4(10, 0, 0, 2),
-      FakeNetwork::V4(10, 0, 0, 3), FakeNetwork::V4(10, 0, 0, 4), FakeNetwork::V4(10, 0, 0, 5)};
-  CSessionManager m(P());
-  m.Start();
-  EXPECT_EQ(m.IPv4Count(), 4u);  // the fifth is never kept
-  EXPECT_EQ(m.IPv6Count(), 1u);
-  EXPECT_TRUE(fake.support.HasLine("m_count:4, m_count6:1"));
-  m.Stop();
+  {
+    CSessionManager m(P());
+    EXPECT_EQ(RegistryState(), kNotConfigured);
+    m.Init();
+    // An empty text still parses to one entry with an empty host.
+    EXPECT_EQ(m.Settings().Servers().size(), 1u);
+    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
+  }
+  EXPECT_EQ(RegistryState(), kNotConfigured);
 }
 
 // A failed or empty domain answer is an error and leaves the name empty even
@@ -132,8 +108,8 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   m.Sessions().AddPendingSession(4);
   EXPECT_EQ(fake.support.OpenLogs(), 1);
   m.Stop();
-  for (size_t i = 0; i < CSessionManager::kThreadCount; ++i) {
-    EXPECT_EQ(m.ThreadExitCode(static_cast<CSessionManager::ThreadIndex>(i)), 1u) << i;
+  for (size_t i = 0; i < CWorkerThreads::kThreadCount; ++i) {
+    EXPECT_EQ(m.ThreadExitCode(static_cast<CWorkerThreads::Index>(i)), 1u) << i;
   }
   EXPECT_EQ(fake.support.CatalogueEvents(),
             (std::vector<uint32_t>{kEventStarting, kEventStopping}));
@@ -149,10 +125,10 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   fake.window.registrationFailuresLeft = 3;
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmDestroy, 0, 0);
-  fake.window.Post(0x0400, 1, 2);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);  // nobody there
   EXPECT_TRUE(testing::WaitUntil([&] {
-    return fake.window.quits > 0 && fake.window.defaultProcCalls > 0 &&
+    return fake.support.HasLine("After processing WTS_SESSION_LOGON, m_bLogon:0, "
+                                "m_dwCurrentSession:0") &&
            fake.window.registerCalls >= 4;
   }));
   m.Stop();
@@ -161,8 +137,6 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
   // round sleeps until a message or the stop.
   EXPECT_EQ(fake.window.timedWaits, 2);
   EXPECT_GE(fake.window.untimedWaits, 1);
-  EXPECT_EQ(fake.window.quits, 1);
-  EXPECT_EQ(fake.window.defaultProcCalls, 1);
 }
 
 TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
@@ -172,15 +146,15 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
   CSessionManager m(P());
   m.Start();
   ASSERT_TRUE(testing::WaitUntil([&] {
-    return m.ThreadExitCode(CSessionManager::kNotificationThread) != WorkerThread::kStillActive &&
-           m.ThreadExitCode(CSessionManager::kAddressWatchThread) != WorkerThread::kStillActive;
+    return m.ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive &&
+           m.ThreadExitCode(CWorkerThreads::kAddressWatchThread) != WorkerThread::kStillActive;
   }));
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressWatchThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressWatchThread), 0u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), WorkerThread::kStillActive);
   EXPECT_TRUE(fake.support.HasLine("NotifyAddrChange error...50"));
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kResendThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), 1u);
 }
 
 TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
@@ -189,7 +163,11 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
   m.Init();
   ASSERT_EQ(RegistryState(), kConfiguredUnreachable);
   fake.support.SetSettings(1, u"x.y;z.w", u"psk");  // other hosts, same ports
+  // ResendLogoff is taken by the re-read and is no change either.
+  fake.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kResendLogoffValue, 4, {1, 0, 0, 0});
+  ASSERT_FALSE(m.Events().ResendLogoff());
   EXPECT_EQ(m.ReloadSettings(), 0u);
+  EXPECT_TRUE(m.Events().ResendLogoff());
   EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
   fake.support.SetSettings(0, u"", u"");
   const size_t writes = fake.registry.DwordWrites();
@@ -255,9 +233,9 @@ TEST_F(ReportingTest, StartReportsTheLastActiveSessionOfTheEnumeration) {
   EXPECT_EQ(r.IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
   EXPECT_EQ(RegistryState(), kConfiguredReachable);
   for (const char* line :
-       {"Succeeded to call WTSEnumerateSessions, dwSICount:4", "Succeede to add session 1",
-        "failed to add session 2", "Found current user, session ID: 3", "current active session 3",
-        "Found current logon session 3 in session list"}) {
+       {"m_count:1, m_count6:0", "Succeeded to call WTSEnumerateSessions, dwSICount:4",
+        "Succeede to add session 1", "failed to add session 2", "Found current user, session ID: 3",
+        "current active session 3", "Found current logon session 3 in session list"}) {
     EXPECT_TRUE(fake.support.HasLine(line)) << line;
   }
   const auto events = fake.support.FieldEvents();
@@ -319,15 +297,15 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
   User(7, u"mlind");
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);
   lab.WaitReports(1);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLock, 5);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionUnlock, 5);
+  fake.window.Post(NotificationKind::kSessionLock, 5);
+  fake.window.Post(NotificationKind::kSessionUnlock, 5);
   // A session parked for the retry thread, sent from there while the
   // notification thread and this thread send too.
   m.Sessions().AddPendingSession(7);
-  m.SendSessionEvent(5, 1, 0);
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogoff, 5);
+  m.Events().SendSessionEvent(5, 1, 0);
+  fake.window.Post(NotificationKind::kSessionLogoff, 5);
   const auto reports = lab.WaitReports(5);
   m.Stop();
   std::vector<std::string> anna, mlind;
@@ -474,6 +452,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, FailedWaitTest, ::testing::ValuesIn(kFailedWaitRo
 
 TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
+  fake.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kResendLogoffValue, 4, {1, 0, 0, 0});
   fake.timings.resendPeriodMs = 1;
   CSessionManager m(P());
   m.Start();  // the start-up logon fails
@@ -485,9 +464,20 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   // The server comes back; an ordinary exchange resets the re-send state.
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
   m.ReloadSettings();
-  EXPECT_EQ(m.SendSessionEvent(1, 1, 0), 1u);
+  EXPECT_EQ(m.Events().SendSessionEvent(1, 1, 0), 1u);
   EXPECT_EQ(m.Events().ResendPending(), 0u);
   EXPECT_EQ(m.Events().ResendTries(), 0u);
+  // The server goes again, and a logoff fails (ResendLogoff 1): the timer
+  // re-sends it 20 times and drops it; the logon's re-sends stay at 20.
+  Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
+  m.ReloadSettings();
+  EXPECT_EQ(m.Events().SendSessionEvent(1, 0, 0), 0u);
+  const std::string last = "ResendLogoff: re-sent the logoff of CORP\\anna at 10.0.0.5, try 20 of 20: not delivered";
+  ASSERT_TRUE(testing::WaitUntil([&] { return fake.support.HasLine(last); }));
+  SleepMs(50);  // 50 more periods: no 21st try
+  size_t resent = 0;
+  for (const auto& l : fake.support.Lines()) resent += l.text.rfind("ResendLogoff: re-sent", 0) == 0;
+  EXPECT_EQ(resent, 20u);
   m.Stop();
   EXPECT_EQ(fake.support.CountLines(line), 20u);
 }
@@ -509,7 +499,7 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
   EXPECT_EQ(reports[1].records[0].logon, 0u);
   EXPECT_EQ(reports[1].records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9"}));
   EXPECT_EQ(Records("3"), 1u);
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kAddressHandlerThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressHandlerThread), 1u);
 }
 
 // A server that says nothing, or dribbles its messages a byte at a time: a
@@ -532,21 +522,21 @@ class SilentServerTest : public ReportingTest, public ::testing::WithParamInterf
 TEST_P(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
   CSessionManager m(P());
   m.Start();
-  fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+  fake.window.Post(NotificationKind::kSessionLogon, 5);
   WaitForLine("SendAndReceive(), Local IP:");
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CSessionManager::kNotificationThread), 1u);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 1u);
   EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
   EXPECT_EQ(m.State(), kConfiguredUnreachable);
 }
 
 TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) {
   std::unique_ptr<CSessionManager> left;
-  Event* control = nullptr;
-  Event ready{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  CEvent* control = nullptr;
+  CEvent ready{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   std::thread parent([&] {
     ASSERT_EQ(ready.Wait(20000), WaitResult::kSignaled);
-    fake.window.Post(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    fake.window.Post(NotificationKind::kSessionLogon, 5);
     WaitForLine("SendAndReceive(), Local IP:");
     fake.support.SetSettings(1, u"127.0.0.2:1", u"psk");  // another host and port: a change
     control->Set();
@@ -555,8 +545,8 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   AgentMain(
       3, argv, P(),
       [&](const std::string&) {
-        auto e = std::make_unique<Event>(Event::ResetPolicy::kAutomatic,
-                                         Event::InitialState::kNotSignaled);
+        auto e = std::make_unique<CEvent>(CEvent::ResetPolicy::kAutomatic,
+                                          CEvent::InitialState::kNotSignaled);
         control = e.get();
         ready.Set();
         return e;
@@ -566,13 +556,13 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   // The notification thread was still inside the send: the manager was
   // handed over instead of waiting for it.
   ASSERT_TRUE(left);
-  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kNotificationThread), WorkerThread::kStillActive);
-  EXPECT_EQ(left->ThreadExitCode(CSessionManager::kKeepAliveThread), 1u);
+  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kNotificationThread), WorkerThread::kStillActive);
+  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
   // The process ends without destroying the manager: the state is already
   // NOT_CONFIGURED, and the send failing afterwards leaves it so.
   EXPECT_EQ(RegistryState(), kNotConfigured);
   EXPECT_TRUE(testing::WaitUntil([&] {
-    return left->ThreadExitCode(CSessionManager::kNotificationThread) != WorkerThread::kStillActive;
+    return left->ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive;
   }));
   EXPECT_EQ(RegistryState(), kNotConfigured);
   left.reset();  // joins the sender once its read has timed out
@@ -606,8 +596,8 @@ class AgentMainTest : public ManagerTest {
                        createdNames.push_back(name);
                        // Kept here too: the test may still signal it after
                        // the agent has ended.
-                       control = std::make_shared<Event>(Event::ResetPolicy::kAutomatic,
-                                                         Event::InitialState::kNotSignaled);
+                       control = std::make_shared<CEvent>(CEvent::ResetPolicy::kAutomatic,
+                                                          CEvent::InitialState::kNotSignaled);
                        controlReady.Set();
                        return control;
                      });
@@ -618,8 +608,8 @@ class AgentMainTest : public ManagerTest {
     control->Set();
   }
   std::vector<std::string> createdNames;
-  std::shared_ptr<Event> control;
-  Event controlReady{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  std::shared_ptr<CEvent> control;
+  CEvent controlReady{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
 };
 
 TEST_F(AgentMainTest, WithoutTheSwitchNothingStarts) {

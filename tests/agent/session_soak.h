@@ -70,24 +70,24 @@ class CSessionSoak : protected FakeAgentPlatform {
       }
       const uint64_t before = Finished();
       switch (i % 7) {
-        case 0: m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5); break;
-        case 1: m.WindowProc(kWmWtsSessionChange, kWtsSessionUnlock, 5); break;
+        case 0: m.Notifications().OnNotification({NotificationKind::kSessionLogon, 5}); break;
+        case 1: m.Notifications().OnNotification({NotificationKind::kSessionUnlock, 5}); break;
         case 2: m.Events().SendKeepAliveEvent(); break;
         case 3:
           alternate = !alternate;
           network.SetNames("ws1", {FakeNetwork::V4(10, 0, 0, alternate ? 6 : 5)});
           m.Events().CheckAddressChange();
           break;
-        case 4: m.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0); break;
+        case 4: m.Notifications().OnNotification({NotificationKind::kResume}); break;
         case 5: m.Events().ResendLogonEvent(); break;
-        case 6: m.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 5); break;
+        case 6: m.Notifications().OnNotification({NotificationKind::kSessionLogoff, 5}); break;
       }
       if (Finished() > before) ++r.delivered;
       ++r.events;
       if (afterEvent) afterEvent(r.events);
     }
     // The last word: a logon at the current addresses.
-    m.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 5);
+    m.Notifications().OnNotification({NotificationKind::kSessionLogon, 5});
     const auto entries = healthy[0].Server().Table().Entries();
     const std::string address = alternate ? "10.0.0.6" : "10.0.0.5";
     r.tableMatches = entries.size() == 1 && entries[0].user == "SOAK" &&

@@ -172,7 +172,7 @@ class FakeRegistryKey : public IRegistryKey {
     value = v->second;
     return 0;
   }
-  uint32_t QueryDword(std::u16string_view name, uint32_t& value) override {
+  uint32_t QueryDword(std::u16string_view name, uint32_t& value) {
     std::lock_guard<std::mutex> lock(m_registry.m_mutex);
     auto it = m_registry.m_keys.find(m_id);
     if (it == m_registry.m_keys.end()) return 1018;
@@ -317,12 +317,12 @@ class FakeWatch : public IAddressChangeWatch {
  public:
   explicit FakeWatch(uint32_t armError) : m_armError(armError) {}
   uint32_t Arm() override { return m_armError; }
-  Event& Changed() override { return m_changed; }
+  CEvent& Changed() override { return m_changed; }
   void Rearm() override {}
 
  private:
   uint32_t m_armError;
-  Event m_changed{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  CEvent m_changed{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
 };
 }  // namespace
 
@@ -374,7 +374,7 @@ ResolvedAddress FakeNetwork::V6(std::initializer_list<uint16_t> groups) {
 
 // --- window -----------------------------------------------------------------
 
-bool FakeSessionWindow::Create(IWindowMessageSink& sink) {
+bool FakeSessionWindow::Create(ISessionNotificationSink& sink) {
   if (!createSucceeds) return false;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_sink = &sink;
@@ -391,17 +391,17 @@ bool FakeSessionWindow::RegisterNotifications() {
 }
 
 void FakeSessionWindow::Drain() {
-  std::vector<Message> queue;
-  IWindowMessageSink* sink;
+  std::vector<SessionNotification> queue;
+  ISessionNotificationSink* sink;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     queue.swap(m_queue);
     sink = m_sink;
   }
-  for (const Message& m : queue) sink->WindowProc(m.message, m.wParam, m.lParam);
+  for (const SessionNotification& n : queue) sink->OnNotification(n);
 }
 
-PumpWait FakeSessionWindow::WaitForStopOrMessage(Event& stop, uint32_t milliseconds) {
+PumpWait FakeSessionWindow::WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) {
   ++(milliseconds == kInfinite ? untimedWaits : timedWaits);
   return stop.Wait(std::min<uint32_t>(milliseconds, 1)) == WaitResult::kSignaled
              ? PumpWait::kStop
@@ -414,14 +414,14 @@ void FakeSessionWindow::DestroyAndUnregister() {
   ++destroyed;
 }
 
-void FakeSessionWindow::Post(uint32_t message, uint64_t wParam, int64_t lParam) {
+void FakeSessionWindow::Post(NotificationKind kind, uint32_t session) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_queue.push_back({message, wParam, lParam});
+  m_queue.push_back({kind, session});
 }
 
 // --- waits ------------------------------------------------------------------
 
-WaitResult FakeWaits::Wait(Event& event, uint32_t milliseconds) {
+WaitResult FakeWaits::Wait(CEvent& event, uint32_t milliseconds) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_timeOuts.push_back(milliseconds);
@@ -429,18 +429,18 @@ WaitResult FakeWaits::Wait(Event& event, uint32_t milliseconds) {
   return event.Wait(milliseconds);
 }
 
-int FakeWaits::WaitAny(Event& first, Event& second, uint32_t milliseconds) {
+int FakeWaits::WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
   const Side side = &second == m_network.WatchChanged() ? kWatch : kHandler;
   if (m_failuresLeft[side] > 0) {
     // Held until the test has set the scene; a stop ends the hold.
-    if (Event::WaitAny(first, m_gate, 20000) == 0) return 0;
+    if (CEvent::WaitAny(first, m_gate, 20000) == 0) return 0;
     --m_failuresLeft[side];
     ++failed[side];
     SetLastErrorCode(m_error);
     return -2;
   }
   ++realWaits[side];
-  return Event::WaitAny(first, second, milliseconds);
+  return CEvent::WaitAny(first, second, milliseconds);
 }
 
 std::vector<uint32_t> FakeWaits::TimeOuts() const {

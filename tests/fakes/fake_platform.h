@@ -138,7 +138,7 @@ class FakeNetwork : public INetwork {
   // Replaces a name's addresses while the agent's threads may resolve it.
   void SetNames(const std::string& name, std::vector<ResolvedAddress> addresses);
   // The change event of the last watch made, for tests that signal a change.
-  Event* WatchChanged() const { return m_watchChanged.load(); }
+  CEvent* WatchChanged() const { return m_watchChanged.load(); }
 
   std::string hostName = "workstation";
   std::map<std::string, std::vector<ResolvedAddress>> names;
@@ -151,7 +151,7 @@ class FakeNetwork : public INetwork {
 
  private:
   mutable std::mutex m_namesLock;
-  std::atomic<Event*> m_watchChanged{nullptr};
+  std::atomic<CEvent*> m_watchChanged{nullptr};
 };
 
 class FakeSessions : public ISessions {
@@ -166,38 +166,28 @@ class FakeSessions : public ISessions {
   uint32_t consoleSession = kNoSession;
 };
 
-// A window whose message queue the test fills; Drain delivers the queue to
-// the sink on the pumping thread.
+// A window whose queue of notifications the test fills; Drain delivers the
+// queue to the sink on the pumping thread.
 class FakeSessionWindow : public ISessionWindow {
  public:
-  bool Create(IWindowMessageSink& sink) override;
+  bool Create(ISessionNotificationSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
   // Records whether the wait had a limit, and comes back within a
   // millisecond as if a message might be waiting.
-  PumpWait WaitForStopOrMessage(Event& stop, uint32_t milliseconds) override;
+  PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
-  void PostQuit() override { ++quits; }
-  int64_t DefaultProc(uint32_t, uint64_t, int64_t) override {
-    ++defaultProcCalls;
-    return 0;
-  }
-  void Post(uint32_t message, uint64_t wParam, int64_t lParam);
+  void Post(NotificationKind kind, uint32_t session);
 
   bool createSucceeds = true;
   std::atomic<int> registrationFailuresLeft{0};
-  std::atomic<int> registerCalls{0}, quits{0}, defaultProcCalls{0}, destroyed{0};
+  std::atomic<int> registerCalls{0}, destroyed{0};
   std::atomic<int> timedWaits{0}, untimedWaits{0};
 
  private:
   std::mutex m_mutex;
-  IWindowMessageSink* m_sink = nullptr;
-  struct Message {
-    uint32_t message;
-    uint64_t wParam;
-    int64_t lParam;
-  };
-  std::vector<Message> m_queue;
+  ISessionNotificationSink* m_sink = nullptr;
+  std::vector<SessionNotification> m_queue;
 };
 
 // The worker loops' waits: records every single-event time-out asked for,
@@ -207,8 +197,8 @@ class FakeWaits : public IWaits {
  public:
   enum Side { kWatch = 0, kHandler = 1 };
   explicit FakeWaits(const FakeNetwork& network) : m_network(network) {}
-  WaitResult Wait(Event& event, uint32_t milliseconds) override;
-  int WaitAny(Event& first, Event& second, uint32_t milliseconds) override;
+  WaitResult Wait(CEvent& event, uint32_t milliseconds) override;
+  int WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) override;
   std::vector<uint32_t> TimeOuts() const;
 
   // The next `count` waits of that thread fail with `error`, once Open() ran.
@@ -222,7 +212,7 @@ class FakeWaits : public IWaits {
 
  private:
   const FakeNetwork& m_network;
-  Event m_gate{Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled};
+  CEvent m_gate{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   std::atomic<int> m_failuresLeft[2] = {0, 0};
   std::atomic<uint32_t> m_error{0};
   mutable std::mutex m_mutex;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "identity/identifiers.h"
-#include "identity/string_converter.h"
 #include "tests/identity/identity_fakes.h"
 
 namespace lindqvar::testing {
@@ -116,27 +115,6 @@ TEST_F(IdentifiersTest, SerialNeedsTheParentKeyOpenedThroughTheLibrary) {
   for (uint32_t access : registry.AccessMasks()) {
     EXPECT_EQ(reg_access::kRead | reg_access::kWow64_64Key, access);
   }
-}
-
-TEST(StringConverterTest, AnsiInUtf8OutCachedOnce) {
-  // Wide to UTF-8.
-  CStringConverter wide(std::u16string_view(u"Gr\u00fc\u00dfe"));
-  EXPECT_EQ(0u, wide.Length());
-  const std::string& utf8 = wide.ToUtf8();
-  EXPECT_EQ("Gr\xc3\xbc\xc3\x9f" "e", utf8);
-  EXPECT_EQ(8u, wide.Length());
-  EXPECT_EQ(&utf8, &wide.ToUtf8());  // computed once
-  EXPECT_EQ(u"Gr\u00fc\u00dfe", wide.ToWide());  // the held text itself
-
-  // 8-bit text in, wide out; the held 8-bit text is what ToUtf8 gives.
-  CStringConverter narrow(std::string_view("host-7"));
-  EXPECT_EQ(u"host-7", narrow.ToWide());
-  EXPECT_EQ(7u, narrow.Length());
-  EXPECT_EQ("host-7", narrow.ToUtf8());
-
-  CStringConverter empty(std::string_view(""));
-  EXPECT_EQ(u"", empty.ToWide());
-  EXPECT_EQ(0u, empty.Length());
 }
 
 }  // namespace

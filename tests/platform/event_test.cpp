@@ -13,21 +13,21 @@
 namespace lindqvar {
 namespace {
 
-using RP = Event::ResetPolicy;
-using IS = Event::InitialState;
+using RP = CEvent::ResetPolicy;
+using IS = CEvent::InitialState;
 
 // Long enough never to expire on a loaded machine; it only bounds a wait
 // that a fault would leave hanging.
 constexpr uint32_t kBound = 10000;
 
 TEST(Event, ManualStaysSignaledAutomaticReleasesOneWait) {
-  Event manual(RP::kManual, IS::kSignaled);
+  CEvent manual(RP::kManual, IS::kSignaled);
   EXPECT_EQ(manual.Wait(0), WaitResult::kSignaled);
   EXPECT_EQ(manual.Wait(kInfinite), WaitResult::kSignaled);  // already set: returns at once
   manual.Reset();
   EXPECT_EQ(manual.Wait(0), WaitResult::kTimeout);
 
-  Event automatic(RP::kAutomatic, IS::kNotSignaled);
+  CEvent automatic(RP::kAutomatic, IS::kNotSignaled);
   EXPECT_EQ(automatic.Wait(5), WaitResult::kTimeout);
   automatic.Set();
   EXPECT_EQ(automatic.Wait(0), WaitResult::kSignaled);
@@ -35,27 +35,27 @@ TEST(Event, ManualStaysSignaledAutomaticReleasesOneWait) {
 }
 
 TEST(Event, WaitAnyReportsWhichAndConsumesOnlyAutomaticSignals) {
-  Event stop(RP::kManual, IS::kNotSignaled);
-  Event change(RP::kAutomatic, IS::kNotSignaled);
-  EXPECT_EQ(Event::WaitAny(stop, change, 5), -1);
+  CEvent stop(RP::kManual, IS::kNotSignaled);
+  CEvent change(RP::kAutomatic, IS::kNotSignaled);
+  EXPECT_EQ(CEvent::WaitAny(stop, change, 5), -1);
   change.Set();
-  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 1);
-  EXPECT_EQ(Event::WaitAny(stop, change, 0), -1);
+  EXPECT_EQ(CEvent::WaitAny(stop, change, kBound), 1);
+  EXPECT_EQ(CEvent::WaitAny(stop, change, 0), -1);
   stop.Set();
   change.Set();
-  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 0);  // the first wins
-  EXPECT_EQ(Event::WaitAny(stop, change, kBound), 0);  // manual stays set
+  EXPECT_EQ(CEvent::WaitAny(stop, change, kBound), 0);  // the first wins
+  EXPECT_EQ(CEvent::WaitAny(stop, change, kBound), 0);  // manual stays set
 }
 
 TEST(Event, WaitsWakeForASetFromAnotherThread) {
   // Ping-pong: each side waits for the other's Set, so in most rounds the
   // wait is already blocked when the Set comes.
-  Event stop(RP::kManual, IS::kNotSignaled);
-  Event ping(RP::kAutomatic, IS::kNotSignaled);
-  Event pong(RP::kAutomatic, IS::kNotSignaled);
+  CEvent stop(RP::kManual, IS::kNotSignaled);
+  CEvent ping(RP::kAutomatic, IS::kNotSignaled);
+  CEvent pong(RP::kAutomatic, IS::kNotSignaled);
   std::atomic<int> answered{0};
   std::thread peer([&] {
-    while (Event::WaitAny(stop, ping, kBound) == 1) {
+    while (CEvent::WaitAny(stop, ping, kBound) == 1) {
       ++answered;
       pong.Set();
     }
@@ -74,7 +74,7 @@ TEST(Event, WaitsWakeForASetFromAnotherThread) {
 }
 
 TEST(WorkerThread, ReportsStillActiveThenTheRoutineResult) {
-  Event release(RP::kManual, IS::kNotSignaled);
+  CEvent release(RP::kManual, IS::kNotSignaled);
   WorkerThread t;
   EXPECT_FALSE(t.Started());
   t.Start([&] {

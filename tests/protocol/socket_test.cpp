@@ -11,7 +11,7 @@ namespace {
 
 class SocketTest : public ::testing::TestWithParam<const char*> {
  protected:
-  SocketLibraryScope m_library;
+  CSocketLibraryScope m_library;
 };
 
 // A listener on the loopback address of the parameter's family.
@@ -103,7 +103,7 @@ TEST(SocketAddressText, FormsAndLiterals) {
 }
 
 TEST(ResolveName, LiteralsResolveWithoutALookup) {
-  SocketLibraryScope library;
+  CSocketLibraryScope library;
   std::vector<ResolvedAddress> out;
   ASSERT_EQ(0, ResolveName("127.0.0.1", out));
   ASSERT_FALSE(out.empty());

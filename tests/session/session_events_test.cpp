@@ -1,5 +1,5 @@
-// The window procedure's state machine over (m_bLogon, m_dwCurrentSession),
-// the event sender's records, and the event message with its log record.
+// What each notification does to (m_bLogon, m_dwCurrentSession) and sends,
+// the reports of the event sender, and the event message with its log record.
 #include <gtest/gtest.h>
 
 #include "protocol/messages/event.h"
@@ -8,23 +8,25 @@
 namespace lindqvar::testing {
 namespace {
 
-// A test name from a row's name: letters and digits, the rest '_'.
-const auto RowName = [](const auto& info) {
-  std::string n = info.param.name;
-  for (char& c : n) {
-    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-  }
-  return n;
-};
-
 // --- the state table ---------------------------------------------------------
 
 enum class Known { kInTable, kResolvable, kNotReady, kNoUser };
+using K = NotificationKind;
+
+// The opt-in ResendLogoff around a row's notification.
+struct ResendSteps {
+  bool on = false;            // ResendLogoff is 1
+  bool refused = false;       // the notification's delivery is refused
+  uint32_t keptBefore = 0;    // users 1..n log on and off first, their logoffs refused
+  uint32_t failedRounds = 0;  // re-send rounds refused after the notification
+  bool noAddress = false;     // the machine has no address at the notification
+  bool Active() const { return on || refused || keptBefore != 0; }
+};
 
 struct StateRow {
   const char* name;
   bool loggedOn;          // start from session 1 reported as logged on (1, 1)
-  uint64_t code;          // WTS_* code; 0x100 + n stands for the resume message
+  NotificationKind kind;
   uint32_t session;       // the notified session (console session is 2 unless noted)
   Known known;            // what the user lookup says of it
   std::vector<std::string> sent;  // deliveries, in order
@@ -32,78 +34,114 @@ struct StateRow {
   std::vector<std::string> lines;   // must be logged
   std::vector<std::string> absent;  // must not be logged
   bool excluded = false;  // ExcludedUsers names the notified session's user
+  ResendSteps resend = {};
 };
 
-constexpr uint64_t kResume = 0x100;
 const char kBeforeLogon[] = "Before processing WTS_SESSION_LOGON";
 const char kBeforeUnlock[] = "Before processing WTS_SESSION_UNLOCK";
 const char kBeforeConsole[] = "Before processing WTS_CONSOLE_CONNECT";
 
 const StateRow kStateRows[] = {
-    {"console connect, other session", true, kWtsConsoleConnect, 3, Known::kResolvable, {}, 1, 1,
+    {"console connect, other session", true, K::kConsoleConnect, 3, Known::kResolvable, {}, 1, 1,
      {kBeforeConsole, "After processing WTS_CONSOLE_CONNECT, m_bLogon:1, m_dwCurrentSession:1"},
      {"Received message WTS_CONSOLE_CONNECT"}},
-    {"console connect, in table", true, kWtsConsoleConnect, 2, Known::kInTable, {"USER2:1"}, 1, 2,
+    {"console connect, in table", true, K::kConsoleConnect, 2, Known::kInTable, {"USER2:1"}, 1, 2,
      {"Received message WTS_CONSOLE_CONNECT, session id:2, TICC:"}, {}},
-    {"console connect, added", false, kWtsConsoleConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"console connect, added", false, K::kConsoleConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {}, {}},
-    {"console connect, no user, logged on", true, kWtsConsoleConnect, 2, Known::kNoUser,
+    {"console connect, no user, logged on", true, K::kConsoleConnect, 2, Known::kNoUser,
      {"USER1:0"}, 0, 1, {}, {}},
-    {"console connect, no user", false, kWtsConsoleConnect, 2, Known::kNoUser, {}, 0, 0, {}, {}},
-    {"console disconnect", true, kWtsConsoleDisconnect, 2, Known::kInTable, {}, 1, 1, {},
+    {"console connect, no user", false, K::kConsoleConnect, 2, Known::kNoUser, {}, 0, 0, {}, {}},
+    {"console disconnect", true, K::kConsoleDisconnect, 2, Known::kInTable, {}, 1, 1, {},
      {"WTS_CONSOLE", "Received"}},
-    {"remote connect", true, kWtsRemoteConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"remote connect", true, K::kRemoteConnect, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {kBeforeUnlock, "Received message WTS_REMOTE_CONNECT, session id:2",
       "After processing WTS_SESSION_UNLOCK, m_bLogon:1, m_dwCurrentSession:2"}, {}},
     // Not ready: the logon is attempted all the same, finds no entry and
     // sends nothing, but the current session moves.
-    {"unlock, not ready", true, kWtsSessionUnlock, 2, Known::kNotReady, {}, 1, 2,
+    {"unlock, not ready", true, K::kSessionUnlock, 2, Known::kNotReady, {}, 1, 2,
      {"Did not found session:2 in session table, m_bLogon:1\n"}, {}},
-    {"unlock, no user, logged on", true, kWtsSessionUnlock, 2, Known::kNoUser, {"USER1:0"}, 0, 1,
+    {"unlock, no user, logged on", true, K::kSessionUnlock, 2, Known::kNoUser, {"USER1:0"}, 0, 1,
      {"Received message WTS_SESSION_UNLOCK, session id:2"}, {}},
-    {"unlock, no user", false, kWtsSessionUnlock, 2, Known::kNoUser, {}, 0, 0, {kBeforeUnlock},
+    {"unlock, no user", false, K::kSessionUnlock, 2, Known::kNoUser, {}, 0, 0, {kBeforeUnlock},
      {}},
-    {"remote disconnect", true, kWtsRemoteDisconnect, 2, Known::kInTable, {}, 1, 1,
+    {"remote disconnect", true, K::kRemoteDisconnect, 2, Known::kInTable, {}, 1, 1,
      {"Received message WTS_REMOTE_DISCONNECT, session id:2"}, {"Before processing"}},
-    {"lock", true, kWtsSessionLock, 2, Known::kInTable, {}, 1, 1,
+    {"lock", true, K::kSessionLock, 2, Known::kInTable, {}, 1, 1,
      {"Received message WTS_SESSION_LOCK, session id:2"}, {"Before processing"}},
-    {"logon", true, kWtsSessionLogon, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
+    {"logon", true, K::kSessionLogon, 2, Known::kResolvable, {"USER2:1"}, 1, 2,
      {kBeforeLogon, "After processing WTS_SESSION_LOGON, m_bLogon:1, m_dwCurrentSession:2"}, {}},
-    {"logon, not ready, logged on", true, kWtsSessionLogon, 2, Known::kNotReady, {"USER1:0"}, 0, 1,
+    {"logon, not ready, logged on", true, K::kSessionLogon, 2, Known::kNotReady, {"USER1:0"}, 0, 1,
      {"GetUserNameBySessionID(), session is not ready, session id:2, TICC:"}, {}},
-    {"logon, no user, logged on", true, kWtsSessionLogon, 2, Known::kNoUser, {"USER1:0"}, 0, 1, {},
+    {"logon, no user, logged on", true, K::kSessionLogon, 2, Known::kNoUser, {"USER1:0"}, 0, 1, {},
      {"session is not ready"}},
-    {"logon, no user", false, kWtsSessionLogon, 2, Known::kNoUser, {}, 0, 0, {kBeforeLogon}, {}},
-    {"logoff", true, kWtsSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
+    {"logon, no user", false, K::kSessionLogon, 2, Known::kNoUser, {}, 0, 0, {kBeforeLogon}, {}},
+    {"logoff", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
      {"Received message WTS_SESSION_LOGOFF, session id:1"}, {"Before processing"}},
-    {"logoff, not in table", true, kWtsSessionLogoff, 9, Known::kNoUser, {}, 1, 1,
+    {"logoff, not in table", true, K::kSessionLogoff, 9, Known::kNoUser, {}, 1, 1,
      {"Did not found session:9 in session table, m_bLogon:1\n"}, {}},
-    {"code 9", true, 9, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
-    {"code 0", true, 0, 2, Known::kInTable, {}, 1, 1, {}, {"Received", "Before"}},
-    {"resume, console in table", true, kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
-    {"resume, console not in table", true, kResume, 2, Known::kResolvable, {}, 1, 1, {},
+    {"resume, console in table", true, K::kResume, 2, Known::kInTable, {"USER2:1"}, 1, 2, {}, {}},
+    {"resume, console not in table", true, K::kResume, 2, Known::kResolvable, {}, 1, 1, {},
      {"Found session:2", "Did not found session:2"}},
     // An excluded user's session is never reported and disturbs nothing:
     // no logoff of the reported user, no move of the current session.
-    {"logon, excluded", true, kWtsSessionLogon, 2, Known::kResolvable, {}, 1, 1,
+    {"logon, excluded", true, K::kSessionLogon, 2, Known::kResolvable, {}, 1, 1,
      {"session 2 of CORP\\user2 is not reported: its user matches ExcludedUsers entry corp\\USER2"},
      {"Received message WTS_SESSION_LOGON, session id:1"}, true},
-    {"unlock, excluded", true, kWtsSessionUnlock, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
-    {"console connect, excluded", false, kWtsConsoleConnect, 2, Known::kResolvable, {}, 0, 0, {},
+    {"unlock, excluded", true, K::kSessionUnlock, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"console connect, excluded", false, K::kConsoleConnect, 2, Known::kResolvable, {}, 0, 0, {},
      {}, true},
-    {"logoff, excluded", true, kWtsSessionLogoff, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
-    {"resume, console excluded since it was added", true, kResume, 2, Known::kInTable, {}, 1, 1, {},
+    {"logoff, excluded", true, K::kSessionLogoff, 2, Known::kResolvable, {}, 1, 1, {}, {}, true},
+    {"resume, console excluded since it was added", true, K::kResume, 2, Known::kInTable, {}, 1, 1, {},
      {}, true},
     // The reported user, named by a list that changed since: withdrawn.
-    {"unlock, reported user excluded since", true, kWtsSessionUnlock, 1, Known::kInTable,
+    {"unlock, reported user excluded since", true, K::kSessionUnlock, 1, Known::kInTable,
      {"USER1:0"}, 0, 1, {}, {}, true},
+    // ResendLogoff: rows that touch it run their refused re-send rounds, then
+    // healthy ones, which must leave the state as the notification left it.
+    {"logoff refused, re-sent", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0", "USER1:0"},
+     0, 1, {"ResendLogoff: kept the logoff of CORP\\user1 at 10.0.0.5, session 1, that reached no "
+            "server (1 kept)", "ResendLogoff: re-sent the logoff of CORP\\user1 at 10.0.0.5, try 1 "
+            "of 20: delivered", "dropped the logoff of CORP\\user1 at 10.0.0.5: delivered"},
+     {}, false, {true, true}},
+    {"logoff refused, ResendLogoff 0", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0,
+     1, {}, {"ResendLogoff"}, false, {false, true}},
+    {"logoff refused 20 times", true, K::kSessionLogoff, 1, Known::kInTable,
+     std::vector<std::string>(21, "USER1:0"), 0, 1, {"try 20 of 20: not delivered",
+     "dropped the logoff of CORP\\user1 at 10.0.0.5: not delivered after the last try"}, {},
+     false, {true, true, 0, 20}},
+    {"logoff refused 19 times", true, K::kSessionLogoff, 1, Known::kInTable,
+     std::vector<std::string>(21, "USER1:0"), 0, 1, {"try 20 of 20: delivered"}, {}, false,
+     {true, true, 0, 19}},
+    // Kept at the addresses the servers were told last.
+    {"logoff without an address", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
+     {"kept the logoff of CORP\\user1 at 10.0.0.5,"}, {}, false, {true, false, 0, 0, true}},
+    {"logoff refused again", false, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0", "USER1:0"},
+     0, 1, {"(1 kept)"}, {"(2 kept)"}, false, {true, true, 1}},
+    {"logon of the departed user", false, K::kSessionLogon, 1, Known::kResolvable, {"USER1:1"}, 1,
+     1, {"dropped the logoff of CORP\\user1 at 10.0.0.5: the user logged on again"}, {"re-sent"},
+     false, {true, false, 1}},
+    {"logon of another user", false, K::kSessionLogon, 2, Known::kResolvable,
+     {"USER2:1", "USER1:0"}, 1, 2, {}, {"logged on again"}, false, {true, false, 1}},
+    // A refused round tries the oldest only.
+    {"two kept, one refused round", false, K::kSessionLock, 9, Known::kNoUser,
+     {"USER1:0", "USER1:0", "USER2:0"}, 0, 2, {"user1 at 10.0.0.5, try 2 of 20: delivered",
+     "user2 at 10.0.0.5, try 1 of 20: delivered"}, {}, false, {true, false, 2, 1}},
+    {"eleven kept", false, K::kSessionLock, 9, Known::kNoUser,
+     {"USER2:0", "USER3:0", "USER4:0", "USER5:0", "USER6:0", "USER7:0", "USER8:0", "USER9:0",
+      "USER10:0", "USER11:0"}, 0, 11, {}, {"user1 at 10.0.0.5, try"}, false, {true, false, 11}},
+    {"unlock, reported user excluded since, refused", true, K::kSessionUnlock, 1, Known::kInTable,
+     {"USER1:0"}, 0, 1, {"the logoff of CORP\\user1 at 10.0.0.5 is not kept: its user is on "
+     "ExcludedUsers"}, {"kept the"}, true, {true, true}},
 };
 
 class StateTableTest : public SessionFixture, public ::testing::WithParamInterface<StateRow> {};
 
 TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   const StateRow& row = GetParam();
+  const ResendSteps& resend = row.resend;
   sessions.consoleSession = 2;
+  events.SetResendLogoff(resend.on);
   AddUser(1);
   if (row.known != Known::kNoUser) AddUser(row.session);
   if (row.known == Known::kNotReady) notReady.insert(row.session);
@@ -111,18 +149,44 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   if (row.loggedOn) {
     ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
   }
+  for (uint32_t user = 1; user <= resend.keptBefore; ++user) {
+    AddUser(user);
+    Notify(K::kSessionLogon, user);
+    host.accept = false;
+    Notify(K::kSessionLogoff, user);
+    host.accept = true;
+  }
   if (row.known == Known::kInTable) {
     ASSERT_EQ(table.AddSession(row.session), 1u);
   }
   if (row.excluded) Exclude({u"nobody", u"corp\\USER" + AnsiToWide(std::to_string(row.session))});
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
+  if (resend.noAddress) SetAddresses({});
+  host.accept = !resend.refused;
 
-  if (row.code >= kResume)
-    events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0);
-  else
-    events.WindowProc(kWmWtsSessionChange, row.code, row.session);
+  Notify(row.kind, row.session);
 
+  host.accept = true;
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 5)});
+  if (resend.Active()) {
+    const auto state = [this] {
+      return std::vector<uint32_t>{events.Logon(), events.CurrentSession(), events.ResendPending(),
+                                   events.ResendTries()};
+    };
+    const auto before = state();
+    const size_t first = host.deliveries.size();
+    host.accept = false;
+    for (uint32_t i = 0; i < resend.failedRounds; ++i) events.ResendLogoffEvents();
+    host.accept = true;
+    events.ResendLogoffEvents();
+    const size_t sent = host.deliveries.size();
+    events.ResendLogoffEvents();  // nothing is left to send
+    EXPECT_EQ(host.deliveries.size(), sent);
+    EXPECT_EQ(state(), before);
+    // For no session: nobody's NTLM proof for a departed user.
+    for (size_t i = first; i < sent; ++i) EXPECT_EQ(host.deliveries[i].session, kNoSession);
+  }
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.Logon(), row.nextL);
   EXPECT_EQ(events.CurrentSession(), row.nextC);
@@ -137,7 +201,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   }
   // Only a not-ready logon parks its session.
   EXPECT_EQ(table.PendingSessionCount(),
-            row.code == kWtsSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
+            row.kind == K::kSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
@@ -146,11 +210,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, StateTableTest, ::testing::ValuesIn(kStateRows),
 TEST_F(SessionFixture, LogoffRemovesTheEntryAndItsPendingRecordAfterSending) {
   AddUser(4);
   notReady.insert(4);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 4);
+  Notify(K::kSessionLogon, 4);
   ASSERT_EQ(table.PendingSessionCount(), 1u);
   notReady.clear();
   ASSERT_EQ(table.AddSession(4), 1u);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 4);
+  Notify(K::kSessionLogoff, 4);
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER4:0"}));
   EXPECT_EQ(table.FindSession(4), nullptr);
   EXPECT_EQ(table.PendingSessionCount(), 0u);
@@ -163,24 +227,17 @@ TEST_F(SessionFixture, ResumeTriesFiveTimesThenLogsTheFailure) {
   host.accept = false;
   timings.wakeupRetryMs = 0;
   events.SetTickLogging(false);
-  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, kPbtApmResumeSuspend, 0), 0);
+  Notify(K::kResume);
   EXPECT_EQ(host.deliveries.size(), 5u);
   EXPECT_EQ(support.CountLines(Format(
                 "Failed to  send logon event when computer is recovering from sleep, TID:%d",
                 static_cast<int>(CurrentThreadId()))),
             1u);
-  // Other power messages are swallowed; other window messages go on.
-  EXPECT_EQ(events.WindowProc(kWmPowerBroadcast, 4, 0), 0);
-  events.WindowProc(0x0400, 0, 0);
-  EXPECT_EQ(window.defaultProcCalls, 1);
-  events.WindowProc(kWmDestroy, 0, 0);
-  EXPECT_EQ(window.quits, 1);
-  EXPECT_EQ(host.deliveries.size(), 5u);
 }
 
 // --- SendSessionEvent --------------------------------------------------------
 
-TEST_F(SessionFixture, AnAddressChangeAddsAWithdrawingRecordOnlyToTheFirstLogon) {
+TEST_F(SessionFixture, TheLastSentSetAdvancesWithEachDeliveredChangeOnly) {
   AddUser(1);
   ASSERT_EQ(table.AddSession(1), 1u);
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
@@ -191,16 +248,13 @@ TEST_F(SessionFixture, AnAddressChangeAddsAWithdrawingRecordOnlyToTheFirstLogon)
   host.accept = true;
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
-                                                      "USER1:0+USER1:1", "USER1:1"}));
-  const auto& records = host.deliveries[3].records;
-  EXPECT_EQ(records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
-  EXPECT_EQ(records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9", "10.0.0.5"}));
-  // A logoff after a change withdraws nothing extra.
+  // A logoff carries its change too: the logon after it withdraws nothing.
   SetAddresses({FakeNetwork::V4(10, 0, 0, 7)});
   ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
-  EXPECT_EQ(host.Summary().back(), "USER1:0");
-  EXPECT_EQ(events.LastSent().ipv4[0], 0x0700000Au);
+  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
+                                                      "USER1:0+USER1:1", "USER1:1", "USER1:0",
+                                                      "USER1:1"}));
 }
 
 TEST_F(SessionFixture, WithoutAddressesNothingIsSentAndTheResendFlagRises) {
@@ -242,12 +296,12 @@ TEST_F(SessionFixture, AnExcludedSessionLeavesTheReportedOneAlone) {
   AddUser(1);
   AddUser(2);
   Exclude({u"*\\user2"});
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 1);
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogon, 2);
+  Notify(K::kSessionLogon, 1);
+  Notify(K::kSessionLogon, 2);
   events.SendKeepAliveEvent();
   SetAddresses({FakeNetwork::V4(10, 0, 0, 6)});
   events.CheckAddressChange();
-  events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 2);
+  Notify(K::kSessionLogoff, 2);
   events.SendKeepAliveEvent();
   Exclude({u"user1"});
   events.SendKeepAliveEvent();
@@ -295,6 +349,7 @@ struct AddressRow {
   std::vector<std::string> newIPv4;
   uint32_t resendPending;
   bool withdrawn = false;  // the user's logon was withdrawn (logon flag 0) before the change
+  bool firstFails = false;  // the first round's delivery fails; the next round tries again
 };
 
 class AddressChangeTest : public SessionFixture,
@@ -303,10 +358,10 @@ class AddressChangeTest : public SessionFixture,
 const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
 const ResolvedAddress kA6 = FakeNetwork::V4(10, 0, 0, 6);
 const AddressRow kAddressRows[] = {
-    {"unchanged", {kA5}, {kA5}, {}, {}, 0},
     {"added", {kA5}, {kA5, kA6}, {"USER1:0+USER1:1"}, {"10.0.0.5", "10.0.0.6"}, 0},
     {"replaced", {kA5}, {FakeNetwork::V4(10, 0, 0, 7)}, {"USER1:0+USER1:1"}, {"10.0.0.7"}, 0},
-    {"removed", {kA5, kA6}, {kA6}, {"USER1:0+USER1:1"}, {"10.0.0.6"}, 0},
+    {"first round fails", {kA5}, {kA6}, {"USER1:0+USER1:1", "USER1:0+USER1:1"}, {"10.0.0.6"}, 0,
+     false, true},
     {"reordered", {kA5, kA6}, {kA6, kA5}, {}, {}, 0},
     {"ipv6 only", {kA5}, {FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})}, {}, {}, 1},
     {"none left", {kA5}, {}, {}, {}, 1},
@@ -325,106 +380,27 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
   }
   host.deliveries.clear();
   SetAddresses(row.now);
+  host.accept = !row.firstFails;
   events.CheckAddressChange();
+  host.accept = true;
+  if (row.firstFails) events.CheckAddressChange();
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.ResendPending(), row.resendPending);
   if (!row.sent.empty()) {
-    EXPECT_EQ(host.deliveries[0].records[1].IPv4Text(), row.newIPv4);
+    EXPECT_EQ(host.deliveries.back().records[1].IPv4Text(), row.newIPv4);
     EXPECT_TRUE(support.HasLine("old ip address:10.0.0.5"));
     EXPECT_TRUE(support.HasLine("new ip address:" + row.newIPv4.back()));
+    // Records: the logon's and the successful change's only.
+    ASSERT_EQ(support.FieldEvents().size(), 2u);
     EXPECT_EQ(support.FieldEvents().back().rfind("96980 6 action=3 ", 0), 0u);
-    // The new set is now the last sent one: a second round sends nothing.
+    // The new set is now the last sent one: a further round sends nothing.
     events.CheckAddressChange();
-    EXPECT_EQ(host.deliveries.size(), 1u);
+    EXPECT_EQ(host.deliveries.size(), row.sent.size());
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, AddressChangeTest, ::testing::ValuesIn(kAddressRows),
                          RowName);
-
-TEST_F(SessionFixture, AFailedAddressReportIsTriedAgainByTheNextRound) {
-  AddUser(1);
-  ASSERT_EQ(table.AddSession(1), 1u);
-  ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  SetAddresses({FakeNetwork::V4(10, 0, 0, 8)});
-  host.accept = false;
-  events.CheckAddressChange();
-  host.accept = true;
-  events.CheckAddressChange();
-  EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:0+USER1:1",
-                                                      "USER1:0+USER1:1"}));
-  EXPECT_EQ(support.FieldEvents().size(), 2u);  // the logon and the successful change
-}
-
-// What the three reporting paths send after a change of addresses: each has
-// its own rule for the record that withdraws the last sent set.
-enum class Path { kLogon, kWakeup, kLogoff, kKeepAlive, kAddressChange };
-
-struct WithdrawRow {
-  const char* name;
-  Path path;
-  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was ever sent
-  std::vector<ResolvedAddress> now;
-  std::vector<std::string> records;   // "<logon flag>:<addresses>", in order
-};
-
-class WithdrawRuleTest : public SessionFixture, public ::testing::WithParamInterface<WithdrawRow> {};
-
-const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
-const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
-const WithdrawRow kWithdrawRows[] = {
-    // Session events and keep-alives: the previous IPv4 list or the NEW IPv6
-    // list, so a first report with IPv6 withdraws an empty set...
-    {"logon, none before, IPv6 now", Path::kLogon, {}, {kA5, kV6a}, {"0:", "1:10.0.0.5,2001:db8::1"}},
-    {"keep-alive, none before, IPv6 now", Path::kKeepAlive, {}, {kA5, kV6a},
-     {"0:", "1:10.0.0.5,2001:db8::1"}},
-    // ...and an IPv6-only previous set is not withdrawn.
-    {"logon, IPv6 before", Path::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
-    {"keep-alive, IPv6 before", Path::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
-    {"wakeup, IPv4 before, IPv6 now", Path::kWakeup, {kA5}, {kV6b}, {"0:10.0.0.5", "1:2001:db8::2"}},
-    {"logon, IPv4 changed", Path::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"keep-alive, IPv4 changed", Path::kKeepAlive, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-    {"keep-alive, unchanged", Path::kKeepAlive, {kA5, kV6a}, {kA5, kV6a}, {"1:10.0.0.5,2001:db8::1"}},
-    {"logoff, IPv4 changed", Path::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
-    // Address changes: the previous IPv4 list or the PREVIOUS IPv6 list.
-    {"address change, none before, IPv6 now", Path::kAddressChange, {}, {kA5, kV6a},
-     {"1:10.0.0.5,2001:db8::1"}},
-    {"address change, IPv6 before", Path::kAddressChange, {kV6a}, {kA5},
-     {"0:2001:db8::1", "1:10.0.0.5"}},
-    {"address change, IPv4 changed", Path::kAddressChange, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
-};
-
-TEST_P(WithdrawRuleTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
-  const WithdrawRow& row = GetParam();
-  AddUser(1);
-  ASSERT_EQ(table.AddSession(1), 1u);
-  // The logon that leaves `last` as the last sent set; with none, it fails
-  // and so leaves nothing sent, but the user is reported as logged on.
-  SetAddresses(row.last.empty() ? row.now : row.last);
-  host.accept = !row.last.empty();
-  events.SendSessionEvent(1, 1, 0);
-  host.accept = true;
-  host.deliveries.clear();
-  SetAddresses(row.now);
-  switch (row.path) {
-    case Path::kLogon: events.SendSessionEvent(1, 1, 0); break;
-    case Path::kWakeup: events.SendSessionEvent(1, 1, 1); break;
-    case Path::kLogoff: events.SendSessionEvent(1, 0, 0); break;
-    case Path::kKeepAlive: events.SendKeepAliveEvent(); break;
-    case Path::kAddressChange: events.CheckAddressChange(); break;
-  }
-  ASSERT_EQ(host.deliveries.size(), 1u);
-  std::vector<std::string> records;
-  for (const auto& r : host.deliveries[0].records) {
-    std::string s = std::to_string(r.logon) + ":";
-    for (const auto& list : {r.IPv4Text(), r.IPv6Text()})
-      for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
-    records.push_back(s);
-  }
-  EXPECT_EQ(records, row.records);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, WithdrawRuleTest, ::testing::ValuesIn(kWithdrawRows), RowName);
 
 // An address report that is in flight when another report is made: the
 // other waits for it, so the servers see them in the order they were made
@@ -466,7 +442,7 @@ TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
   if (probe.owns_lock()) probe.unlock();
   Worker other([this, &row] {
     switch (row.action) {
-      case Meanwhile::kLogoff: events.WindowProc(kWmWtsSessionChange, kWtsSessionLogoff, 1); break;
+      case Meanwhile::kLogoff: Notify(K::kSessionLogoff, 1); break;
       case Meanwhile::kLogonSend: events.SendSessionEvent(1, 1, 0); break;
       case Meanwhile::kKeepAlive: events.SendKeepAliveEvent(); break;
     }
@@ -482,44 +458,6 @@ TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
 INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows), RowName);
 
 // --- the event message --------------------------------------------------------
-
-// The record's attributes in their fixed order; the logon flag as 0 or 1;
-// empty addresses skipped; IPv4 in network byte order.
-TEST(SessionMessage, RecordHasTheFixedOrderTheLogonFlagAsOneAndNoEmptyAddresses) {
-  SessionRecord f;
-  f.logon = 7;  // any non-zero flag is sent as 1
-  f.domain = "corp";
-  f.user = "mlind";
-  f.workstation = "ws1.corp";
-  f.azureAccount = "m@corp";
-  f.tenantId = "t-1";
-  f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};  // network order: 10.0.0.5, 10.0.0.6
-  f.ipv6.resize(4);
-  f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
-  f.ipv6[2] = {0x00, 0xff};        // first word 0x00ff: sent
-  f.ipv6[3] = {0x00, 0x00, 0xff};  // first word 0: empty
-  CEncoder e(kEventEncoderCapacity);
-  e.begin_message(MSG_EVENT);
-  f.Write(e);
-  e.end_group(MSG_EVENT);
-  uint32_t length = 0;
-  std::vector<uint8_t> bytes(e.get_buffer(&length), e.get_buffer(&length) + length);
-  std::vector<uint8_t> walked = bytes;  // a decoder works in its buffer
-  std::vector<int> codes;
-  for (CDecoder walk(walked.data(), length); walk.next();) codes.push_back(walk.Code());
-  EXPECT_EQ(codes, (std::vector<int>{MSG_EVENT, MSG_SESSION_INFO, ATTR_LOGON, ATTR_FIXED_VALUE,
-                                     ATTR_DOMAIN, ATTR_USER, ATTR_WORKSTATION, ATTR_AZURE_ACCOUNT,
-                                     ATTR_TENANT_ID, ATTR_IPV4, ATTR_IPV4, ATTR_IPV6, ATTR_IPV6,
-                                     ATTR_TIME}));
-  CDecoder d(bytes.data(), length);
-  EventMessage event;
-  ASSERT_TRUE(event.Read(d));
-  const auto& records = event.records;
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].logon, 1u);
-  EXPECT_EQ(records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
-  EXPECT_EQ(records[0].IPv6Text(), (std::vector<std::string>{"2001:db8::", "ff::"}));
-}
 
 // The Azure AD account attribute carries the entry's Azure tenant id: sent
 // exactly when prefer-Azure is 1 and the lookup took the Azure answer.
@@ -553,7 +491,7 @@ TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
                                    "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
                                    "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n"
                                  : "             AzureAdJoined : NO\r\n"}};
-  preferAzure = row.preferAzure;
+  table.SetPreferAzure(row.preferAzure);
   WorkstationFacts facts = machine;
   facts.preferAzure = row.preferAzure;
   SetMachine(facts);

@@ -20,11 +20,21 @@
 
 #include "platform/os.h"
 #include "session/session_events.h"
+#include "session/session_notifications.h"
 #include "session/session_table.h"
 #include "tests/identity/identity_fakes.h"
 #include "protocol/messages/event.h"
 
 namespace lindqvar::testing {
+
+// A test name from a row's name: letters and digits, the rest '_'.
+inline const auto RowName = [](const auto& info) {
+  std::string n = info.param.name;
+  for (char& c : n) {
+    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return n;
+};
 
 // Every wait of these tests ends by this deadline.
 inline constexpr std::chrono::seconds kDeadline{10};
@@ -153,20 +163,28 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
     network.names["ws1"] = std::move(addresses);
   }
 
+  // A table whose lookups answer "not ready" for the sessions in notReady.
+  class CTestTable : public CSessionTable {
+   public:
+    explicit CTestTable(SessionFixture& f)
+        : CSessionTable(f.log, f.system), m_notReady(f.notReady) {}
+    uint32_t LoadUser(CTerminalSession& record, uint32_t session) override {
+      return m_notReady.count(session) ? 2 : CSessionTable::LoadUser(record, session);
+    }
+    const std::set<uint32_t>& m_notReady;
+  };
+  void Notify(NotificationKind kind, uint32_t session = 0) {
+    notifications.OnNotification({kind, session});
+  }
+
   std::set<uint32_t> notReady;  // sessions whose lookup says "not ready"
-  uint32_t preferAzure = 0;     // the lookups' prefer-Azure setting
-  int lookups = 0;
   CAddressDiscovery addresses{log, network, adapters, hyperv, "ws1", 0};
   CIdentifiers identifiers{log, support, registry};
-  CSessionTable table{log, [this](CTerminalSession& record, uint32_t session) -> uint32_t {
-                        ++lookups;
-                        if (notReady.count(session)) return 2;
-                        return LoadSessionUser(system, record, session, log, preferAzure);
-                      }};
+  CTestTable table{*this};
   FakeDelivery host;
   WorkstationFacts machine{"ws1", "corp.example", 0, {}, {}, {}};
-  CSessionEvents events{
-      {log, support, sessions, window, timings, table, addresses, identifiers, host}};
+  CSessionEvents events{log, support, table, addresses, identifiers, host};
+  CSessionNotifications notifications{log, sessions, timings, table, events};
 };
 
 }  // namespace lindqvar::testing

@@ -59,8 +59,9 @@ const char kUsage[] =
     "  --fault NAME            reject-hello, close-after-hello-ack, stall, stall-tls,\n"
     "                          oversized-frame, malformed-frame, short-frame, long-version,\n"
     "                          dribble, dribble-tls, ntlm-no-challenge, ntlm-wrong-reply,\n"
-    "                          ntlm-bad-challenge, ntlm-no-result\n"
-    "  --fault-connections N   only the first N connections misbehave (default: all)\n"
+    "                          ntlm-bad-challenge, ntlm-no-result, refuse-logoff\n"
+    "  --fault-connections N   only the first N connections misbehave (refuse-logoff:\n"
+    "                          the first N logoffs; default: all)\n"
     "  --oversized-length N    length announced by oversized-frame (default 67108864)\n"
     "  --stall-ms N            longest stall (default 60000)\n"
     "  --dribble-ms N          dribble faults: pause before each byte (default 2000)\n"
@@ -223,7 +224,7 @@ int main(int argc, char** argv) {
   if (!pskGiven) std::fprintf(stderr, "lindqvar-lab-authenticator: no preshared key given; using an empty one\n");
   options.presharedKey = psk;
 
-  SocketLibraryScope sockets;
+  CSocketLibraryScope sockets;
   ::signal(SIGINT, OnSignal);
   ::signal(SIGTERM, OnSignal);
 

@@ -1,214 +1,257 @@
 #!/usr/bin/env bash
-# End to end: the real lindqvar-agent.exe under Wine reports to the native
-# lab authenticator in a lab namespace (see scripts/lib/agent-lab.sh).
+# The real lindqvar-agent.exe under Wine, end to end, reporting to the native
+# lab authenticator on the lab machine of scripts/lib/agent-lab.sh;
 # agent_control.exe posts the session notifications that Wine never sends.
-# A logon posted while no server listens, then the server coming up, an
-# unlock, lock, remote and console connects, a resume and a logoff: the lab
-# authenticator's JSON lines must show the right records, the agent's log
-# the right lines, the event log file the catalogue events. With the server's
-# keep-alive interval, keep-alives arrive while the user is logged on and
-# stop after the logoff; the re-send timer gets the failed logon through once
-# the server is up; a re-read that switches server verification on makes the
-# agent refuse a server from an unrelated CA. A server serving a keep-alive
-# interval whose milliseconds overflow 32 bits causes no flood. A stand-in
-# device-registration tool reports the user as an Azure AD account: the
-# PreferAzure setting decides which account a new logon reports, and with it
-# the Azure AD account attribute. Last, a settings change while a send is held
-# by a server that never answers ends the process, and LINDQState reads
-# NOT_CONFIGURED once it is gone. Exit 77 where no namespace can be made.
-#   agent_reporting.sh <lindqvar-agent.exe> <agent_control.exe> <lab> <pki dir> <client CA>
-#                      <stand-in dsregcmd.exe>
+# Two runs, each with an agent of its own, side by side in ctest:
+#   reporting  a logon while no server listens, got through by the re-send
+#              timer once the server is up; every notification as a row with
+#              what it sends; a lab that refuses the first logoff, without
+#              and with ResendLogoff; PreferAzure with a stand-in device-registration
+#              tool; the NTLM proof of the Wine user with its default
+#              credentials; server verification switched on by a re-read;
+#              the stop, and a settings change ending the agent during a
+#              held send: exit codes, catalogue events, LINDQState. OpenSSL
+#              files planted where a configuration could be read from are
+#              never loaded; no secret reaches a log.
+#   keepalive  ExcludedUsers naming the Wine user: its logon and logoff reach
+#              no server, and after the value is removed and re-read its next
+#              logon is reported (all within the first keep-alive wait, which
+#              is 180 s as Wine has no session at start-up); keep-alives at
+#              the server's 2 s while logged on, none after the logoff, no
+#              flood from an interval whose milliseconds overflow 32 bits.
+#   agent_reporting.sh <reporting|keepalive> <lindqvar-agent.exe> <agent_control.exe>
+#                      <lab> <pki dir> <client CA> <stand-in dsregcmd.exe> <marker.dll>
 set -uo pipefail
-AGENT=$1 CONTROL=$2 LAB=$3 PKI=$4 CLIENT_CA=$5 DSREG=$6
+RUN=$1 AGENT=$2 CONTROL=$3 LAB=$4 PKI=$5 CLIENT_CA=$6 DSREG=$7 MARKER=$8
 ROOT=$(cd "$(dirname "$0")/../../.." && pwd)
-WORK=$(cd "$(dirname "$AGENT")" && pwd)/reporting
 . "$ROOT/scripts/lib/agent-lab.sh"
-if [ -z "${LINDQVAR_LAB_NETNS:-}" ] && ! lab_netns_available; then
-  echo "network namespaces are not available here"
-  exit 77
+lab_begin "agent_$RUN" "$PWD/$RUN" "$0" "$@"
+
+me=${USER:-root}
+ME_UP=$(tr '[:lower:]' '[:upper:]' <<<"$me")
+WHO="$ME_UP@CORP.EXAMPLE.TEST@LINDQVAR-WS.LAB.EXAMPLE"
+ME="$WHO 10.77.0.5,fd00:77::5"
+KEEPALIVE="Single Sign-On event action=5 "
+log_matches() { grep -qE -- "$1" "$WORK/FA_LINDQ.log"; }
+lab_has_new() { [ "$(lab_new_count "${1:-main}")" -gt 0 ]; }
+# lab_sent_alone <record>...: exactly one connection since the mark, carrying them.
+lab_sent_alone() {
+  [ "$(lab_new_count main)" = 1 ] && lab_sent main "$@" || { lab_records main | sed 's/^/  the lab saw: /'; false; }
+}
+state_is() { [ "$(reg_value "$AGENT_KEY" LINDQState)" = "REG_DWORD $1" ]; }
+
+if [ "$RUN" = keepalive ]; then
+  lab_start main --keepalive 2 || lab_end
+  port=$(lab_port main)
+  agent_configure "127.0.0.1:$port"
+  # The Wine user by a DOMAIN\pattern among other entries.
+  pattern="corp.example.*\\${me:0:1}*"
+  agent_set ExcludedUsers "multi:svc-*;$pattern;OTHER\\$me"
+  agent_start || lab_end
+  lab_mark main
+  agent_post logon
+  agent_post logoff
+  check_wait 20 "an excluded user's logon is set aside by the DOMAIN\\pattern entry" \
+    log_has "session 1 of CORP.EXAMPLE.TEST\\$me is not reported: its user matches ExcludedUsers entry $pattern"
+  wait_for 20 "the excluded user's logoff" log_has "Received message WTS_SESSION_LOGOFF"
+  agent_set ExcludedUsers none
+  agent_reread
+  agent_post logon
+  wait_for 30 "a report after the list was removed" lab_has_new
+  # The first report of the agent's run withdraws the user from the (empty)
+  # addresses reported before.
+  check "the excluded logon and logoff reached no server, the logon after the re-read did" \
+    lab_sent_alone "0 $WHO" "1 $ME"
+
+  check_wait 240 "a keep-alive after the first wait" log_has "$KEEPALIVE"
+  n=$(log_count "$KEEPALIVE")
+  check_wait 10 "keep-alives at the server's 2 s while logged on" log_count_above "$KEEPALIVE" $((n + 1))
+  lab_mark main
+  agent_post logoff
+  wait_for 30 "the logoff's report" lab_has_new
+  check "the logoff is reported" lab_sent main "0 $ME"
+  check_wait 5 "the lab's table is empty after the logoff" \
+    test "$(lab_table main)" = '{"event":"table","entries":[]}'
+  # Two rounds of the keep-alive timer with nobody logged on send nothing.
+  idle="SendKeepAliveEvent:934, m_bLogon:0,"
+  n=$(log_count "$KEEPALIVE") rounds=$(log_count "$idle")
+  wait_for 10 "two keep-alive rounds after the logoff" log_count_above "$idle" $((rounds + 1))
+  check "no keep-alive after the logoff" test "$(log_count "$KEEPALIVE")" = "$n"
+
+  # 536870912 s: its milliseconds wrap to 0 in 32 bits. After the keep-alive
+  # whose wait was already running, none for 3 s: no flood.
+  lab_start main --listen "127.0.0.1:$port" --keepalive 536870912 || lab_end
+  agent_post logon
+  check_wait 30 "the server gave the interval 536870912" grep -qF '"keepalive":536870912' "$WORK/main.jsonl"
+  n=$(log_count "$KEEPALIVE")
+  sleep 3
+  check "at most one keep-alive in the 3 s after it" test $(($(log_count "$KEEPALIVE") - n)) -le 1
+  lab_end
 fi
-lab_netns_enter bash "$0" "$@"
 
-passed=0 failed=0
-check() {  # check <name> <command...>
-  local name=$1; shift
-  if "$@"; then echo "PASS: $name"; passed=$((passed + 1)); else
-    echo "FAIL: $name"; failed=$((failed + 1)); fi
-}
-log_has() { grep -qF -- "$1" "$WORK/FA_LINDQ.log"; }
-# The records of connection number $1 as "logon:USER@DOMAIN@WORKSTATION[ipv4..][ipv6..]" lines.
-records_of() {
-  grep '"event":"connection"' "$WORK/lab.jsonl" | sed -n "${1}p" | python3 -c '
-import json, sys
-for r in json.loads(sys.stdin.read()).get("records", []):
-    print("%d:%s@%s@%s%s%s fixed=%d" % (r["logon"], r["user"], r["domain"], r["workstation"],
-          r.get("ipv4", []), r.get("ipv6", []), r["fixed"]))'
-}
-USER_UP=$(printf '%s' "${USER:-root}" | tr '[:lower:]' '[:upper:]')
-WHO="$USER_UP@CORP.EXAMPLE.TEST@LINDQVAR-WS.LAB.EXAMPLE"
-ME="$WHO['10.77.0.5']['fd00:77::5'] fixed=4096"
-cleanup() { lab_stop; $WS -k 2>/dev/null; }
-trap cleanup EXIT
-
-mkdir -p "$WORK"
-lab_prefix
-# The stand-in answers with an Azure AD account for whoever runs it.
-cp "$DSREG" "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
+# A stand-in device-registration tool, installed for the PreferAzure rows
+# only, answers with an Azure AD account for whoever runs it.
 printf '%s\r\n' "             AzureAdJoined : YES" \
   "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44" \
   "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example" >"$WORK/dsreg.txt"
 LINDQVAR_DSREG_OUTPUT=$($W winepath -w "$WORK/dsreg.txt" 2>/dev/null)
 export LINDQVAR_DSREG_OUTPUT
-# A port for the lab: taken from a first start, kept for the second.
-lab_start "$LAB" "$PKI" "$CLIENT_CA" 0 || { echo "0 passed, 1 failed"; exit 1; }
-port=$LAB_PORT
-lab_stop
+# Wine's NTLM package asks Samba's ntlm_auth for the logged-on user's cached
+# credentials, which only a domain member's winbindd holds: a wrapper earlier
+# on PATH stands in for that cache with a test password the lab knows.
+password="Wine-$RANDOM-$RANDOM"
+mkdir -p "$WORK/bin"
+(umask 077 && printf 'WORKGROUP:%s:%s\n' "$me" "$password" >"$WORK/accounts" &&
+  printf '%s\n' "$password" >"$WORK/password")
+cat >"$WORK/bin/ntlm_auth" <<WRAPPER
+#!/bin/bash
+args=()
+for a in "\$@"; do
+  if [ "\$a" = --use-cached-creds ]; then args+=("--password=\$(cat '$WORK/password')"); else args+=("\$a"); fi
+done
+exec /usr/bin/ntlm_auth "\${args[@]}"
+WRAPPER
+chmod 700 "$WORK/bin/ntlm_auth"
+export PATH="$WORK/bin:$PATH"
+. "$ROOT/tests/win32/lib/openssl_plant.sh"
+openssl_plant "$MARKER" "$AGENT"
+planted=$?
+cd "$WINEPREFIX/drive_c"  # so that a path starting with "/" lies on drive C: too
+
+# A logon while no server listens fails; the re-send timer (every 10 s) gets
+# it through once the server is up.
+lab_start main || lab_end
+port=$(lab_port main)
+lab_stop main
 agent_configure "127.0.0.1:$port"
-agent_start "$AGENT" || { echo "the agent did not start"; cat "$WORK/FA_LINDQ.log"; exit 1; }
-check "start-up: no session to report under Wine" log_has "call WTSGetActiveConsoleSessionId, session ID: 1"
+agent_start || lab_end
+check "the NTLM package was prepared at start-up" grep -qF "Using package: NTLM" "$WORK/agent.out"
+agent_post logon
+check_wait 30 "a logon while no server listens fails to send" \
+  log_has "SendAndReceive(), failed to send event to authenticator"
+lab_start main --listen "127.0.0.1:$port" || lab_end
+check_wait 30 "the re-send timer gets the failed logon through" lab_sent main "0 $WHO" "1 $ME"
+check_wait 10 "LINDQState is CONFIGURED_REACHABLE" state_is 0x2
 
-# 1. A logon while no server listens: the send fails, the state machine
-#    still records the session as the logged-on one.
-agent_post "$CONTROL" logon 1
-agent_wait_log "SendAndReceive(), failed to send event to authenticator" 30
-check "logon without a server fails to send" log_has "Received message WTS_SESSION_LOGON, session id:1, TICC:"
-check "state is CONFIGURED_UNREACHABLE" log_has "New state: CONFIGURED_UNREACHABLE"
+# Each notification and what it sends; one that sends nothing leaves the
+# next row's report alone in the lab.
+rows=(unlock "1 $ME" lock "" remote-connect "1 $ME" console-connect "1 $ME" resume "1 $ME"
+      logoff "0 $ME")
+lab_mark main
+quiet=
+for ((i = 0; i < ${#rows[@]}; i += 2)); do
+  agent_post "${rows[i]}"
+  [ -n "${rows[i + 1]}" ] || { quiet=" (${rows[i]} sent nothing before it)"; continue; }
+  wait_for 30 "the report of ${rows[i]}" lab_has_new
+  check "${rows[i]} reports ${rows[i + 1]}$quiet" lab_sent_alone "${rows[i + 1]}"
+  lab_mark main
+  quiet=
+done
+check_wait 5 "the lab's table is empty after the logoff" \
+  test "$(lab_table main)" = '{"event":"table","entries":[]}'
+check_wait 10 "the logoff's delivery record" log_matches "EVENT 96980 Single Sign-On event action=2 domain=CORP.EXAMPLE.TEST,Workstation Name:lindqvar-ws,IP:10.77.0.5,BRK:127.0.0.1,succeeded to send session info, TICC:[0-9]+, TID:[0-9]+ user="
+check "the resume's delivery record" log_has "EVENT 96980 Single Sign-On event action=4"
 
-# The server comes up with a keep-alive interval of 2 s. The failed logon
-# raised the re-send flag: the re-send timer (every 10 s) gets it through.
-lab_start "$LAB" "$PKI" "$CLIENT_CA" "$port" --keepalive 2 || { echo "0 passed, 1 failed"; exit 1; }
-lab_wait_connections 0 15
-check "re-send after the server came up" test "$(records_of 1)" = "$(printf '%s\n' "0:$WHO[][] fixed=4096" "1:$ME")"
-check "re-send line" log_has "CSessionManager::ResendLogonEvent:1002, m_bLogon:1, m_dwCurrentSession:1"
-check "state is CONFIGURED_REACHABLE" log_has "New state: CONFIGURED_REACHABLE"
-
-step() {  # step <notification> <expected records...>: some new connection carries them
-  local what=$1 before; shift
-  before=$(lab_connections)
-  agent_post "$CONTROL" "$what" 1
-  if [ $# -eq 0 ]; then
-    sleep 1
-    check "$what sends nothing" bash -c "! grep -q 'Before processing\|SendAndReceive' <(tail -n 3 '$WORK/FA_LINDQ.log')"
-    return
-  fi
-  local want got n i
-  want=$(printf '%s\n' "$@")
-  for ((i = 0; i < 300; i++)); do
-    for ((n = before + 1; n <= $(lab_connections); n++)); do
-      got=$(records_of $n)
-      [ "$got" = "$want" ] && break 2
+# ResendLogoff, with a lab that refuses the first logoff and accepts the rest:
+# without it the refused logoff is never sent again and the user stays in
+# the lab's table; with it the re-send timer (every 10 s) gets it through.
+# The timer logs each of its rounds while the failed report is pending; two
+# of them leave time for a kept logoff to go.
+round="CSessionManager::ResendLogonEvent:1002, m_bLogon:0,"
+kept="CORP.EXAMPLE.TEST\\$me at 10.77.0.5,fd00:77::5"
+empty='{"event":"table","entries":[]}'
+for setting in none dword:1; do
+  agent_set ResendLogoff "$setting"
+  agent_reread
+  lab_start main --listen "127.0.0.1:$port" --fault refuse-logoff --fault-connections 1 || lab_end
+  agent_post logon
+  wait_for 30 "the logon's report" lab_has_new
+  lab_mark main
+  agent_post logoff
+  check_wait 30 "ResendLogoff ${setting#dword:}: the lab refused the logoff" \
+    grep -qF '"end":"refused a logoff"' "$WORK/main.jsonl"
+  if [ "$setting" = none ]; then
+    n=$(log_count "$round")
+    wait_for 40 "two re-send rounds" log_count_above "$round" $((n + 1))
+    check "without ResendLogoff the logoff is not sent again" test "$(lab_new_count main)" = 1
+    check "without ResendLogoff the user stays in the lab's table" \
+      grep -qF "\"user\":\"$ME_UP\"" <<<"$(lab_table main)"
+    check "without ResendLogoff nothing is kept" bash -c "! grep -qF 'ResendLogoff:' '$WORK/FA_LINDQ.log'"
+  else
+    check_wait 40 "with ResendLogoff the re-sent logoff empties the lab's table" \
+      test "$(lab_table main)" = "$empty"
+    check "the lab saw the logoff twice" test "$(lab_records main | grep -cxF "0 $ME")" = 2
+    for line in "kept the logoff of $kept, session 1, that reached no server (1 kept)" \
+                "re-sent the logoff of $kept, try 1 of 20: delivered" "dropped the logoff of $kept: delivered"; do
+      check "the log says: $line" log_has "ResendLogoff: $line"
     done
-    sleep 0.1
-  done
-  check "$what reports: $*" test "$got" = "$want"
-}
-step unlock "1:$ME"
-step lock
-step remote-connect "1:$ME"
-step console-connect "1:$ME"
-step resume "1:$ME"
-# The keep-alive timer's first wait is the default 180 s (Wine has no
-# session at start to report); from then on it waits the server's 2 s.
-agent_wait_log "Single Sign-On event action=5" 240
-sleep 5
-keepalives=$(grep -c "Single Sign-On event action=5 " "$WORK/FA_LINDQ.log")
-check "keep-alives every 2 s while logged on ($keepalives)" test "$keepalives" -ge 2
-
-# The server now serves 536870912 s, whose milliseconds wrap to 0 in 32 bits:
-# the next wait stays within its range, so at most one more keep-alive comes.
-lab_stop
-lab_start "$LAB" "$PKI" "$CLIENT_CA" "$port" --keepalive 536870912 || { echo "0 passed, 1 failed"; exit 1; }
-for ((i = 0; i < 100; i++)); do
-  grep -qF '"keepalive":536870912' "$WORK/lab.jsonl" && break
-  sleep 0.1
+  fi
 done
-check "a keep-alive took the interval 536870912" grep -qF '"keepalive":536870912' "$WORK/lab.jsonl"
-before=$(grep -c "Single Sign-On event action=5 " "$WORK/FA_LINDQ.log")
-sleep 20
-extra=$(( $(grep -c "Single Sign-On event action=5 " "$WORK/FA_LINDQ.log") - before ))
-check "at most one keep-alive in the 20 s after it ($extra)" test "$extra" -le 1
-step logoff "0:$ME"
-check "lab table is empty after the logoff" \
-  test "$(grep '"event":"table"' "$WORK/lab.jsonl" | tail -n 1)" = '{"event":"table","entries":[]}'
-after=$(grep -c "Single Sign-On event action=5 " "$WORK/FA_LINDQ.log")
-sleep 5
-check "no keep-alive after the logoff" test "$(grep -c "Single Sign-On event action=5 " "$WORK/FA_LINDQ.log")" = "$after"
-check "session log record for the logoff" \
-  grep -qE "EVENT 96980 Single Sign-On event action=2 domain=CORP.EXAMPLE.TEST,Workstation Name:lindqvar-ws,IP:10.77.0.5,BRK:127.0.0.1,succeeded to send session info, TICC:[0-9]+, TID:[0-9]+ user=" "$WORK/FA_LINDQ.log"
-check "wakeup record" grep -qF "EVENT 96980 Single Sign-On event action=4" "$WORK/FA_LINDQ.log"
-check "no preshared key in the log" bash -c "! grep -qF '$LAB_KEY_VALUE' '$WORK/FA_LINDQ.log'"
-# Wine's address-change request stays pending for ever: the wait thread runs
-# (no error) and ends at the stop below.
-check "address-change wait started" bash -c "! grep -qF 'NotifyAddrChange error' '$WORK/FA_LINDQ.log'"
+agent_set ResendLogoff none
+agent_reread
+lab_start main --listen "127.0.0.1:$port" || lab_end
 
-# The stand-in's Azure AD answer: with PreferAzure 1 a new logon goes out as
-# the Azure AD account with the Azure AD account attribute (the tenant id),
-# with 0 as the domain account without it.
-azure_logon() {  # azure_logon <PreferAzure> <expected "user@domain azure=...">
-  local n reads i got=
-  reads=$(grep -c "prefer azure:" "$WORK/FA_LINDQ.log")
-  $W reg add "$AGENT_KEY" /v PreferAzure /t REG_DWORD /d "$1" /f >/dev/null
-  $W "$CONTROL" status 1 0 >/dev/null
-  $W "$CONTROL" signal "$AGENT_EVENT" >/dev/null
-  for ((i = 0; i < 100; i++)); do
-    [ "$(grep -c "prefer azure:" "$WORK/FA_LINDQ.log")" -gt "$reads" ] && break
-    sleep 0.1
-  done
-  n=$(lab_connections)
-  agent_post "$CONTROL" logon 1
-  lab_wait_connections "$n" 30
-  got=$(grep '"event":"connection"' "$WORK/lab.jsonl" | sed -n "$((n + 1))p" | python3 -c '
-import json, sys
-for r in json.loads(sys.stdin.read()).get("records", []):
-    if r["logon"] == 1: print("%s@%s azure=%s" % (r["user"], r["domain"], r.get("azure", "")))')
-  check "PreferAzure $1 reports $2 ($got)" test "$got" = "$2"
-  n=$(lab_connections)
-  agent_post "$CONTROL" logoff 1
-  lab_wait_connections "$n" 30
-}
-azure_logon 1 "MARA.LIND@FABRIKAM.EXAMPLE azure=4F1C2B7E-9D3A-4E55-8A61-0C2F7D9B1E44"
-azure_logon 0 "$USER_UP@CORP.EXAMPLE.TEST azure="
+# PreferAzure decides which account a new logon reports: with 1 the Azure AD
+# account with its attribute (the tenant), with 0 the domain account.
+cp "$DSREG" "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
+for row in "1 MARA.LIND@FABRIKAM.EXAMPLE@LINDQVAR-WS.LAB.EXAMPLE 10.77.0.5,fd00:77::5 azure=4F1C2B7E-9D3A-4E55-8A61-0C2F7D9B1E44" \
+           "0 $ME"; do
+  agent_set PreferAzure "dword:${row%% *}"
+  agent_reread
+  lab_mark main
+  agent_post logon
+  wait_for 30 "the logon's report" lab_has_new
+  check "PreferAzure ${row%% *} reports 1 ${row#* }" lab_sent_alone "1 ${row#* }"
+  lab_mark main
+  agent_post logoff
+  wait_for 30 "the logoff's report" lab_has_new
+done
+rm "$WINEPREFIX/drive_c/windows/system32/dsregcmd.exe"
 
-# 2. Server verification switched on by a re-read: a lab authenticator with
-#    a certificate from an unrelated CA is refused before the hello.
+# The lab asks for NTLM proof of every event's user and checks it with its
+# real acceptor.
 lab_stop
-LAB_CERT=other-server lab_start "$LAB" "$PKI" "$CLIENT_CA" "$port" || { echo "0 passed, 1 failed"; exit 1; }
-$W reg add "$AGENT_KEY" /v VerifyServer /t REG_DWORD /d 1 /f >/dev/null
-$W "$CONTROL" status 1 0 >/dev/null
-$W "$CONTROL" signal "$AGENT_EVENT" >/dev/null
-agent_wait_log "Server verification is on" 20
-before=$(lab_connections)
-agent_post "$CONTROL" unlock 1
-agent_wait_log "SslClientInit(), server verification failed for authenticator 127.0.0.1 port $port" 30
-check "verification refuses the other CA's server" \
+lab_start ntlm --listen "127.0.0.1:$port" --ntlm-users "$WORK/accounts" || lab_end
+agent_post logon
+check_wait 40 "the lab proved WORKGROUP\\$me by NTLM" grep -qF \
+  "\"ntlm\":{\"key\":100001,\"proven\":true,\"user\":\"$me\",\"domain\":\"WORKGROUP\",\"result_sent\":true,\"result\":1,\"end\":\"proven\"}" "$WORK/ntlm.jsonl"
+check_wait 10 "the agent logged the proof" log_has "NTLM auth succeeded"
+
+# Server verification switched on by a re-read: a server with a certificate
+# from an unrelated CA is refused before the hello.
+lab_stop
+lab_start foreign --as other-server --listen "127.0.0.1:$port" || lab_end
+agent_set VerifyServer dword:1
+agent_reread
+agent_post unlock
+check_wait 30 "verification refuses the other CA's server" \
   log_has "SslClientInit(), server verification failed for authenticator 127.0.0.1 port $port"
-lab_wait_connections "$before" 10
-check "no hello was sent to it" bash -c "grep '\"event\":\"connection\"' '$WORK/lab.jsonl' | tail -n 1 | grep -qF '\"hello_sent\":false'"
+wait_for 10 "the refused connection in the lab" lab_has_new foreign
+check "no hello was sent to it" bash -c "! grep -q '\"hello_sent\":true' '$WORK/foreign.jsonl'"
 
-agent_stop "$CONTROL"
-check "stop event" log_has "EVENT 96984 Lindqvar is stopping..., version:"
+agent_stop
+check "the stop ends the agent with exit code 0 (${AGENT_RC:-still running})" test "$AGENT_RC" = 0
+check "the stop event" log_has "EVENT 96984 Lindqvar is stopping..., version:"
+check "LINDQState is NOT_CONFIGURED after the stop" state_is 0x0
+check "no preshared key, password or NTLM message in any log" bash -c "! grep -l -e '$LAB_KEY_VALUE' \
+  -e '$password' -e TlRMTVNTUA -e NTLMSSP '$WORK/FA_LINDQ.log' '$WORK/agent.out' '$WORK'/main.* '$WORK'/ntlm.*"
 
-# 3. A settings change while the send is held by servers that accept TCP and
-#    never answer: the process ends without waiting for the send, through the
-#    end that destroys nothing, and LINDQState is NOT_CONFIGURED after it.
+# A settings change while the send is held by servers that accept TCP and
+# never answer: the process ends without waiting for the send or running the
+# stop, with exit code 0, and LINDQState is NOT_CONFIGURED after it.
 lab_stop
-lab_start "$LAB" "$PKI" "$CLIENT_CA" "$port" --fault stall-tls || { echo "0 passed, 1 failed"; exit 1; }
+lab_start stall --listen "127.0.0.1:$port" --fault stall-tls || lab_end
 agent_configure "127.0.0.1:$port;127.0.0.1:$port"
-agent_start "$AGENT" || { echo "the agent did not start"; exit 1; }
-# Another host and port: a change, read at the signal below.
-$W reg add "$AGENT_KEY" /v Servers /d "127.0.0.2:1" /f >/dev/null
-agent_post "$CONTROL" logon 1
-agent_wait_log "SendAndReceive(), Local IP:" 30
+agent_start || lab_end
+agent_set Servers "127.0.0.2:1"  # another host and port: a change
+agent_post logon
+wait_for 30 "the held send" log_has "SendAndReceive(), Local IP:"
 $W "$CONTROL" signal "$AGENT_EVENT" >/dev/null
-for ((i = 0; i < 300; i++)); do
-  kill -0 "$AGENT_PID" 2>/dev/null || break
-  sleep 0.1
-done
-check "a settings change ends the agent during a held send" bash -c "! kill -0 $AGENT_PID 2>/dev/null"
-wait "$AGENT_PID" 2>/dev/null
+agent_wait_end 30
+check "a settings change ends the agent during a held send, exit code 0 (${AGENT_RC:-still running})" \
+  test "$AGENT_RC" = 0
 check "the send was still held when it ended" bash -c "! grep -qF 'SslClientInit(), failed' '$WORK/FA_LINDQ.log'"
-state=$($W reg query "$AGENT_KEY" /v LINDQState 2>/dev/null | grep -o '0x[0-9a-fA-F]*')
-check "LINDQState is NOT_CONFIGURED after the process is gone ($state)" test "$state" = 0x0
-[ $failed = 0 ] || { echo "--- agent log"; tail -n 60 "$WORK/FA_LINDQ.log"; }
-echo "agent_reporting: $passed passed, $failed failed"
-[ $failed = 0 ]
+check "no stop event on a change" bash -c "! grep -qF 'EVENT 96984' '$WORK/FA_LINDQ.log'"
+check "LINDQState is NOT_CONFIGURED after the process is gone" state_is 0x0
+check "nothing was loaded from the planted OpenSSL files" test "$planted" = 0 -a ! -f "$(openssl_marker_file)"
+lab_end

@@ -21,6 +21,7 @@
 
 #include <aclapi.h>
 #include <sddl.h>
+#include <wtsapi32.h>
 
 namespace lindqvar::win32 {
 namespace {
@@ -189,8 +190,8 @@ TEST_F(Win32Platform, DesiredStatusGuidAndRegistryHelpers) {
   EXPECT_EQ(m_support.reg_openkeyW(SupportHive::kLocalMachine, u"software\\Orvane\\Velmora\\FA_ESNAC"),
             nullptr);
   SetValue(u"software\\Orvane\\Velmora\\FA_ESNAC", u"tenantid", u"tenant-1");
-  ScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine,
-                                                         u"software\\Orvane\\Velmora\\FA_ESNAC"));
+  CScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine,
+                                                          u"software\\Orvane\\Velmora\\FA_ESNAC"));
   ASSERT_TRUE(key);
   std::u16string value;
   uint32_t length = 0;
@@ -223,56 +224,106 @@ TEST_F(Win32Platform, StateIsWrittenOnlyIntoAnExistingKey) {
             std::string::npos);
 }
 
-class RecordingSink : public IWindowMessageSink {
+class RecordingSink : public ISessionNotificationSink {
  public:
-  explicit RecordingSink(CSessionWindowWin32& w) : m_window(w) {}
-  int64_t WindowProc(uint32_t message, uint64_t wParam, int64_t lParam) override {
-    if (message == 0x02B1) {
-      lastCode = wParam;
-      lastSession = lParam;
-      return 0;
-    }
-    if (message == WM_DESTROY) ++destroys;
-    return m_window.DefaultProc(message, wParam, lParam);
-  }
-  uint64_t lastCode = 0;
-  int64_t lastSession = -1;
-  int destroys = 0;
-
- private:
-  CSessionWindowWin32& m_window;
+  void OnNotification(const SessionNotification& n) override { received.push_back(n); }
+  std::vector<SessionNotification> received;
 };
+
+// Whether the thread's loop was told to quit (and with exit code 0).
+bool QuitPosted() {
+  MSG msg;
+  return ::PeekMessageW(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE) && msg.wParam == 0;
+}
 
 TEST(Win32SessionWindow, HiddenWindowIsFoundByClassAndDeliversPostedMessages) {
   CSessionWindowWin32 window;
-  RecordingSink sink(window);
+  RecordingSink sink;
   ASSERT_TRUE(window.Create(sink));
-  ASSERT_NE(window.window(), nullptr);
-  EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), window.window());
-  EXPECT_FALSE(::IsWindowVisible(window.window()));
+  ASSERT_NE(window.Window(), nullptr);
+  EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), window.Window());
+  EXPECT_FALSE(::IsWindowVisible(window.Window()));
   EXPECT_TRUE(window.RegisterNotifications());
   // The pumping thread's wait ends for a message posted from another
-  // thread while it waits, for one already queued, and for the stop event.
-  Event stop(Event::ResetPolicy::kManual, Event::InitialState::kNotSignaled);
+  // thread while it waits, for one already queued, and for the stop event
+  // (each wait bounded: a wait that does not end fails instead of hanging).
+  constexpr uint32_t kBoundMs = 10000;
+  CEvent stop(CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled);
   EXPECT_EQ(window.WaitForStopOrMessage(stop, 0), PumpWait::kTimeout);
-  std::thread poster([w = window.window()] {
+  std::thread poster([w = window.Window()] {
     ::Sleep(50);
-    ::PostMessageW(w, 0x02B1, 5, 3);
+    ::PostMessageW(w, WM_WTSSESSION_CHANGE, WTS_SESSION_LOGON, 3);
   });
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kMessage);
   poster.join();
   window.Drain();
-  EXPECT_EQ(sink.lastCode, 5u);
-  EXPECT_EQ(sink.lastSession, 3);
-  ASSERT_TRUE(::PostMessageW(window.window(), 0x02B1, 6, 4));
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kMessage);
+  ASSERT_TRUE(::PostMessageW(window.Window(), WM_WTSSESSION_CHANGE, WTS_SESSION_LOCK, 4));
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kMessage);
   window.Drain();
-  EXPECT_EQ(sink.lastCode, 6u);
+  EXPECT_EQ(sink.received.size(), 2u);  // what each one becomes: the table below
   stop.Set();
-  EXPECT_EQ(window.WaitForStopOrMessage(stop, kInfinite), PumpWait::kStop);
+  EXPECT_EQ(window.WaitForStopOrMessage(stop, kBoundMs), PumpWait::kStop);
   window.DestroyAndUnregister();
-  EXPECT_EQ(sink.destroys, 1);
+  EXPECT_TRUE(QuitPosted());  // its WM_DESTROY ends the thread's loop
   EXPECT_EQ(::FindWindowW(kDetectorClassName, nullptr), nullptr);
+}
+
+// What the window makes of each message: the notification passed on (none
+// when kind is 0), its result, and whether the thread's loop is to quit.
+constexpr uint32_t K(NotificationKind kind) { return static_cast<uint32_t>(kind); }
+using NK = NotificationKind;
+struct TranslationRow {
+  const char* name;
+  UINT message;
+  WPARAM wParam;
+  LPARAM lParam;
+  uint32_t kind;
+  uint32_t session;
+  LRESULT result;
+  bool quit = false;
+};
+
+constexpr UINT kChange = WM_WTSSESSION_CHANGE;
+const TranslationRow kTranslationRows[] = {
+    {"console connect", kChange, WTS_CONSOLE_CONNECT, 7, K(NK::kConsoleConnect), 7, 0},
+    {"console disconnect", kChange, WTS_CONSOLE_DISCONNECT, 7, K(NK::kConsoleDisconnect), 7, 0},
+    {"remote connect", kChange, WTS_REMOTE_CONNECT, 7, K(NK::kRemoteConnect), 7, 0},
+    {"remote disconnect", kChange, WTS_REMOTE_DISCONNECT, 7, K(NK::kRemoteDisconnect), 7, 0},
+    {"logon", kChange, WTS_SESSION_LOGON, 7, K(NK::kSessionLogon), 7, 0},
+    {"logoff", kChange, WTS_SESSION_LOGOFF, 7, K(NK::kSessionLogoff), 7, 0},
+    {"lock", kChange, WTS_SESSION_LOCK, 7, K(NK::kSessionLock), 7, 0},
+    {"unlock, 32-bit id", kChange, WTS_SESSION_UNLOCK, 0xFFFFFFFE, K(NK::kSessionUnlock),
+     0xFFFFFFFE, 0},
+    // Codes outside the eight are ignored, not passed to the system.
+    {"session-change code 0", kChange, 0, 7, 0, 0, 0},
+    {"session-change code 9", kChange, 9, 7, 0, 0, 0},
+    {"resume", WM_POWERBROADCAST, PBT_APMRESUMESUSPEND, 0, K(NK::kResume), 0, 0},
+    // Other power messages are swallowed (the default answer to the query
+    // is TRUE on Windows; Wine's is 0 as well).
+    {"query suspend", WM_POWERBROADCAST, PBT_APMQUERYSUSPEND, 0, 0, 0, 0},
+    // Everything else is the system's: the length of "session_detector".
+    {"text length", WM_GETTEXTLENGTH, 0, 0, 0, 0, 16},
+    // Last: the object no longer receives messages after it.
+    {"destroy", WM_DESTROY, 0, 0, 0, 0, 0, true},
+};
+
+TEST(Win32SessionWindow, TranslatesTheSystemsMessagesIntoNotifications) {
+  CSessionWindowWin32 window;
+  RecordingSink sink;
+  ASSERT_TRUE(window.Create(sink));
+  ASSERT_FALSE(QuitPosted());
+  for (const TranslationRow& row : kTranslationRows) {
+    sink.received.clear();
+    EXPECT_EQ(::SendMessageW(window.Window(), row.message, row.wParam, row.lParam), row.result)
+        << row.name;
+    EXPECT_EQ(sink.received.size(), row.kind != 0 ? 1u : 0u) << row.name;
+    if (!sink.received.empty()) {
+      EXPECT_EQ(K(sink.received[0].kind), row.kind) << row.name;
+      EXPECT_EQ(sink.received[0].session, row.session) << row.name;
+    }
+    EXPECT_EQ(QuitPosted(), row.quit) << row.name;
+  }
+  window.DestroyAndUnregister();
 }
 
 TEST(Win32Sessions, ConsoleSessionIsTheOneWineReports) {
