@@ -432,7 +432,10 @@ TEST_P(FailedWaitTest, IsNeitherASpinNorAChange) {
   // The addresses differ from those reported: a change round would send.
   fake.network.SetNames("ws1", {FakeNetwork::V4(10, 0, 0, 9)});
   fake.waits.Open();
-  ASSERT_TRUE(testing::WaitUntil([&] { return fake.waits.realWaits[row.side] > 0; }));
+  // The watch thread arms its watch on its own time: the handler's row can
+  // be waiting before it.
+  ASSERT_TRUE(testing::WaitUntil(
+      [&] { return fake.waits.realWaits[row.side] > 0 && fake.network.WatchChanged(); }));
   EXPECT_EQ(fake.waits.failed[row.side], row.failures);
   EXPECT_EQ(fake.support.CountLines(row.failedLine), 1u);
   EXPECT_EQ(lab.Server().Finished(), 1u);  // no round ran for the failures
