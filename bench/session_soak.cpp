@@ -1,8 +1,8 @@
 // The soak of every sending path (see tests/agent/session_soak.h):
 //   session_soak [events]   (default 10000)
 // Prints the events run, the passes that reached a server, resident memory
-// after the first thousand events and at the end, and whether the lab's
-// table ends with what the agent last reported; then the time of a
+// at the start, after every thousand events and at the end, and whether the
+// lab's table ends with what the agent last reported; then the time of a
 // keep-alive pass against a SendSessionEvent pass to one server.
 #include <chrono>
 #include <cstdio>
@@ -54,12 +54,19 @@ class CPassTimer : public lindqvar::testing::CSessionSoak {
 int main(int argc, char** argv) {
   const size_t events = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10000;
   lindqvar::testing::CSessionSoak soak;
+  const long rssAtStart = ResidentKb();
   long rssAfterFirst = 0;
+  std::printf("resident memory (kB): start %ld", rssAtStart);
   const auto r = soak.Run(events, [&](size_t n) {
-    if (n == 1000) rssAfterFirst = ResidentKb();
+    if (n % 1000 != 0) return;
+    const long kb = ResidentKb();
+    if (n == 1000) rssAfterFirst = kb;
+    std::printf(", %zu: %ld", n, kb);
+    std::fflush(stdout);
   });
   const long rssAtEnd = ResidentKb();
   if (rssAfterFirst == 0) rssAfterFirst = rssAtEnd;
+  std::printf(", end %ld\n", rssAtEnd);
   std::printf("events %zu, delivered %zu\n", r.events, r.delivered);
   std::printf("resident memory: %ld kB after 1000 events, %ld kB at the end (%+ld kB)\n",
               rssAfterFirst, rssAtEnd, rssAtEnd - rssAfterFirst);
