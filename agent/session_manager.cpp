@@ -122,6 +122,7 @@ uint32_t CSessionManager::Init() {
   PublishSettings();
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   SetState(m_settings.Servers().empty() ? kNotConfigured : kConfiguredUnreachable);
   m_identifiers.LoadClientUuid();
   ReadComputerDomain();
@@ -167,19 +168,7 @@ void CSessionManager::EnumerateSessions() {
 }
 
 void CSessionManager::ReadComputerDomain() {
-  m_domainName.clear();
-  std::u16string domain;
-  uint32_t error = 0;
-  if (!m_network.PhysicalDnsDomain(domain, error)) {
-    m_log.Error("Failed to get computer domain name\n");
-    return;
-  }
-  if (domain.empty()) {
-    m_log.Error("Failed to get computer domain name, dwSize = 0\n");
-    return;
-  }
-  m_domainName = WideToAnsi(domain);
-  if (m_domainName.size() > 255) m_domainName.resize(255);
+  m_domainName = lindqvar::ReadComputerDomain(m_network, m_log);
 }
 
 void CSessionManager::ApplyUserExclusions() {
@@ -197,8 +186,7 @@ void CSessionManager::ApplyUserExclusions() {
 }
 
 void CSessionManager::TakeHostName() {
-  m_hostName = m_network.HostName();
-  if (m_hostName.size() > 255) m_hostName.resize(255);
+  m_hostName = ReadHostName(m_network);
   m_addresses.SetHostName(m_hostName);
 }
 
@@ -214,9 +202,11 @@ uint32_t CSessionManager::ReloadSettings() {
   // Server verification is not part of the change test: it applies from the
   // next connection on without ending the agent.
   m_delivery.SetServerVerification(ReadServerVerification(m_registry));
-  // Nor is the exclusion list: each session meets the new list at its next
-  // event.
+  // Nor are the opt-ins of session reporting: each session meets the new
+  // exclusion list at its next event, and logoffs are kept (or the kept
+  // ones dropped) from now on.
   ApplyUserExclusions();
+  m_events.SetResendLogoff(ReadResendLogoff(m_registry));
   if (m_settings.Servers().empty()) SetState(kNotConfigured);
   return changed;
 }

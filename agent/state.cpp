@@ -34,4 +34,23 @@ void WriteState(IRegistry& registry, CLog& log, uint32_t state) {
   }
 }
 
+bool ReadState(IRegistry& registry, uint32_t& state) {
+  std::unique_ptr<IRegistryKey> key;
+  if (registry.OpenKey(RegistryHive::kLocalMachine, kAgentKeyPath,
+                       reg_access::kRead | reg_access::kWow64_64Key, key) != kErrorSuccess ||
+      !key) {
+    return false;
+  }
+  uint32_t type = 0;
+  std::vector<uint8_t> data;
+  constexpr uint32_t kRegDword = 4;
+  if (key->QueryValue(kStateValueName, type, data) != kErrorSuccess || type != kRegDword ||
+      data.size() != 4) {
+    return false;
+  }
+  state = static_cast<uint32_t>(data[0]) | static_cast<uint32_t>(data[1]) << 8 |
+          static_cast<uint32_t>(data[2]) << 16 | static_cast<uint32_t>(data[3]) << 24;
+  return true;
+}
+
 }  // namespace lindqvar

@@ -27,4 +27,9 @@ const char* StateName(uint32_t state);
 // outcome. Failures are logged and otherwise ignored.
 void WriteState(IRegistry& registry, CLog& log, uint32_t state);
 
+// Reads the state last written, from the view WriteState writes to. False
+// when the key or a DWORD value is missing (the agent has not run, or it
+// cannot write its key).
+bool ReadState(IRegistry& registry, uint32_t& state);
+
 }  // namespace lindqvar

@@ -78,4 +78,14 @@ std::vector<uint8_t> ReadUserExclusions(IRegistry& registry) {
   return data;
 }
 
+bool ReadResendLogoff(IRegistry& registry) {
+  std::unique_ptr<IRegistryKey> key;
+  std::vector<uint8_t> data;
+  uint32_t type = 0;
+  return registry.OpenKey(RegistryHive::kLocalMachine, kAgentKeyPath,
+                          reg_access::kRead | reg_access::kWow64_64Key, key) == kErrorSuccess &&
+         key && key->QueryValue(kResendLogoffValue, type, data) == kErrorSuccess &&
+         type == kRegDword && data.size() == 4 && (data[0] | data[1] | data[2] | data[3]) != 0;
+}
+
 }  // namespace lindqvar

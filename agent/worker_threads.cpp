@@ -131,10 +131,13 @@ uint32_t CWorkerThreads::ResendThread() {
   for (;;) {
     const WaitResult r = m_stopEvent.Wait(m_parts.timings.resendPeriodMs);
     if (r == WaitResult::kSignaled) return 1;
-    if (r == WaitResult::kTimeout && m_parts.events.ResendPending() == 1 &&
-        m_parts.events.ResendTries() < kMaxResendTries) {
+    if (r != WaitResult::kTimeout) continue;
+    // Kept logoffs (ResendLogoff) first: they withdraw users who left, and
+    // a withdrawal that came after a newer report of the same addresses
+    // could undo that report at a server.
+    m_parts.events.ResendLogoffEvents();
+    if (m_parts.events.ResendPending() == 1 && m_parts.events.ResendTries() < kMaxResendTries)
       m_parts.events.ResendLogonEvent();
-    }
   }
 }
 

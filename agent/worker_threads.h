@@ -64,7 +64,7 @@ class CWorkerThreads {
   static constexpr uint32_t kMaxKeepAliveSeconds = 86400;
   // Re-send passes after a failure before the timer gives up until an
   // ordinary pass resets the count.
-  static constexpr uint32_t kMaxResendTries = 20;
+  static constexpr uint32_t kMaxResendTries = CSessionEvents::kResendTries;
 
  private:
   uint32_t AddressWatchThread();

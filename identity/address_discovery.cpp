@@ -66,68 +66,127 @@ void CAddressDiscovery::GetIPAddress(IPv4List* ipv4, uint32_t& count4, IPv6List*
   if (!ipv4 || !ipv6) return;
   ipv4->fill(0);
   for (IPv6Address& a : *ipv6) a.fill(0);
+  Collect(*ipv4, count4, *ipv6, count6, nullptr);
+}
 
+AddressExplanation CAddressDiscovery::ExplainIPAddress() {
+  AddressExplanation why;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    why.hostName = m_hostName;
+  }
+  why.addressCategory = m_addressCategory.load();
+  AddressSet& set = why.reported;
+  Collect(set.ipv4, set.count4, set.ipv6, set.count6, &why);
+  if (why.vpnFirst) {
+    // The walk never looked at the host name's addresses: say what the
+    // rule kept out.
+    std::vector<ResolvedAddress> addresses;
+    why.resolveError = m_network.Resolve(why.hostName, addresses);
+    for (const ResolvedAddress& a : addresses)
+      why.decisions.push_back({a, AddressSource::kHostName, AddressVerdict::kVpnFirst, {}});
+  }
+  return why;
+}
+
+void CAddressDiscovery::Collect(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                uint32_t& count6, AddressExplanation* why) {
   if (m_addressCategory.load() != 0) {
-    GetOnlyVLMVirtualAdapterAddress(*ipv4, count4, *ipv6, count6);
+    VpnAddresses(ipv4, count4, ipv6, count6, why);
     if (count4 == 0 && count6 == 0) {
       m_log.Debug("VPN is down\n");
-      GetAllIPAddress(*ipv4, count4, *ipv6, count6);
+      AllAddresses(ipv4, count4, ipv6, count6, why);
     } else {
       m_log.Debug("VPN is up\n");
+      if (why) why->vpnFirst = true;
     }
   } else {
-    GetAllIPAddress(*ipv4, count4, *ipv6, count6);
+    AllAddresses(ipv4, count4, ipv6, count6, why);
   }
   m_log.Debug("%s:%d count:%d, count6:%d\n", kGetIPAddress, 1227, static_cast<int>(count4),
               static_cast<int>(count6));
 }
 
-bool CAddressDiscovery::AddIfReportable(const ResolvedAddress& address, IPv4List& ipv4,
-                                        uint32_t& count4, IPv6List& ipv6,
-                                        uint32_t& count6) const {
+AddressVerdict CAddressDiscovery::Judge(const ResolvedAddress& address, uint32_t count4,
+                                        uint32_t count6, std::string* adapter) const {
   const auto& b = address.bytes;
+  uint32_t count = count4;
   if (address.family == kFamilyIPv4) {
-    if (b[0] == 127 || (b[0] == 169 && b[1] == 254)) return false;  // loopback, link-local
-    if (count4 >= 4 || !IsAddressAllowed(address)) return false;
-    std::memcpy(&ipv4[count4], b.data(), 4);  // stays in network byte order
-    ++count4;
-    return true;
-  }
-  if (address.family == kFamilyIPv6) {
+    if (b[0] == 127) return AddressVerdict::kLoopback;
+    if (b[0] == 169 && b[1] == 254) return AddressVerdict::kLinkLocal;
+  } else if (address.family == kFamilyIPv6) {
     // A first group of 0 drops ::1, :: and IPv4-mapped forms.
     const uint16_t first = FirstGroup(b.data());
-    if (first == 0) return false;
-    if (count6 >= 4 || !IsAddressAllowed(address) || (first & 0xffc0) == 0xfe80) return false;
-    std::memcpy(ipv6[count6].data(), b.data(), 16);
-    ++count6;
-    return true;
+    if (first == 0) {
+      const bool loopback =
+          std::all_of(b.begin(), b.begin() + 15, [](uint8_t x) { return x == 0; }) && b[15] == 1;
+      return loopback ? AddressVerdict::kLoopback : AddressVerdict::kUnspecified;
+    }
+    if ((first & 0xffc0) == 0xfe80) return AddressVerdict::kLinkLocal;
+    count = count6;
+  } else {
+    return AddressVerdict::kUnspecified;  // neither family: never reported
   }
-  return false;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (const ExcludedAddress& e : m_excluded) {
+      if (!SameAddress(e.address, address)) continue;
+      if (adapter) *adapter = e.adapter;
+      return e.kind == VirtualAdapterKind::kHyperVInternal ? AddressVerdict::kHyperVInternal
+                                                            : AddressVerdict::kVirtualAdapter;
+    }
+  }
+  return count >= 4 ? AddressVerdict::kOverLimit : AddressVerdict::kReported;
+}
+
+bool CAddressDiscovery::AddIfReportable(const ResolvedAddress& address, AddressSource source,
+                                        IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                        uint32_t& count6, AddressExplanation* why) const {
+  AddressDecision decision{address, source, AddressVerdict::kReported, {}};
+  decision.verdict = Judge(address, count4, count6, why ? &decision.adapter : nullptr);
+  if (why) why->decisions.push_back(decision);
+  if (decision.verdict != AddressVerdict::kReported) return false;
+  if (address.family == kFamilyIPv4) {
+    std::memcpy(&ipv4[count4], address.bytes.data(), 4);  // stays in network byte order
+    ++count4;
+  } else {
+    std::memcpy(ipv6[count6].data(), address.bytes.data(), 16);
+    ++count6;
+  }
+  return true;
 }
 
 void CAddressDiscovery::GetAllIPAddress(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
                                         uint32_t& count6) {
+  AllAddresses(ipv4, count4, ipv6, count6, nullptr);
+}
+
+void CAddressDiscovery::AllAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                     uint32_t& count6, AddressExplanation* why) {
   m_log.Debug("%s is called\n", kGetAllIPAddress);
-  AddHostAddresses(ipv4, count4, ipv6, count6, true);
+  AddHostAddresses(ipv4, count4, ipv6, count6, true, why);
 }
 
 AddressSet CAddressDiscovery::HostAddresses() {
   AddressSet set;
-  AddHostAddresses(set.ipv4, set.count4, set.ipv6, set.count6, false);
+  AddHostAddresses(set.ipv4, set.count4, set.ipv6, set.count6, false, nullptr);
   return set;
 }
 
 void CAddressDiscovery::AddHostAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
-                                         uint32_t& count6, bool logged) {
+                                         uint32_t& count6, bool logged, AddressExplanation* why) {
   std::string hostName;
   {
     std::lock_guard<std::mutex> lock(m_lock);
     hostName = m_hostName;
   }
   std::vector<ResolvedAddress> addresses;
-  if (m_network.Resolve(hostName, addresses) != 0) return;
+  const int error = m_network.Resolve(hostName, addresses);
+  if (why) why->resolveError = error;
+  if (error != 0) return;
   for (const ResolvedAddress& a : addresses) {
-    if (!AddIfReportable(a, ipv4, count4, ipv6, count6) || !logged) continue;
+    if (!AddIfReportable(a, AddressSource::kHostName, ipv4, count4, ipv6, count6, why) || !logged)
+      continue;
     if (a.family == kFamilyIPv4) {
       m_log.Debug("%s:%d IPv4 address:%s\n", kGetAllIPAddress, 1356, AddressText(a).c_str());
     } else {
@@ -138,6 +197,11 @@ void CAddressDiscovery::AddHostAddresses(IPv4List& ipv4, uint32_t& count4, IPv6L
 
 void CAddressDiscovery::GetOnlyVLMVirtualAdapterAddress(IPv4List& ipv4, uint32_t& count4,
                                                         IPv6List& ipv6, uint32_t& count6) {
+  VpnAddresses(ipv4, count4, ipv6, count6, nullptr);
+}
+
+void CAddressDiscovery::VpnAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
+                                     uint32_t& count6, AddressExplanation* why) {
   m_log.Debug("%s is called\n", kGetOnlyVpn);
   std::vector<AdapterAddresses> adapters;
   if (m_adapters.AllocateAdaptersAddresses(adapters) != 0) return;
@@ -146,7 +210,9 @@ void CAddressDiscovery::GetOnlyVLMVirtualAdapterAddress(IPv4List& ipv4, uint32_t
                                                a.description == kVpnAdapterDescriptionNdis);
   });
   if (vpn == adapters.end()) return;
-  for (const ResolvedAddress& a : vpn->unicast) AddIfReportable(a, ipv4, count4, ipv6, count6);
+  if (why) why->vpnAdapter = vpn->description;
+  for (const ResolvedAddress& a : vpn->unicast)
+    AddIfReportable(a, AddressSource::kVpnAdapter, ipv4, count4, ipv6, count6, why);
 }
 
 void CAddressDiscovery::BuildVirtualAdapterList() {
@@ -157,13 +223,14 @@ void CAddressDiscovery::BuildVirtualAdapterList() {
   std::vector<AdapterInfo> adapters;
   if (m_adapters.GetAdaptersInfo(adapters) != 0) return;
 
-  std::vector<ResolvedAddress> excluded;
+  std::vector<ExcludedAddress> excluded;
   for (const AdapterInfo& adapter : adapters) {
     if (adapter.type == kIfTypePpp || adapter.type == kIfTypeSlip) continue;
-    if (!IsVirtualAdapter(adapter) || adapter.addressLength == 0) continue;
+    const VirtualAdapterKind kind = ClassifyAdapter(adapter);
+    if (kind == VirtualAdapterKind::kNone || adapter.addressLength == 0) continue;
     // The adapter's first address, once for every entry of its address list.
     for (size_t i = 0; i < adapter.ipAddresses.size(); ++i) {
-      excluded.push_back(ParseIPv4Text(adapter.ipAddresses.front()));
+      excluded.push_back({ParseIPv4Text(adapter.ipAddresses.front()), kind, adapter.description});
     }
   }
   std::lock_guard<std::mutex> lock(m_lock);
@@ -172,24 +239,29 @@ void CAddressDiscovery::BuildVirtualAdapterList() {
 
 uint32_t CAddressDiscovery::IsAddressAllowed(const ResolvedAddress& address) const {
   std::lock_guard<std::mutex> lock(m_lock);
-  for (const ResolvedAddress& e : m_excluded) {
-    if (SameAddress(e, address)) return 0;
+  for (const ExcludedAddress& e : m_excluded) {
+    if (SameAddress(e.address, address)) return 0;
   }
   return 1;
 }
 
 uint32_t CAddressDiscovery::IsVirtualAdapter(const AdapterInfo& adapter) {
+  return ClassifyAdapter(adapter) == VirtualAdapterKind::kNone ? 0 : 1;
+}
+
+VirtualAdapterKind CAddressDiscovery::ClassifyAdapter(const AdapterInfo& adapter) {
   if (adapter.addressLength == 6) {
     for (const auto& mac : kOwnVpnAdapterMacs) {
-      if (std::memcmp(adapter.address.data(), mac.data(), 6) == 0) return 0;
+      if (std::memcmp(adapter.address.data(), mac.data(), 6) == 0) return VirtualAdapterKind::kNone;
     }
   }
-  if (StartsWith(adapter.description, kVmwarePrefix) ||
-      StartsWith(adapter.description, kVirtualBoxPrefix)) {
-    return 1;
-  }
-  if (StartsWith(adapter.description, kHyperVPrefix) && !IsHyperVExternalSwitch(adapter)) return 1;
-  return std::memcmp(adapter.address.data(), kVirtualMacPrefix, 3) == 0 ? 1 : 0;
+  if (StartsWith(adapter.description, kVmwarePrefix)) return VirtualAdapterKind::kVmware;
+  if (StartsWith(adapter.description, kVirtualBoxPrefix)) return VirtualAdapterKind::kVirtualBox;
+  if (StartsWith(adapter.description, kHyperVPrefix) && !IsHyperVExternalSwitch(adapter))
+    return VirtualAdapterKind::kHyperVInternal;
+  return std::memcmp(adapter.address.data(), kVirtualMacPrefix, 3) == 0
+             ? VirtualAdapterKind::kVirtualMac
+             : VirtualAdapterKind::kNone;
 }
 
 uint32_t CAddressDiscovery::IsHyperVExternalSwitch(const AdapterInfo& adapter) {
@@ -236,7 +308,9 @@ void CAddressDiscovery::LoadHyperVExternalPorts() {
 
 std::vector<ResolvedAddress> CAddressDiscovery::ExcludedAddresses() const {
   std::lock_guard<std::mutex> lock(m_lock);
-  return m_excluded;
+  std::vector<ResolvedAddress> addresses;
+  for (const ExcludedAddress& e : m_excluded) addresses.push_back(e.address);
+  return addresses;
 }
 
 std::vector<HyperVExternalPort> CAddressDiscovery::HyperVExternalPorts() const {

@@ -98,4 +98,26 @@ void CIdentifiers::LoadVrxSerial() {
   m_log.Debug("VRX SN:%s", m_strVrxSerial.c_str());
 }
 
+std::string ReadHostName(INetwork& network) {
+  std::string hostName = network.HostName();
+  if (hostName.size() > 255) hostName.resize(255);
+  return hostName;
+}
+
+std::string ReadComputerDomain(INetwork& network, CLog& log) {
+  std::u16string domain;
+  uint32_t error = 0;
+  if (!network.PhysicalDnsDomain(domain, error)) {
+    log.Error("Failed to get computer domain name\n");
+    return {};
+  }
+  if (domain.empty()) {
+    log.Error("Failed to get computer domain name, dwSize = 0\n");
+    return {};
+  }
+  std::string ansi = WideToAnsi(domain);
+  if (ansi.size() > 255) ansi.resize(255);
+  return ansi;
+}
+
 }  // namespace lindqvar

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/log.h"
+#include "platform/network.h"
 #include "platform/registry.h"
 #include "platform/support.h"
 
@@ -52,5 +53,12 @@ class CIdentifiers {
   std::string m_strVrxSerial;
   std::string m_strVrxTenantId;
 };
+
+// The machine's own names as every record carries them: the host name, cut
+// to 255 bytes (empty when the system gives none), and the computer's DNS
+// domain in the ANSI code page, cut to 255 bytes (empty, with an error line,
+// when the system gives none).
+std::string ReadHostName(INetwork& network);
+std::string ReadComputerDomain(INetwork& network, CLog& log);
 
 }  // namespace lindqvar

@@ -44,12 +44,16 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
   record.m_strUserName.clear();
   record.m_strDomain.clear();
   record.m_strTenantId.clear();
+  UserLookupOutcome& outcome = record.m_lookup;
+  outcome = {};
 
   // The AD answer. Its tenant id is always empty.
   std::u16string adUser, adDomain;
   const std::u16string adTenant;
   bool adValid = false;
   const int ts = GetTSSessionUserName(system, log, sessionId, adUser, adDomain, 1);
+  outcome.domainResult = ts;
+  if (ts == kTsFailed) outcome.domainError = system.accounts.LastError();
   if (ts != kTsFailed) log.Debug("iResult:%d", ts);
   if (ts == kTsDomainAccount) {
     log.Debug("GetTSSessionUserName() result, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
@@ -59,6 +63,7 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
       // from the Azure lookup instead.
       log.Debug("Discard this logon info, strUsername:%s, strDomain:%s", Utf8(adUser).c_str(),
                 Utf8(adDomain).c_str());
+      outcome.domainAccountIsAzureAD = true;
     } else {
       adValid = true;
     }
@@ -66,8 +71,9 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
 
   // The Azure answer is asked for whatever the AD lookup gave.
   std::u16string azureUser, azureDomain, azureTenant;
-  const bool azureValid = GetAZureSessionUserInfo(system, log, sessionId, azureUser, azureDomain,
-                                                  azureTenant) == kAzureOk;
+  outcome.azureResult =
+      GetAZureSessionUserInfo(system, log, sessionId, azureUser, azureDomain, azureTenant);
+  const bool azureValid = outcome.azureResult == kAzureOk;
 
   const std::u16string* user = &adUser;
   const std::u16string* domain = &adDomain;
@@ -84,7 +90,9 @@ uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uin
     return 0;
   }
 
-  if (user->empty()) return 0;
+  outcome.emptyUser = user->empty();
+  if (outcome.emptyUser) return 0;
+  outcome.source = takeAzure ? UserSource::kAzureAD : UserSource::kDomain;
   // UTF-16 to UTF-8 cannot fail here (unpaired surrogates become U+FFFD),
   // so every field converts.
   record.m_strUserName = Utf8(*user);

@@ -25,6 +25,26 @@ struct UserLookup {
   const Timings& timings;
 };
 
+// Results of GetTSSessionUserName.
+inline constexpr int kTsFailed = 0;
+inline constexpr int kTsDomainAccount = 1;
+inline constexpr int kTsLocalAccount = 2;  // the domain is this computer's name
+inline constexpr int kTsNoUser = 3;
+
+// Which answer a record's user came from.
+enum class UserSource { kNone, kDomain, kAzureAD };
+
+// What the two lookups of LoadSessionUser answered, kept with the record so
+// that a person can be told where its user came from or why there is none.
+struct UserLookupOutcome {
+  UserSource source = UserSource::kNone;
+  int domainResult = kTsFailed;     // GetTSSessionUserName's result
+  uint32_t domainError = 0;         // the system's error when that lookup failed
+  bool domainAccountIsAzureAD = false;  // an "AzureAD" account, left to the Azure AD lookup
+  int32_t azureResult = 0;          // GetAZureSessionUserInfo's result (identity/azure.h)
+  bool emptyUser = false;           // the answer taken had an empty user name
+};
+
 class CTerminalSession {
  public:
   CTerminalSession() = default;
@@ -35,6 +55,7 @@ class CTerminalSession {
   const std::string& UserName() const { return m_strUserName; }
   const std::string& Domain() const { return m_strDomain; }
   const std::string& TenantId() const { return m_strTenantId; }
+  const UserLookupOutcome& Lookup() const { return m_lookup; }
 
  private:
   friend uint32_t LoadSessionUser(const UserLookup&, CTerminalSession&, uint32_t, CLog&, uint32_t);
@@ -43,17 +64,12 @@ class CTerminalSession {
   std::string m_strUserName;
   std::string m_strDomain;
   std::string m_strTenantId;
+  UserLookupOutcome m_lookup;
 };
 
 // Fills `record` for the session: 1 when a user was found, else 0.
 uint32_t LoadSessionUser(const UserLookup& system, CTerminalSession& record, uint32_t sessionId,
                          CLog& log, uint32_t preferAzure);
-
-// Results of GetTSSessionUserName.
-inline constexpr int kTsFailed = 0;
-inline constexpr int kTsDomainAccount = 1;
-inline constexpr int kTsLocalAccount = 2;  // the domain is this computer's name
-inline constexpr int kTsNoUser = 3;
 
 int GetTSSessionUserName(const UserLookup& system, CLog& log, uint32_t sessionId,
                          std::u16string& user, std::u16string& domain, uint32_t useDnsDomain);

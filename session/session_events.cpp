@@ -1,9 +1,44 @@
 #include "session/session_events.h"
 
 #include "platform/os.h"
+#include "platform/sessions.h"
 #include "protocol/transport/ip_address.h"
+#include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {
+
+namespace {
+
+// "CORP\mlind at 10.0.0.5,fd00::5": a kept logoff in its log lines.
+std::string LogoffText(const CTerminalSession& entry, const AddressSet& set) {
+  std::string text = entry.Domain() + "\\" + entry.UserName() + " at ";
+  const char* separator = "";
+  for (uint32_t i = 0; i < set.count4 && i < set.ipv4.size(); ++i, separator = ",") {
+    IpAddress a;
+    a.SetIPv4(set.ipv4[i]);
+    text = text + separator + a.Text();
+  }
+  for (uint32_t i = 0; i < set.count6 && i < set.ipv6.size(); ++i, separator = ",") {
+    IpAddress a;
+    a.SetIPv6(set.ipv6[i].data());
+    text = text + separator + a.Text();
+  }
+  return text;
+}
+
+// The names as the servers get them: upper-cased.
+std::u16string SentName(const std::string& name) {
+  std::u16string out = Utf8ToWide(name);
+  for (char16_t& unit : out) unit = WideToUpper(unit);
+  return out;
+}
+
+bool SameUser(const CTerminalSession& a, const CTerminalSession& b) {
+  return SentName(a.UserName()) == SentName(b.UserName()) &&
+         SentName(a.Domain()) == SentName(b.Domain());
+}
+
+}  // namespace
 
 uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint32_t wakeup) {
   std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
@@ -12,7 +47,8 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
   m_identifiers.LoadVrxTenantId();
 
   if (logon == 1) m_dwCurrentSession = session;
-  if (m_table.FindSession(session)) {
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (entry) {
     m_bLogon = logon;
     m_log.Debug("Found session:%d in session table, m_bLogon:%d\n", static_cast<int>(session),
                 static_cast<int>(m_bLogon.load()));
@@ -20,19 +56,26 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
     m_log.Debug("Did not found session:%d in session table, m_bLogon:%d\n",
                 static_cast<int>(session), static_cast<int>(m_bLogon.load()));
   }
+  const ReportKind kind =
+      wakeup ? ReportKind::kWakeup : logon ? ReportKind::kLogon : ReportKind::kLogoff;
+  // The user is back: a kept logoff of theirs would now withdraw them.
+  if (logon == 1 && entry) DropKeptLogoffs(entry, "the user logged on again");
 
   if (!m_table.Allocated() || (now.count4 == 0 && now.count6 == 0)) {
     // No address to report: the re-send timer tries again.
-    if (m_table.Allocated()) RequestResend();
+    if (m_table.Allocated()) {
+      RequestResend();
+      // The servers still map the departing user to the addresses they
+      // were told last.
+      if (kind == ReportKind::kLogoff) KeepLogoff(session, m_last);
+    }
     return 0;
   }
-  const CTerminalSession* entry = m_table.FindSession(session);
   if (!entry) return 0;
 
-  const ReportKind kind =
-      wakeup ? ReportKind::kWakeup : logon ? ReportKind::kLogon : ReportKind::kLogoff;
   const DeliveryResult result = Report(kind, session, *entry, now, false);
   WriteSessionLog(kind, *entry, result);
+  if (kind == ReportKind::kLogoff && !result.delivered) KeepLogoff(session, now);
   return result.delivered ? 1 : 0;
 }
 
@@ -60,6 +103,84 @@ void CSessionEvents::SendCurrentSession(const char* routine, int line, bool rese
   // record.
   const DeliveryResult result = Report(ReportKind::kKeepAlive, session, *entry, now, resend);
   if (!resend) WriteSessionLog(ReportKind::kKeepAlive, *entry, result);
+}
+
+void CSessionEvents::SetResendLogoff(bool on) {
+  if (m_resendLogoff.exchange(on) != on) m_log.Debug("ResendLogoff:%d", on ? 1 : 0);
+}
+
+void CSessionEvents::KeepLogoff(uint32_t session, const AddressSet& addresses) {
+  if (!m_resendLogoff.load() || (addresses.count4 == 0 && addresses.count6 == 0)) return;
+  const CTerminalSession* entry = m_table.FindSession(session);
+  if (!entry) return;
+  const std::string text = LogoffText(*entry, addresses);
+  if (m_table.Excludes(*entry)) {
+    m_log.Debug("ResendLogoff: the logoff of %s is not kept: its user is on ExcludedUsers",
+                text.c_str());
+    return;
+  }
+  for (auto it = m_keptLogoffs.begin(); it != m_keptLogoffs.end(); ++it) {
+    if (SameUser(it->entry, *entry) && !AddressSetChanged(it->addresses, addresses)) {
+      m_keptLogoffs.erase(it);
+      break;
+    }
+  }
+  if (m_keptLogoffs.size() >= kMaxKeptLogoffs) {
+    const KeptLogoff& oldest = m_keptLogoffs.front();
+    m_log.Debug("ResendLogoff: dropped the logoff of %s: more than %d kept",
+                LogoffText(oldest.entry, oldest.addresses).c_str(),
+                static_cast<int>(kMaxKeptLogoffs));
+    m_keptLogoffs.pop_front();
+  }
+  m_keptLogoffs.push_back({session, *entry, addresses, 0});
+  m_keptCount = m_keptLogoffs.size();
+  m_log.Debug("ResendLogoff: kept the logoff of %s, session %d, that reached no server (%d kept)",
+              text.c_str(), static_cast<int>(session), static_cast<int>(m_keptLogoffs.size()));
+}
+
+void CSessionEvents::DropKeptLogoffs(const CTerminalSession* user, const char* why) {
+  for (auto it = m_keptLogoffs.begin(); it != m_keptLogoffs.end();) {
+    if (user && !SameUser(it->entry, *user)) {
+      ++it;
+      continue;
+    }
+    m_log.Debug("ResendLogoff: dropped the logoff of %s: %s",
+                LogoffText(it->entry, it->addresses).c_str(), why);
+    it = m_keptLogoffs.erase(it);
+  }
+  m_keptCount = m_keptLogoffs.size();
+}
+
+void CSessionEvents::ResendLogoffEvents() {
+  if (m_keptCount.load() == 0) return;
+  std::lock_guard<std::recursive_mutex> lock(m_table.Lock());
+  if (!m_resendLogoff.load()) {
+    DropKeptLogoffs(nullptr, "ResendLogoff is off");
+    return;
+  }
+  while (!m_keptLogoffs.empty()) {
+    KeptLogoff& kept = m_keptLogoffs.front();
+    // Delivered directly, not through Report: the logon re-send state and
+    // the last sent set belong to the reports of the logged-on user. For no
+    // session: a server's request for NTLM proof must not be answered as
+    // whoever has the departed user's session number by now.
+    CEncoder event(kEventEncoderCapacity);
+    BuildEventReport(event, ReportKind::kLogoff, m_last, kept.addresses, kept.entry, Machine());
+    const uint32_t tries = ++kept.tries;
+    const bool delivered = m_delivery.Deliver(kNoSession, event).delivered;
+    const std::string text = LogoffText(kept.entry, kept.addresses);
+    m_log.Debug("ResendLogoff: re-sent the logoff of %s, try %d of %d: %s", text.c_str(),
+                static_cast<int>(tries), static_cast<int>(kResendTries),
+                delivered ? "delivered" : "not delivered");
+    if (delivered || tries >= kResendTries) {
+      m_log.Debug("ResendLogoff: dropped the logoff of %s: %s", text.c_str(),
+                  delivered ? "delivered" : "not delivered after the last try");
+      m_keptLogoffs.pop_front();
+      m_keptCount = m_keptLogoffs.size();
+    }
+    // No server answered: the others wait for the next round, without a try.
+    if (!delivered) return;
+  }
 }
 
 void CSessionEvents::CheckAddressChange() {

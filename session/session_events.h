@@ -2,13 +2,15 @@
 // notification's event is sent, the keep-alive, the re-send of a failed
 // report and the report of changed addresses. Keeps the pair (m_bLogon,
 // m_dwCurrentSession): whether, and for which session, a logon is reported
-// to the servers; the addresses last sent; and the re-send state. Every
-// report is made whole under the session-table lock, its delivery included,
-// so that reports reach the servers in the order they were made.
+// to the servers; the addresses last sent; the re-send state; and, with the
+// opt-in ResendLogoff, the logoffs that reached no server. Every report is
+// made whole under the session-table lock, its delivery included, so that
+// reports reach the servers in the order they were made.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 
 #include "identity/address_discovery.h"
@@ -52,6 +54,13 @@ class CSessionEvents {
   // machine has no address.
   void SendKeepAliveEvent();
   void ResendLogonEvent();
+  // One round of the re-send timer for the kept logoffs (ResendLogoff),
+  // oldest first: each is sent again as it was; a delivered one is dropped,
+  // a failure counts a try and ends the round, and the kResendTries-th
+  // failure drops it. Touches neither the logon re-send state nor
+  // (m_bLogon, m_dwCurrentSession) nor the last sent set. Nothing at all
+  // while none is kept.
+  void ResendLogoffEvents();
   // One round of the address-change check: when the addresses changed and
   // an IPv4 address is left, reports the new set for the session reported
   // as logged on (nothing while none is).
@@ -68,6 +77,16 @@ class CSessionEvents {
   // Takes its own lock, never the table lock: a settings re-read must not
   // wait for a delivery in progress.
   void SetWorkstation(const WorkstationSnapshot& workstation);
+
+  // The opt-in ResendLogoff: while on, a logoff that reached no server is
+  // kept for ResendLogoffEvents. Takes no lock (a settings re-read must not
+  // wait for a delivery); the kept logoffs go at the next round once off.
+  void SetResendLogoff(bool on);
+  bool ResendLogoff() const { return m_resendLogoff.load(); }
+  // Re-sends of one report before the re-send timer gives up on it.
+  static constexpr uint32_t kResendTries = 20;
+  // Kept logoffs at most; one more drops the oldest.
+  static constexpr size_t kMaxKeptLogoffs = 10;
 
   // The re-send state: pending after a failed delivery (or an event that
   // found no address to report) until a delivery succeeds; the tries count
@@ -90,6 +109,14 @@ class CSessionEvents {
   // No address to report: the re-send timer is to try again.
   void RequestResend();
   AddressSet GatherAddresses();
+  // A logoff of the session's entry at `addresses` that reached no server:
+  // kept while ResendLogoff is on, unless its user is excluded or one of
+  // the same user at the same addresses is kept already (that one starts
+  // its tries afresh).
+  void KeepLogoff(uint32_t session, const AddressSet& addresses);
+  // Drops the kept logoffs of the entry's user (all of them when null),
+  // with one line each naming `why`.
+  void DropKeptLogoffs(const CTerminalSession* user, const char* why);
   // The identifiers and the machine's facts for a record.
   WorkstationFacts Machine();
   WorkstationSnapshot Workstation() const;
@@ -112,6 +139,17 @@ class CSessionEvents {
   WorkstationSnapshot m_workstation;  // guarded by m_workstationLock
   std::atomic<uint32_t> m_bResendPending{0};
   std::atomic<uint32_t> m_dwResendTries{0};
+
+  struct KeptLogoff {
+    uint32_t session;        // for the log lines
+    CTerminalSession entry;  // the departed user, as last reported
+    AddressSet addresses;    // those of the logoff that failed
+    uint32_t tries;          // re-sends so far
+  };
+  std::atomic<bool> m_resendLogoff{false};
+  // Guarded by the table lock; the count is read without it.
+  std::deque<KeptLogoff> m_keptLogoffs;
+  std::atomic<size_t> m_keptCount{0};
 };
 
 }  // namespace lindqvar

@@ -82,6 +82,11 @@ bool CSessionTable::IsExcluded(uint32_t session) {
   return record && Excluding(*record);
 }
 
+bool CSessionTable::Excludes(const CTerminalSession& record) {
+  std::lock_guard<std::recursive_mutex> lock(m_csSessions);
+  return m_exclusions.Match(record.UserName(), record.Domain()) != nullptr;
+}
+
 const CUserExclusions::Pattern* CSessionTable::Excluding(const CTerminalSession& record) {
   const CUserExclusions::Pattern* pattern = m_exclusions.Match(record.UserName(), record.Domain());
   if (pattern)

@@ -46,6 +46,8 @@ class CSessionTable {
   // Whether the session is in the table and its user is on the list (then
   // logged, naming the user and the pattern).
   bool IsExcluded(uint32_t session);
+  // Whether the list names the record's user, without a log line.
+  bool Excludes(const CTerminalSession& record);
   // 1 when a record was removed. Its slot is reused by a later add.
   uint32_t RemoveSession(uint32_t session);
 

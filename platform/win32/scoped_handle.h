@@ -69,9 +69,16 @@ struct EventSourceTraits {
   static void Close(Handle h) { ::DeregisterEventSource(h); }
 };
 
+struct ServiceHandleTraits {
+  using Handle = SC_HANDLE;
+  static Handle Invalid() { return nullptr; }
+  static void Close(Handle h) { ::CloseServiceHandle(h); }
+};
+
 using ScopedHandle = ScopedGeneric<HandleTraits>;
 using ScopedFileHandle = ScopedGeneric<FileHandleTraits>;
 using ScopedRegKey = ScopedGeneric<RegKeyTraits>;
 using ScopedEventSource = ScopedGeneric<EventSourceTraits>;
+using ScopedServiceHandle = ScopedGeneric<ServiceHandleTraits>;
 
 }  // namespace lindqvar::win32

@@ -8,6 +8,7 @@
 #include "agent/agent_main.h"
 #include "agent/catalogue.h"
 #include "agent/state.h"
+#include "agent/verification_settings.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/identity/identity_fakes.h"
 #include "tests/protocol/tls_test_support.h"
@@ -162,7 +163,11 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
   m.Init();
   ASSERT_EQ(RegistryState(), kConfiguredUnreachable);
   fake.support.SetSettings(1, u"x.y;z.w", u"psk");  // other hosts, same ports
+  // ResendLogoff is taken by the re-read and is no change either.
+  fake.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kResendLogoffValue, 4, {1, 0, 0, 0});
+  ASSERT_FALSE(m.Events().ResendLogoff());
   EXPECT_EQ(m.ReloadSettings(), 0u);
+  EXPECT_TRUE(m.Events().ResendLogoff());
   EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
   fake.support.SetSettings(0, u"", u"");
   const size_t writes = fake.registry.DwordWrites();
@@ -447,6 +452,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, FailedWaitTest, ::testing::ValuesIn(kFailedWaitRo
 
 TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
+  fake.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kResendLogoffValue, 4, {1, 0, 0, 0});
   fake.timings.resendPeriodMs = 1;
   CSessionManager m(P());
   m.Start();  // the start-up logon fails
@@ -461,6 +467,17 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   EXPECT_EQ(m.Events().SendSessionEvent(1, 1, 0), 1u);
   EXPECT_EQ(m.Events().ResendPending(), 0u);
   EXPECT_EQ(m.Events().ResendTries(), 0u);
+  // The server goes again, and a logoff fails (ResendLogoff 1): the timer
+  // re-sends it 20 times and drops it; the logon's re-sends stay at 20.
+  Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
+  m.ReloadSettings();
+  EXPECT_EQ(m.Events().SendSessionEvent(1, 0, 0), 0u);
+  const std::string last = "ResendLogoff: re-sent the logoff of CORP\\anna at 10.0.0.5, try 20 of 20: not delivered";
+  ASSERT_TRUE(testing::WaitUntil([&] { return fake.support.HasLine(last); }));
+  SleepMs(50);  // 50 more periods: no 21st try
+  size_t resent = 0;
+  for (const auto& l : fake.support.Lines()) resent += l.text.rfind("ResendLogoff: re-sent", 0) == 0;
+  EXPECT_EQ(resent, 20u);
   m.Stop();
   EXPECT_EQ(fake.support.CountLines(line), 20u);
 }

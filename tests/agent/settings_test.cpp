@@ -189,26 +189,30 @@ TEST(ServerVerificationValues, DefaultOffAndWhatEachValueTurnsInto) {
     std::vector<uint8_t> pins;
     bool verifyOn, pinsConfigured;
     size_t validPins, problems;
+    bool resendLogoff = false;  // ResendLogoff holding what VerifyServer holds: off unless a DWORD
   } cases[] = {
       {"no key", false, 0, {}, 0, {}, false, false, 0, 0},
       {"no values", true, 0, {}, 0, {}, false, false, 0, 0},
       {"off", true, 4, Dword(0), 0, {}, false, false, 0, 0},
-      {"on", true, 4, Dword(1), 0, {}, true, false, 0, 0},
-      {"any other number is on", true, 4, Dword(7), 0, {}, true, false, 0, 0},
+      {"on", true, 4, Dword(1), 0, {}, true, false, 0, 0, true},
+      {"any other number is on", true, 4, Dword(7), 0, {}, true, false, 0, 0, true},
       {"a string is on, even \"0\"", true, 1, Utf16("0"), 0, {}, true, false, 0, 1},
       {"binary zeros are on", true, 3, Dword(0), 0, {}, true, false, 0, 1},
       {"a DWORD of the wrong size is on", true, 4, {0, 0}, 0, {}, true, false, 0, 1},
-      {"two pins", true, 4, Dword(1), 7, Utf16(a + std::string(1, '\0') + b + std::string(1, '\0')), true, true, 2, 0},
-      {"pins in one string", true, 4, Dword(1), 1, Utf16(a + "; " + b), true, true, 2, 0},
-      {"a bad entry matches nothing", true, 4, Dword(1), 7, Utf16(a.substr(1) + std::string(1, '\0') + b), true, true, 1, 1},
-      {"an empty list is none", true, 4, Dword(1), 7, Utf16(""), true, false, 0, 0},
-      {"a list of the wrong type", true, 4, Dword(1), 4, Dword(1), true, true, 0, 1},
+      {"a longer DWORD is on", true, 4, {1, 0, 0, 0, 0}, 0, {}, true, false, 0, 1},
+      {"two pins", true, 4, Dword(1), 7, Utf16(a + std::string(1, '\0') + b + std::string(1, '\0')), true, true, 2, 0, true},
+      {"pins in one string", true, 4, Dword(1), 1, Utf16(a + "; " + b), true, true, 2, 0, true},
+      {"a bad entry matches nothing", true, 4, Dword(1), 7, Utf16(a.substr(1) + std::string(1, '\0') + b), true, true, 1, 1, true},
+      {"an empty list is none", true, 4, Dword(1), 7, Utf16(""), true, false, 0, 0, true},
+      {"a list of the wrong type", true, 4, Dword(1), 4, Dword(1), true, true, 0, 1, true},
   };
   for (const Case& c : cases) {
     testing::FakeRegistry registry;
     if (c.keyExists) registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
-    if (c.verifyType)
+    if (c.verifyType) {
       registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kVerifyServerValue, c.verifyType, c.verify);
+      registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kResendLogoffValue, c.verifyType, c.verify);
+    }
     if (c.pinType)
       registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kServerPinsValue, c.pinType, c.pins);
     const ServerVerification v = ReadServerVerification(registry);
@@ -216,6 +220,7 @@ TEST(ServerVerificationValues, DefaultOffAndWhatEachValueTurnsInto) {
     EXPECT_EQ(c.pinsConfigured, v.pinsConfigured) << c.what;
     EXPECT_EQ(c.validPins, v.pins.size()) << c.what;
     EXPECT_EQ(c.problems, v.problems.size()) << c.what;
+    EXPECT_EQ(c.resendLogoff, ReadResendLogoff(registry)) << c.what;
     if (c.validPins == 2) {
       EXPECT_EQ(std::string(64, 'A'), Sha256Text(v.pins[0])) << c.what;
       EXPECT_EQ(std::string(64, 'B'), Sha256Text(v.pins[1])) << c.what;

@@ -232,6 +232,85 @@ TEST_F(AddressDiscoveryTest, ExcludedListTakesEachVirtualAdaptersFirstAddress) {
   EXPECT_EQ(1u, discovery.IsAddressAllowed(V4(192, 168, 50, 1)));
 }
 
+// Every reason an address is left out, on one machine: AddressCategory 0
+// walks the host name's addresses; 3 with the VPN adapter up takes that
+// adapter's addresses and leaves the host name's out. The explanation
+// reports exactly what GetIPAddress reports, with the same log lines.
+TEST_F(AddressDiscoveryTest, ExplanationNamesTheReasonForEveryAddress) {
+  using V = AddressVerdict;
+  const AddressSource host = AddressSource::kHostName, vpn = AddressSource::kVpnAdapter;
+  const struct Row {
+    uint32_t category;
+    AddressSource source;
+    ResolvedAddress address;
+    AddressVerdict verdict;
+    const char* adapter;
+  } rows[] = {
+      {0, host, V4(127, 0, 1, 1), V::kLoopback, ""},
+      {0, host, V6({0, 0, 0, 0, 0, 0, 0, 1}), V::kLoopback, ""},
+      {0, host, V6({0, 0, 0, 0, 0, 0xffff, 0x0a00, 1}), V::kUnspecified, ""},
+      {0, host, V4(169, 254, 3, 4), V::kLinkLocal, ""},
+      {0, host, V6({0xfe80, 0, 0, 0, 0, 0, 0, 9}), V::kLinkLocal, ""},
+      {0, host, V4(192, 168, 50, 1), V::kVirtualAdapter, "VMware Virtual Ethernet Adapter for VMnet8"},
+      {0, host, V4(192, 168, 60, 1), V::kVirtualAdapter, "Intel(R) Ethernet"},  // 44:45:53
+      {0, host, V4(172, 20, 0, 1), V::kHyperVInternal, "Hyper-V Virtual Ethernet Adapter #2"},
+      {0, host, V4(192, 168, 7, 2), V::kReported, ""},  // Hyper-V on the external switch
+      {0, host, V4(10, 0, 0, 1), V::kReported, ""},
+      {0, host, V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1}), V::kReported, ""},
+      {0, host, V4(10, 0, 0, 2), V::kReported, ""},
+      {0, host, V4(10, 0, 0, 3), V::kReported, ""},
+      {0, host, V4(10, 9, 9, 9), V::kOverLimit, ""},
+      {0, host, V4(169, 254, 9, 9), V::kLinkLocal, ""},  // the more telling reason when both hold
+      {3, vpn, V4(10, 212, 0, 9), V::kReported, ""},
+      {3, vpn, V6({0xfe80, 0, 0, 0, 0, 0, 0, 1}), V::kLinkLocal, ""},
+  };
+  hyperv.rows = {HyperVPortRow{u"00155D0A0B0C", u"External Switch", u"Port on NIC"}};
+  discovery.LoadHyperVExternalPorts();
+  adapters.infos = {
+      Info("VMware Virtual Ethernet Adapter for VMnet8", {0x00, 0x50, 0x56, 0xc0, 0, 8}, {"192.168.50.1"}),
+      Info("Intel(R) Ethernet", {0x44, 0x45, 0x53, 0, 0, 1}, {"192.168.60.1"}),
+      Info("Hyper-V Virtual Ethernet Adapter #2", {0x00, 0x15, 0x5d, 0x99, 0, 1}, {"172.20.0.1"}),
+      Info("Hyper-V Virtual Ethernet Adapter", {0x00, 0x15, 0x5d, 0x0a, 0x0b, 0x0c}, {"192.168.7.2"}),
+  };
+  discovery.BuildVirtualAdapterList();
+  std::vector<ResolvedAddress> hostAddresses;
+  for (const Row& row : rows)
+    if (row.source == host) hostAddresses.push_back(row.address);
+  network.names["pc7"] = hostAddresses;
+  VpnAdapter(1, {V4(10, 212, 0, 9), V6({0xfe80, 0, 0, 0, 0, 0, 0, 1})});
+
+  for (const uint32_t category : {0u, 3u}) {
+    SCOPED_TRACE(category);
+    discovery.SetAddressCategory(category);
+    size_t lines = support.Lines().size();
+    const AddressExplanation why = discovery.ExplainIPAddress();
+    const size_t explainLines = support.Lines().size() - lines;
+    lines = support.Lines().size();
+    Lookup();
+    EXPECT_EQ(explainLines, support.Lines().size() - lines);
+    EXPECT_EQ(count4, why.reported.count4);
+    EXPECT_EQ(count6, why.reported.count6);
+    EXPECT_TRUE(ipv4 == why.reported.ipv4 && ipv6 == why.reported.ipv6);
+    EXPECT_EQ(category != 0, why.vpnFirst);
+
+    std::vector<Row> expected;
+    for (const Row& row : rows)
+      if (row.category == category) expected.push_back(row);
+    if (category != 0) {  // the host name's addresses, each kept out by the rule
+      for (const ResolvedAddress& a : hostAddresses) expected.push_back({category, host, a, V::kVpnFirst, ""});
+    }
+    ASSERT_EQ(expected.size(), why.decisions.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+      const AddressDecision& d = why.decisions[i];
+      SCOPED_TRACE(AddressText(expected[i].address));
+      EXPECT_EQ(AddressText(expected[i].address), AddressText(d.address));
+      EXPECT_EQ(expected[i].source, d.source);
+      EXPECT_EQ(expected[i].verdict, d.verdict);
+      EXPECT_EQ(expected[i].adapter, d.adapter);
+    }
+  }
+}
+
 TEST(PermanentAddressTest, ParsesHexPairsWithoutValidation) {
   EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}),
             ParsePermanentAddress("00155DABCDEF"));

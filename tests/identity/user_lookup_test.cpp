@@ -293,6 +293,10 @@ struct LoadRow {
   const char* tenant;
   std::vector<const char*> lines;  // each logged exactly as often as listed
   bool toolRuns;
+  // What the record keeps of the lookups: the answer taken, and what each said.
+  UserSource source;
+  int domainResult;
+  int32_t azureResult;
 };
 const char kTenant[] = "4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44";
 const char kBoth[] = "Got both AD and Azure user logon info, prefer user Azure";
@@ -301,35 +305,40 @@ const LoadRow kLoadRows[] = {
      "mlind", "FABRIKAM.EXAMPLE.TEST", "",
      {"iResult:1", "GetTSSessionUserName() result, strUsername:mlind, strDomain:FABRIKAM.EXAMPLE.TEST",
       "GetAZureSessionUserInfo(), Calling of ParseConsoleOutput is failed, error:-1"},
-     true},
+     true, UserSource::kDomain, kTsDomainAccount, kAzureOutputUnusable},
     {"AzureAccountSeenAsDomainIsDiscarded", u"AZUREad", u"", u"mlind", true, kNotJoinedOutput, false,
      0, 0, "", "", "",
      {"Discard this logon info, strUsername:mlind, strDomain:AZUREad",
       "Failed to get username for session ID:2"},
-     true},
+     true, UserSource::kNone, kTsDomainAccount, kAzureOutputUnusable},
     {"LocalAccountWithAzureTakesAzure", u"WORKSTATION7", u"", u"mlind", true, kJoinedOutput, false, 0,
      1, "mara.lind", "fabrikam.example", kTenant, {"iResult:2", "Got only Azure user logon info"},
-     true},
+     true, UserSource::kAzureAD, kTsLocalAccount, kAzureOk},
     {"BothPreferAzure", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, false, 1, 1, "mara.lind",
-     "fabrikam.example", kTenant, {kBoth}, true},
+     "fabrikam.example", kTenant, {kBoth}, true,
+     UserSource::kAzureAD, kTsDomainAccount, kAzureOk},
     {"BothPreferZeroTakesAD", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, true, 0, 1, "mlind",
-     "FABRIKAM", "", {kBoth}, true},  // the tenant of the earlier answer is cleared
+     "FABRIKAM", "", {kBoth}, true,
+     UserSource::kDomain, kTsDomainAccount, kAzureOk},  // the tenant of the earlier answer is cleared
     {"BothPreferTwoTakesAD", u"FABRIKAM", u"", u"mlind", true, kJoinedOutput, true, 2, 1, "mlind",
-     "FABRIKAM", "", {kBoth}, true},
+     "FABRIKAM", "", {kBoth}, true,
+     UserSource::kDomain, kTsDomainAccount, kAzureOk},
     {"NobodyLoggedOnRunsNoTool", nullptr, u"", u"", true, kJoinedOutput, false, 0, 0, "", "", "",
      {"iResult:3", "Failed to call WTSQueryUserToken for session ID:6,error:1245",
       "Failed to call WTSQueryUserToken for session ID:6,error:1245",
       "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=1245"},
-     false},
+     false, UserSource::kNone, kTsNoUser, kAzureNoToken},
     {"MissingQueryFunctionFailsBothSides", u"FABRIKAM", u"", u"mlind", false, kJoinedOutput, false, 0,
      0, "", "", "",
      {"Failed to get token for session ID:2,error:0",
       "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=0"},
-     false},
+     false, UserSource::kNone, kTsFailed, kAzureNoToken},
     {"EmptyUserNameIsNoAnswerAndNoMessage", u"FABRIKAM", u"", u"", true, kNotJoinedOutput, false, 0, 0,
-     "", "", "", {}, true},
+     "", "", "", {}, true,
+     UserSource::kNone, kTsDomainAccount, kAzureOutputUnusable},
     {"TextsLeaveAsUtf8", u"M\u00dcNCHEN", u"", u"J\u00f6rg \u6797", true, kNotJoinedOutput, false, 0, 1,
-     "J\xc3\xb6rg \xe6\x9e\x97", "M\xc3\x9cNCHEN", "", {}, true},
+     "J\xc3\xb6rg \xe6\x9e\x97", "M\xc3\x9cNCHEN", "", {}, true,
+     UserSource::kDomain, kTsDomainAccount, kAzureOutputUnusable},
 };
 
 void PrintTo(const LoadRow& row, std::ostream* os) { *os << row.name; }
@@ -357,6 +366,9 @@ TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {
   if (row.result == 1) {
     EXPECT_EQ(session, record.SessionId());
   }
+  EXPECT_EQ(row.source, record.Lookup().source);
+  EXPECT_EQ(row.domainResult, record.Lookup().domainResult);
+  EXPECT_EQ(row.azureResult, record.Lookup().azureResult);
   std::map<std::string, size_t> expected;
   for (const char* line : row.lines) ++expected[line];
   for (const auto& [line, count] : expected) EXPECT_EQ(count, support.CountLines(line)) << line;

@@ -1,6 +1,7 @@
-// The lab authenticator's logon table and output, and the two programs run
-// as a person runs them: lindqvar-lab-authenticator with JSON output, and
-// lindqvar-diag against a lab on 127.0.0.1.
+// The lab authenticator's logon table and output, the two programs run as a
+// person runs them (lindqvar-lab-authenticator with JSON output, and
+// lindqvar-diag against a lab on 127.0.0.1), and lindqvar-diag's report on
+// a machine made of fakes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -10,6 +11,8 @@
 #include <regex>
 #include <string>
 
+#include "agent/state.h"
+#include "tests/identity/identity_fakes.h"
 #include "tests/protocol/tls_test_support.h"
 #include "tools/diag/diag.h"
 #include "tools/lab_authenticator/lab_output.h"
@@ -262,6 +265,128 @@ TEST(DiagProgram, ExitCodesTellWhatWentWrong) {
   EXPECT_NE(std::string::npos, r.output.find("FAILED at hello-parse")) << r.output;
 }
 
+// --- the report, on a machine of fakes ------------------------------------------------
+
+class FakeServiceStatus : public IServiceStatus {
+ public:
+  ServiceRunState Query(std::u16string_view name, uint32_t& error) override {
+    error = 0;
+    return name == diag::kAgentServiceName ? ServiceRunState::kRunning : ServiceRunState::kNotInstalled;
+  }
+};
+
+// Host pc7 in corp.example: its name resolves to a loopback, a reported
+// IPv4 and IPv6 address and a link-local one. Session 2 is a service account
+// on the ExcludedUsers list, 3 the active user, and the console session 1,
+// which the system does not list, has nobody. Three servers: a literal, a
+// name, and a name that does not resolve.
+struct ReportMachine : FakeAgentPlatform {
+  ReportMachine() {
+    support.SetSettings(1, u"127.0.0.1:8001;auth.corp.example;gone.example", u"report-key-3141");
+    support.guid = u"{5EED0000-1111-2222-3333-444455556666}";
+    registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
+    registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kStateValueName, 4, {2, 0, 0, 0});
+    Exclude(u"svc_*;bad\\x\\y");
+    network.hostName = "pc7";
+    network.domain = u"corp.example";
+    network.names["pc7"] = {FakeNetwork::V4(127, 0, 1, 1), FakeNetwork::V4(10, 0, 0, 5),
+                            FakeNetwork::V6({0xfd00, 0, 0, 0, 0, 0, 0, 5}),
+                            FakeNetwork::V6({0xfe80, 0, 0, 0, 0, 0, 0, 1})};
+    network.names["auth.corp.example"] = {FakeNetwork::V4(192, 0, 2, 7)};
+    sessions.sessions = {{2, SessionState::kDisconnected}, {3, SessionState::kActive}};
+    sessions.consoleSession = 1;
+    User(2, u"svc_backup", 500);
+    User(3, u"alice", 1107);
+    timings.consoleIdlePolls = 1;
+    timings.consoleIdlePollMs = 0;
+  }
+  void User(uint32_t session, const std::u16string& name, uint32_t rid) {
+    accounts.SetUser(session, {DomainSid(rid), name, u"CORP", false, false, 0, u"CORP.EXAMPLE"});
+  }
+  void Exclude(const std::u16string& patterns) {
+    std::vector<uint8_t> bytes;
+    for (char16_t c : patterns + u'\0') bytes.insert(bytes.end(), {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8)});
+    registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, u"ExcludedUsers", 7, bytes);
+  }
+  // The report's exit code and output.
+  std::pair<int, std::string> Report(bool json) {
+    diag::DiagOptions options;
+    options.command = "report";
+    options.json = json;
+    char* text = nullptr;
+    size_t size = 0;
+    std::FILE* out = open_memstream(&text, &size);
+    FakeServiceStatus services;
+    const int code = diag::RunReport(options, Get(), &services, out, stderr);
+    std::fclose(out);
+    std::string result(text, size);
+    std::free(text);
+    return {code, result};
+  }
+};
+
+TEST(DiagReport, SaysWhatTheAgentWouldReportAndWhy) {
+  ReportMachine machine;
+  // Each row: a change to the machine, the exit code, and what the text
+  // output (or, for a row starting with "{", the JSON output) holds.
+  const struct {
+    std::function<void(ReportMachine&)> change;
+    int exitCode;
+    bool json;
+    std::vector<std::string> holds;
+  } rows[] = {
+      {[](ReportMachine&) {}, diag::kExitOk, false,
+       {"service LindqvarAgent: running", "LINDQState 2 (CONFIGURED_REACHABLE)", "preshared key: set",
+        "server 1: 127.0.0.1 port 8001: resolves to 127.0.0.1; the agent connects to 127.0.0.1",
+        "server 2: auth.corp.example port 8001: resolves to 192.0.2.7; the agent connects to 192.0.2.7",
+        "server 3: gone.example port 8001: does not resolve (error 11001); the agent uses the last "
+        "address it obtained, 192.0.2.7",
+        "ExcludedUsers: svc_*\n  WARNING: ExcludedUsers entry with more than one backslash is skipped: bad\\x\\y\n"
+        "  ResendLogoff off",
+        "host name pc7, DNS domain corp.example",
+        "device UUID {5EED0000-1111-2222-3333-444455556666}, management-server serial (none)",
+        "left out 127.0.1.1: loopback", "sent     10.0.0.5", "sent     fd00::5",
+        "left out fe80::1: link-local",
+        "session 2 (disconnected): CORP.EXAMPLE\\SVC_BACKUP from the domain lookup; EXCLUDED by the "
+        "ExcludedUsers entry svc_*",
+        "session 3 (active; current): CORP.EXAMPLE\\ALICE from the domain lookup\n",
+        "session 1 (console session, not listed by the system): no user: nobody is logged on",
+        "the agent reports session 3: user ALICE, domain CORP.EXAMPLE, workstation "
+        "PC7.CORP.EXAMPLE, addresses 10.0.0.5, fd00::5"}},
+      {[](ReportMachine&) {}, diag::kExitOk, true,
+       {"\"presharedKey\": \"set\"", "\"agentState\": {\n    \"value\": 2,",
+        "\"address\": \"127.0.1.1\",\n        \"source\": \"host-name\",\n        \"reason\": \"loopback\"",
+        "\"ipv4\": [\n      \"10.0.0.5\"\n    ]", "\"excludedBy\": \"svc_*\"",
+        "\"resendLogoff\": false", "\"reports\": true,\n    \"session\": 3,"}},
+      // The user of the current session on the list.
+      {[](ReportMachine& m) {
+         m.Exclude(u"CORP.EXAMPLE\\al*");
+         m.registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, u"ResendLogoff", 4, {1, 0, 0, 0});
+       },
+       diag::kExitNothingReported, false,
+       {"ResendLogoff on", "nothing is reported: the current session 3 is excluded by the ExcludedUsers entry "
+        "CORP.EXAMPLE\\al*"}},
+      // Run as an administrator rather than as the agent's account.
+      {[](ReportMachine& m) { m.sessions.sessions = {{4, SessionState::kActive}}; m.accounts.queryError = 1314; },
+       diag::kExitNothingReported, true,
+       {"\"domainLookup\": \"failed\",\n      \"domainLookupError\": 1314,",
+        "needs the privilege of the account the agent runs as (LocalSystem)"}},
+      // No settings key: the agent's start-up reads no settings.
+      {[](ReportMachine& m) { m.registry.RemoveKey(RegistryHive::kLocalMachine, kAgentKeyPath); m.network.names.erase("pc7"); },
+       diag::kExitNotConfigured, false,
+       {"LINDQState not written", "FA_LINDQ: MISSING)", "preshared key: not set", "no server\n",
+        "the host name does not resolve (error 11001)", "nothing is reported: no server is configured",
+        "nothing is reported: no address to report"}},
+  };
+  for (const auto& row : rows) {
+    row.change(machine);
+    const auto [code, output] = machine.Report(row.json);
+    EXPECT_EQ(row.exitCode, code) << output;
+    for (const std::string& text : row.holds) EXPECT_NE(std::string::npos, output.find(text)) << text << "\n" << output;
+    EXPECT_EQ(std::string::npos, output.find("report-key")) << output;  // never the key
+  }
+}
+
 TEST(DiagArguments, ServersKeepIPv6BracketsAndDefaultThePort) {
   diag::DiagOptions o;
   std::string error;
@@ -272,6 +397,11 @@ TEST(DiagArguments, ServersKeepIPv6BracketsAndDefaultThePort) {
   EXPECT_FALSE(diag::ParseArguments({"check", "send"}, o, error));
   EXPECT_FALSE(diag::ParseArguments({"check", "--ip", "not-an-address"}, o, error));
   EXPECT_FALSE(diag::ParseArguments({}, o, error));
+  // report reads the agent's own settings and takes only --json and --verbose.
+  EXPECT_TRUE(diag::ParseArguments({"report", "--json", "--verbose"}, o, error) && o.json) << error;
+  EXPECT_FALSE(diag::ParseArguments({"report", "--server", "h.example"}, o, error));
+  EXPECT_EQ("report reads the agent's own settings; --server is for check and send", error);
+  EXPECT_FALSE(diag::ParseArguments({"check", "--json"}, o, error));
 }
 
 }  // namespace

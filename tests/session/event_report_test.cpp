@@ -22,6 +22,7 @@ const ResolvedAddress kA5 = FakeNetwork::V4(10, 0, 0, 5);
 const ResolvedAddress kA6 = FakeNetwork::V4(10, 0, 0, 6);
 const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
 const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
+const ResolvedAddress kV6ff = FakeNetwork::V6({0x00ff, 0, 0, 0, 0, 0, 0, 1});  // a zero first byte
 
 const ReportRow kReportRows[] = {
     // Logon, wakeup and keep-alive: once the addresses changed, the last set
@@ -45,6 +46,9 @@ const ReportRow kReportRows[] = {
     {"keep-alive, none before, IPv6 now", ReportKind::kKeepAlive, {}, {kA5, kV6a},
      {"0:", "1:10.0.0.5,2001:db8::1"}},
     {"keep-alive, IPv6 before", ReportKind::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    // An IPv6 address counts by its first 16-bit group, not its first byte.
+    {"keep-alive, none before, ff::1 now", ReportKind::kKeepAlive, {}, {kA5, kV6ff},
+     {"0:", "1:10.0.0.5,ff::1"}},
     // Logoff: never; the logoff withdraws the user anyway.
     {"logoff, IPv4 changed", ReportKind::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
     // Address change (made only when the set changed): withdrawn when the

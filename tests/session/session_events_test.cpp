@@ -13,6 +13,16 @@ namespace {
 enum class Known { kInTable, kResolvable, kNotReady, kNoUser };
 using K = NotificationKind;
 
+// The opt-in ResendLogoff around a row's notification.
+struct ResendSteps {
+  bool on = false;            // ResendLogoff is 1
+  bool refused = false;       // the notification's delivery is refused
+  uint32_t keptBefore = 0;    // users 1..n log on and off first, their logoffs refused
+  uint32_t failedRounds = 0;  // re-send rounds refused after the notification
+  bool noAddress = false;     // the machine has no address at the notification
+  bool Active() const { return on || refused || keptBefore != 0; }
+};
+
 struct StateRow {
   const char* name;
   bool loggedOn;          // start from session 1 reported as logged on (1, 1)
@@ -24,6 +34,7 @@ struct StateRow {
   std::vector<std::string> lines;   // must be logged
   std::vector<std::string> absent;  // must not be logged
   bool excluded = false;  // ExcludedUsers names the notified session's user
+  ResendSteps resend = {};
 };
 
 const char kBeforeLogon[] = "Before processing WTS_SESSION_LOGON";
@@ -86,13 +97,51 @@ const StateRow kStateRows[] = {
     // The reported user, named by a list that changed since: withdrawn.
     {"unlock, reported user excluded since", true, K::kSessionUnlock, 1, Known::kInTable,
      {"USER1:0"}, 0, 1, {}, {}, true},
+    // ResendLogoff: rows that touch it run their refused re-send rounds, then
+    // healthy ones, which must leave the state as the notification left it.
+    {"logoff refused, re-sent", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0", "USER1:0"},
+     0, 1, {"ResendLogoff: kept the logoff of CORP\\user1 at 10.0.0.5, session 1, that reached no "
+            "server (1 kept)", "ResendLogoff: re-sent the logoff of CORP\\user1 at 10.0.0.5, try 1 "
+            "of 20: delivered", "dropped the logoff of CORP\\user1 at 10.0.0.5: delivered"},
+     {}, false, {true, true}},
+    {"logoff refused, ResendLogoff 0", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0,
+     1, {}, {"ResendLogoff"}, false, {false, true}},
+    {"logoff refused 20 times", true, K::kSessionLogoff, 1, Known::kInTable,
+     std::vector<std::string>(21, "USER1:0"), 0, 1, {"try 20 of 20: not delivered",
+     "dropped the logoff of CORP\\user1 at 10.0.0.5: not delivered after the last try"}, {},
+     false, {true, true, 0, 20}},
+    {"logoff refused 19 times", true, K::kSessionLogoff, 1, Known::kInTable,
+     std::vector<std::string>(21, "USER1:0"), 0, 1, {"try 20 of 20: delivered"}, {}, false,
+     {true, true, 0, 19}},
+    // Kept at the addresses the servers were told last.
+    {"logoff without an address", true, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0"}, 0, 1,
+     {"kept the logoff of CORP\\user1 at 10.0.0.5,"}, {}, false, {true, false, 0, 0, true}},
+    {"logoff refused again", false, K::kSessionLogoff, 1, Known::kInTable, {"USER1:0", "USER1:0"},
+     0, 1, {"(1 kept)"}, {"(2 kept)"}, false, {true, true, 1}},
+    {"logon of the departed user", false, K::kSessionLogon, 1, Known::kResolvable, {"USER1:1"}, 1,
+     1, {"dropped the logoff of CORP\\user1 at 10.0.0.5: the user logged on again"}, {"re-sent"},
+     false, {true, false, 1}},
+    {"logon of another user", false, K::kSessionLogon, 2, Known::kResolvable,
+     {"USER2:1", "USER1:0"}, 1, 2, {}, {"logged on again"}, false, {true, false, 1}},
+    // A refused round tries the oldest only.
+    {"two kept, one refused round", false, K::kSessionLock, 9, Known::kNoUser,
+     {"USER1:0", "USER1:0", "USER2:0"}, 0, 2, {"user1 at 10.0.0.5, try 2 of 20: delivered",
+     "user2 at 10.0.0.5, try 1 of 20: delivered"}, {}, false, {true, false, 2, 1}},
+    {"eleven kept", false, K::kSessionLock, 9, Known::kNoUser,
+     {"USER2:0", "USER3:0", "USER4:0", "USER5:0", "USER6:0", "USER7:0", "USER8:0", "USER9:0",
+      "USER10:0", "USER11:0"}, 0, 11, {}, {"user1 at 10.0.0.5, try"}, false, {true, false, 11}},
+    {"unlock, reported user excluded since, refused", true, K::kSessionUnlock, 1, Known::kInTable,
+     {"USER1:0"}, 0, 1, {"the logoff of CORP\\user1 at 10.0.0.5 is not kept: its user is on "
+     "ExcludedUsers"}, {"kept the"}, true, {true, true}},
 };
 
 class StateTableTest : public SessionFixture, public ::testing::WithParamInterface<StateRow> {};
 
 TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   const StateRow& row = GetParam();
+  const ResendSteps& resend = row.resend;
   sessions.consoleSession = 2;
+  events.SetResendLogoff(resend.on);
   AddUser(1);
   if (row.known != Known::kNoUser) AddUser(row.session);
   if (row.known == Known::kNotReady) notReady.insert(row.session);
@@ -100,15 +149,44 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   if (row.loggedOn) {
     ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
   }
+  for (uint32_t user = 1; user <= resend.keptBefore; ++user) {
+    AddUser(user);
+    Notify(K::kSessionLogon, user);
+    host.accept = false;
+    Notify(K::kSessionLogoff, user);
+    host.accept = true;
+  }
   if (row.known == Known::kInTable) {
     ASSERT_EQ(table.AddSession(row.session), 1u);
   }
   if (row.excluded) Exclude({u"nobody", u"corp\\USER" + AnsiToWide(std::to_string(row.session))});
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
+  if (resend.noAddress) SetAddresses({});
+  host.accept = !resend.refused;
 
   Notify(row.kind, row.session);
 
+  host.accept = true;
+  SetAddresses({FakeNetwork::V4(10, 0, 0, 5)});
+  if (resend.Active()) {
+    const auto state = [this] {
+      return std::vector<uint32_t>{events.Logon(), events.CurrentSession(), events.ResendPending(),
+                                   events.ResendTries()};
+    };
+    const auto before = state();
+    const size_t first = host.deliveries.size();
+    host.accept = false;
+    for (uint32_t i = 0; i < resend.failedRounds; ++i) events.ResendLogoffEvents();
+    host.accept = true;
+    events.ResendLogoffEvents();
+    const size_t sent = host.deliveries.size();
+    events.ResendLogoffEvents();  // nothing is left to send
+    EXPECT_EQ(host.deliveries.size(), sent);
+    EXPECT_EQ(state(), before);
+    // For no session: nobody's NTLM proof for a departed user.
+    for (size_t i = first; i < sent; ++i) EXPECT_EQ(host.deliveries[i].session, kNoSession);
+  }
   EXPECT_EQ(host.Summary(), row.sent);
   EXPECT_EQ(events.Logon(), row.nextL);
   EXPECT_EQ(events.CurrentSession(), row.nextC);
@@ -380,44 +458,6 @@ TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
 INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows), RowName);
 
 // --- the event message --------------------------------------------------------
-
-// The record's attributes in their fixed order; the logon flag as 0 or 1;
-// empty addresses skipped; IPv4 in network byte order.
-TEST(SessionMessage, RecordHasTheFixedOrderTheLogonFlagAsOneAndNoEmptyAddresses) {
-  SessionRecord f;
-  f.logon = 7;  // any non-zero flag is sent as 1
-  f.domain = "corp";
-  f.user = "mlind";
-  f.workstation = "ws1.corp";
-  f.azureAccount = "m@corp";
-  f.tenantId = "t-1";
-  f.ipv4 = {0x0500000A, 0, 0x0600000A, 0};  // network order: 10.0.0.5, 10.0.0.6
-  f.ipv6.resize(4);
-  f.ipv6[1] = {0x20, 0x01, 0x0d, 0xb8};
-  f.ipv6[2] = {0x00, 0xff};        // first word 0x00ff: sent
-  f.ipv6[3] = {0x00, 0x00, 0xff};  // first word 0: empty
-  CEncoder e(kEventEncoderCapacity);
-  e.begin_message(MSG_EVENT);
-  f.Write(e);
-  e.end_group(MSG_EVENT);
-  uint32_t length = 0;
-  std::vector<uint8_t> bytes(e.get_buffer(&length), e.get_buffer(&length) + length);
-  std::vector<uint8_t> walked = bytes;  // a decoder works in its buffer
-  std::vector<int> codes;
-  for (CDecoder walk(walked.data(), length); walk.next();) codes.push_back(walk.Code());
-  EXPECT_EQ(codes, (std::vector<int>{MSG_EVENT, MSG_SESSION_INFO, ATTR_LOGON, ATTR_FIXED_VALUE,
-                                     ATTR_DOMAIN, ATTR_USER, ATTR_WORKSTATION, ATTR_AZURE_ACCOUNT,
-                                     ATTR_TENANT_ID, ATTR_IPV4, ATTR_IPV4, ATTR_IPV6, ATTR_IPV6,
-                                     ATTR_TIME}));
-  CDecoder d(bytes.data(), length);
-  EventMessage event;
-  ASSERT_TRUE(event.Read(d));
-  const auto& records = event.records;
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].logon, 1u);
-  EXPECT_EQ(records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5", "10.0.0.6"}));
-  EXPECT_EQ(records[0].IPv6Text(), (std::vector<std::string>{"2001:db8::", "ff::"}));
-}
 
 // The Azure AD account attribute carries the entry's Azure tenant id: sent
 // exactly when prefer-Azure is 1 and the lookup took the Azure answer.

@@ -22,17 +22,26 @@
 #include "protocol/messages/event.h"
 #include "protocol/ntlm/ntlm_relay.h"
 #include "protocol/transport/vlx_crypt.h"
+#include "tools/diag/diag_support.h"
 
 namespace lindqvar::diag {
 
 const char kUsage[] =
-    "Usage: lindqvar-diag check|send [options]\n"
+    "Usage: lindqvar-diag check|send|report [options]\n"
     "\n"
     "  check   TLS, hello and hello acknowledgement with every configured server;\n"
     "          no event is sent. Tells whether the network path, the certificates\n"
     "          and the preshared key are right.\n"
     "  send    delivers one event to every configured server and prints each\n"
     "          acknowledgement.\n"
+    "  report  what the agent of this machine would report now, and why: every\n"
+    "          session with its user (or why it has none, or which ExcludedUsers\n"
+    "          entry excludes it), the addresses sent and every address left out\n"
+    "          with its reason, the identifiers, the settings as the agent parses\n"
+    "          them (servers with their addresses; the key only as set or not set),\n"
+    "          LINDQState and the agent service. Sends nothing; Windows only.\n"
+    "          Takes only --json (a stable JSON shape, see docs/diag.md) and\n"
+    "          --verbose.\n"
     "\n"
     "Settings (on Windows, what is not given here comes from the agent's registry\n"
     "settings):\n"
@@ -71,9 +80,10 @@ const char kUsage[] =
     "  --verbose              also show every debug line the agent's code logs\n"
     "  --help\n"
     "\n"
-    "Exit codes: 0 every server passed, 1 some servers failed, 2 every server\n"
-    "failed, 3 wrong command line, 4 no server configured, 6 cannot start (sockets\n"
-    "or certificate material).\n";
+    "Exit codes: 0 every server passed (report: the current session would be\n"
+    "reported), 1 some servers failed, 2 every server failed, 3 wrong command line,\n"
+    "4 no server configured, 6 cannot start (sockets or certificate material),\n"
+    "7 report: nothing would be reported now (the output says why).\n";
 
 namespace {
 
@@ -114,69 +124,6 @@ bool ParseServer(const std::string& text, ServerEntry& out) {
   out.port = p;
   return true;
 }
-
-// The support library as the delivery code sees it here: log lines go to
-// the console, settings and identity come from the machine's library when
-// there is one, and the command line overrides them.
-class CDiagSupport : public ISupportLibrary {
- public:
-  CDiagSupport(ISupportLibrary* system, const DiagOptions& options, std::FILE* out)
-      : m_system(system), m_options(options), m_out(out) {}
-
-  LogHandle log_initialize(std::u16string_view) override {
-    return reinterpret_cast<LogHandle>(&m_handleTag);
-  }
-  void log_deinitialize(LogHandle) override {}
-  void log_setlevel(LogHandle, uint32_t) override {}
-  void log_debug(LogHandle, std::string_view line) override {
-    if (m_options.verbose) Print("log", line);
-  }
-  void log_error(LogHandle, std::string_view line) override { Print("log error", line); }
-  void LogW(uint32_t, const char16_t*) override {}
-  void LogW(uint32_t, uint32_t, std::span<const LogField>) override {}
-  uint32_t get_desired_status(uint32_t, std::u16string_view) override { return 0; }
-  void cfg_get_lindqvar_settings(uint8_t* record) override {
-    if (m_system) m_system->cfg_get_lindqvar_settings(record);
-  }
-  void cfg_get_logging_info(uint8_t* record) override {
-    if (m_system) m_system->cfg_get_logging_info(record);
-  }
-  bool cfg_is_fips_mode_enabled() override {
-    return m_options.fips || (m_system && m_system->cfg_is_fips_mode_enabled());
-  }
-  bool cfg_get_velmora_guid(std::u16string& guid) override {
-    if (!m_options.clientGuid.empty()) {
-      guid = Utf8ToWide(m_options.clientGuid);
-      return true;
-    }
-    return m_system && m_system->cfg_get_velmora_guid(guid);
-  }
-  SupportKeyHandle reg_openkeyW(SupportHive hive, std::u16string_view path) override {
-    return m_system ? m_system->reg_openkeyW(hive, path) : nullptr;
-  }
-  void reg_closekeyW(SupportKeyHandle key) override {
-    if (m_system) m_system->reg_closekeyW(key);
-  }
-  bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
-                      uint32_t* length) override {
-    return m_system && m_system->reg_getstringW(key, name, value, length);
-  }
-  bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override {
-    return m_system && m_system->reg_valueexistsbykeyW(key, name);
-  }
-  bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override {
-    return m_system && m_system->GetTokenOfSession(session, token);
-  }
-
- private:
-  void Print(const char* kind, std::string_view line) {
-    std::fprintf(m_out, "      %s: %.*s\n", kind, static_cast<int>(line.size()), line.data());
-  }
-  ISupportLibrary* m_system;
-  const DiagOptions& m_options;
-  std::FILE* m_out;
-  int m_handleTag = 0;
-};
 
 // Name resolution through the system's resolver.
 class CDiagNetwork : public INetwork {
@@ -337,6 +284,7 @@ bool DescribeClientIdentity(std::FILE* out, bool fips) {
 
 bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std::string& error) {
   DiagOptions o;
+  std::string firstDeliveryOption;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     auto value = [&](std::string& v) {
@@ -350,12 +298,16 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
     std::string v;
     if (a == "--help" || a == "-h") {
       o.help = true;
-    } else if (a == "check" || a == "send") {
+    } else if (a == "check" || a == "send" || a == "report") {
       if (!o.command.empty()) {
-        error = "give one command, check or send";
+        error = "give one command: check, send or report";
         return false;
       }
       o.command = a;
+    } else if (a == "--json") {
+      o.json = true;
+    } else if (a == "--verbose" || a == "-v") {
+      o.verbose = true;
     } else if (a == "--servers") {
       if (!value(o.serverList)) return false;
     } else if (a == "--server") {
@@ -450,19 +402,30 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
         return false;
       }
       if (!o.ntlmPassword.empty() && o.ntlmPassword.back() == '\r') o.ntlmPassword.pop_back();
-    } else if (a == "--verbose" || a == "-v") {
-      o.verbose = true;
     } else {
       error = "unknown argument " + a;
       return false;
     }
+    // Every option but these three is for check and send.
+    const bool reportOption = a == "--help" || a == "--json" || a == "--verbose";
+    if (firstDeliveryOption.empty() && a.rfind("--", 0) == 0 && !reportOption)
+      firstDeliveryOption = a;
   }
   if (o.help) {
     out = o;
     return true;
   }
   if (o.command.empty()) {
-    error = "say what to do: check or send";
+    error = "say what to do: check, send or report";
+    return false;
+  }
+  if (o.command == "report" && !firstDeliveryOption.empty()) {
+    error = "report reads the agent's own settings; " + firstDeliveryOption +
+            " is for check and send";
+    return false;
+  }
+  if (o.json && o.command != "report") {
+    error = "--json is for report";
     return false;
   }
   if (o.command == "send" &&

@@ -1,8 +1,11 @@
 // lindqvar-diag: tells an administrator whether the agent can reach its
-// authentication servers. `check` runs TLS, hello and hello acknowledgement
-// with each configured server without sending an event; `send` delivers one
-// event to each and prints every acknowledgement. Both run the agent's own
-// delivery code, so what they report is what the agent would meet.
+// authentication servers, and what it would report. `check` runs TLS, hello
+// and hello acknowledgement with each configured server without sending an
+// event; `send` delivers one event to each and prints every
+// acknowledgement; `report` says what the agent of this machine would report
+// now (sessions and users, addresses, identifiers, settings) and why,
+// without sending anything. All run the agent's own code, so what they say
+// is what the agent would meet.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/platform.h"
 #include "platform/registry.h"
 #include "platform/secret.h"
 #include "platform/security_package.h"
+#include "platform/service_status.h"
 #include "platform/support.h"
 #include "protocol/messages/event.h"
 
@@ -26,10 +31,12 @@ enum ExitCode : int {
   kExitNotConfigured = 4, // no server is configured
   // 5 is not used: it meant a hello that ended the agent, which no hello does now.
   kExitSetup = 6,         // the program cannot start (sockets, certificate material)
+  kExitNothingReported = 7,  // report: the agent would report nothing now (the output says why)
 };
 
 struct DiagOptions {
-  std::string command;                    // "check" or "send"
+  std::string command;                    // "check", "send" or "report"
+  bool json = false;                      // report: JSON instead of text
   std::string serverList;                 // --servers: the settings' own format
   std::vector<std::string> servers;       // --server HOST[:PORT]
   bool keyGiven = false;
@@ -66,5 +73,19 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
 int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
             std::FILE* out, ISecurityPackage* ntlm = nullptr,
             IImpersonation* impersonation = nullptr);
+
+// The name of the agent's Windows service (service/).
+inline constexpr char16_t kAgentServiceName[] = u"LindqvarAgent";
+
+// Runs `report` over the machine's platform (on Windows the system's own
+// implementations; in tests fakes) and returns its exit code: kExitOk when
+// the agent would report the current session, kExitNotConfigured when no
+// server is configured, kExitNothingReported when it would report nothing
+// for another reason, kExitSetup when the socket library cannot start.
+// `services` tells the agent service's state; null where there is none.
+// Nothing is sent and nothing is written; the agent's own log lines appear
+// (on `logOut`) with --verbose only.
+int RunReport(const DiagOptions& options, const Platform& platform, IServiceStatus* services,
+              std::FILE* out, std::FILE* logOut);
 
 }  // namespace lindqvar::diag

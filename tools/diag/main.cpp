@@ -9,8 +9,13 @@
 #include "tools/diag/diag.h"
 
 #ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+
+#include "platform/win32/platform_win32.h"
 #include "platform/win32/registry_win32.h"
 #include "platform/win32/security_package_win32.h"
+#include "platform/win32/service_status_win32.h"
 #include "platform/win32/support_win32.h"
 #endif
 
@@ -35,6 +40,27 @@ int main(int argc, char** argv) {
     return kExitOk;
   }
 #ifdef _WIN32
+  if (options.command == "report") {
+    // The machine as the agent sees it, through the same implementations.
+    lindqvar::win32::CWindowsPlatform platform({});
+    lindqvar::win32::CServiceStatusWin32 services;
+    // The user lookup prints the device-registration tool's output on the
+    // console, as the agent does. The report gets a stdout of its own, and
+    // those prints go to stderr with --verbose, else nowhere, so that the
+    // report (and --json) stays clean.
+    std::fflush(stdout);
+    const int reportFd = _dup(_fileno(stdout));
+    std::FILE* report = reportFd >= 0 ? _fdopen(reportFd, "w") : nullptr;
+    const int sink = options.verbose ? _dup(_fileno(stderr)) : _open("NUL", _O_WRONLY);
+    if (!report || sink < 0 || _dup2(sink, _fileno(stdout)) != 0) {
+      std::fprintf(stderr, "lindqvar-diag: the report's output cannot be set up\n");
+      return kExitSetup;
+    }
+    _close(sink);
+    const int code = RunReport(options, platform.Get(), &services, report, stderr);
+    std::fclose(report);
+    return code;
+  }
   // The agent's own settings, client GUID and FIPS switch, read the way the
   // agent reads them.
   lindqvar::win32::CSupportLibraryWin32 system({});
@@ -43,6 +69,12 @@ int main(int argc, char** argv) {
   lindqvar::win32::CImpersonationWin32 impersonation;
   return RunDiag(options, &system, &registry, stdout, &ntlm, &impersonation);
 #else
+  if (options.command == "report") {
+    std::fprintf(stderr,
+                 "lindqvar-diag: report reads this machine's sessions, adapters and registry the "
+                 "way the agent does: it is in the Windows build only\n");
+    return kExitUsage;
+  }
   return RunDiag(options, nullptr, nullptr, stdout);
 #endif
 }

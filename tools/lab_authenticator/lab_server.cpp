@@ -64,6 +64,7 @@ constexpr std::pair<Fault, const char*> kFaultNames[] = {
     {Fault::kNtlmWrongReply, "ntlm-wrong-reply"},
     {Fault::kNtlmBadChallenge, "ntlm-bad-challenge"},
     {Fault::kNtlmNoResult, "ntlm-no-result"},
+    {Fault::kRefuseLogoff, "refuse-logoff"},
 };
 
 }  // namespace
@@ -238,9 +239,11 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
   report.number = number;
   report.peer = peer.Text();
   report.listener = listener;
-  const bool faulty = m_options.faultConnections == 0 || number <= m_options.faultConnections;
+  // refuse-logoff counts the logoffs it refuses, not the connections.
+  const bool faulty = m_options.faultConnections == 0 || number <= m_options.faultConnections ||
+                      m_options.fault == Fault::kRefuseLogoff;
   const Fault fault = faulty ? m_options.fault : Fault::kNone;
-  report.fault = fault;
+  report.fault = fault == Fault::kRefuseLogoff ? Fault::kNone : fault;
   socket.SetTimeouts(m_options.ioTimeoutMs);
 
   if (fault == Fault::kStallTls) {
@@ -422,6 +425,13 @@ std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Faul
   report.eventCode = in.message_code();
   EventMessage event;
   if (event.Read(in)) report.records = std::move(event.records);
+  if (fault == Fault::kRefuseLogoff && !report.records.empty() &&
+      std::none_of(report.records.begin(), report.records.end(),
+                   [](const SessionRecord& r) { return r.logon != 0; }) &&
+      (m_options.faultConnections == 0 || ++m_refusedLogoffs <= m_options.faultConnections)) {
+    report.fault = fault;
+    return "refused a logoff";
+  }
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     const std::time_t now = std::time(nullptr);

@@ -42,6 +42,7 @@ enum class Fault {
   kNtlmWrongReply,      // NTLM: answer message 1 with a result message instead of message 2
   kNtlmBadChallenge,    // NTLM: message 2 whose token is not base64
   kNtlmNoResult,        // NTLM: close after the agent's message 3
+  kRefuseLogoff,        // read an event of logoff records only, then close unacknowledged
 };
 const char* FaultName(Fault fault);
 bool ParseFault(const std::string& text, Fault& out);
@@ -79,7 +80,8 @@ struct LabOptions {
   uint32_t eventResult = 1;
   uint32_t keepAliveInterval = 0;  // 0: not sent
   Fault fault = Fault::kNone;
-  uint32_t faultConnections = 0;   // the fault hits this many connections first; 0: all
+  uint32_t faultConnections = 0;   // the fault hits this many connections (refuse-logoff:
+                                   // logoffs) first; 0: all
   uint32_t oversizedLength = 64u << 20;
   uint32_t stallMs = 60000;        // longest stall
   uint32_t dribbleMs = 2000;       // dribble faults: pause before each byte
@@ -204,6 +206,7 @@ class CLabAuthenticator {
   std::vector<std::thread> m_acceptThreads;
   std::atomic<bool> m_stopping{false};
   std::atomic<uint32_t> m_keepAlive;
+  std::atomic<uint32_t> m_refusedLogoffs{0};
 
   mutable std::mutex m_mutex;  // guards everything below and the sink
   std::condition_variable m_finishedChanged;

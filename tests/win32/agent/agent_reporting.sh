@@ -5,7 +5,8 @@
 # Two runs, each with an agent of its own, side by side in ctest:
 #   reporting  a logon while no server listens, got through by the re-send
 #              timer once the server is up; every notification as a row with
-#              what it sends; PreferAzure with a stand-in device-registration
+#              what it sends; a lab that refuses the first logoff, without
+#              and with ResendLogoff; PreferAzure with a stand-in device-registration
 #              tool; the NTLM proof of the Wine user with its default
 #              credentials; server verification switched on by a re-read;
 #              the stop, and a settings change ending the agent during a
@@ -150,6 +151,45 @@ check_wait 5 "the lab's table is empty after the logoff" \
   test "$(lab_table main)" = '{"event":"table","entries":[]}'
 check_wait 10 "the logoff's delivery record" log_matches "EVENT 96980 Single Sign-On event action=2 domain=CORP.EXAMPLE.TEST,Workstation Name:lindqvar-ws,IP:10.77.0.5,BRK:127.0.0.1,succeeded to send session info, TICC:[0-9]+, TID:[0-9]+ user="
 check "the resume's delivery record" log_has "EVENT 96980 Single Sign-On event action=4"
+
+# ResendLogoff, with a lab that refuses the first logoff and accepts the rest:
+# without it the refused logoff is never sent again and the user stays in
+# the lab's table; with it the re-send timer (every 10 s) gets it through.
+# The timer logs each of its rounds while the failed report is pending; two
+# of them leave time for a kept logoff to go.
+round="CSessionManager::ResendLogonEvent:1002, m_bLogon:0,"
+kept="CORP.EXAMPLE.TEST\\$me at 10.77.0.5,fd00:77::5"
+empty='{"event":"table","entries":[]}'
+for setting in none dword:1; do
+  agent_set ResendLogoff "$setting"
+  agent_reread
+  lab_start main --listen "127.0.0.1:$port" --fault refuse-logoff --fault-connections 1 || lab_end
+  agent_post logon
+  wait_for 30 "the logon's report" lab_has_new
+  lab_mark main
+  agent_post logoff
+  check_wait 30 "ResendLogoff ${setting#dword:}: the lab refused the logoff" \
+    grep -qF '"end":"refused a logoff"' "$WORK/main.jsonl"
+  if [ "$setting" = none ]; then
+    n=$(log_count "$round")
+    wait_for 40 "two re-send rounds" log_count_above "$round" $((n + 1))
+    check "without ResendLogoff the logoff is not sent again" test "$(lab_new_count main)" = 1
+    check "without ResendLogoff the user stays in the lab's table" \
+      grep -qF "\"user\":\"$ME_UP\"" <<<"$(lab_table main)"
+    check "without ResendLogoff nothing is kept" bash -c "! grep -qF 'ResendLogoff:' '$WORK/FA_LINDQ.log'"
+  else
+    check_wait 40 "with ResendLogoff the re-sent logoff empties the lab's table" \
+      test "$(lab_table main)" = "$empty"
+    check "the lab saw the logoff twice" test "$(lab_records main | grep -cxF "0 $ME")" = 2
+    for line in "kept the logoff of $kept, session 1, that reached no server (1 kept)" \
+                "re-sent the logoff of $kept, try 1 of 20: delivered" "dropped the logoff of $kept: delivered"; do
+      check "the log says: $line" log_has "ResendLogoff: $line"
+    done
+  fi
+done
+agent_set ResendLogoff none
+agent_reread
+lab_start main --listen "127.0.0.1:$port" || lab_end
 
 # PreferAzure decides which account a new logon reports: with 1 the Azure AD
 # account with its attribute (the tenant), with 0 the domain account.

@@ -5,14 +5,29 @@
 # (reported, and enforced from the registry), the agent's settings read from
 # the registry, and the NTLM relay with the system's real NTLM package
 # against the lab's real acceptor (right and wrong password, with and without
-# server verification). Each run is a row: its exit code and what its output
-# holds. Then what the labs saw, that no secret shows in any output, and that
-# OpenSSL files planted where a configuration could be read from were never
-# loaded.
+# server verification). Then `report` on the lab machine, whose name also
+# resolves to a loopback address and to the address of an adapter with a
+# virtual hardware address (44:45:53): in text and JSON, and with the Wine
+# user on ExcludedUsers. Each run is a row: its exit code and what its
+# output holds. Then what the labs saw, that no secret shows in any output,
+# and that OpenSSL files planted where a configuration could be read from
+# were never loaded.
 #   diag_under_wine.sh <lindqvar-diag.exe> <lab authenticator> <pki dir> <client CA> <marker.dll>
 set -uo pipefail
 DIAG=$1 LAB=$2 PKI=$3 CLIENT_CA=$4 MARKER=$5
 ROOT=$(cd "$(dirname "$0")/../../.." && pwd)
+LAB_HOSTS='127.0.0.1 localhost
+10.77.0.5 lindqvar-ws.lab.example lindqvar-ws
+fd00:77::5 lindqvar-ws.lab.example lindqvar-ws
+127.0.1.1 lindqvar-ws
+10.79.0.1 lindqvar-ws'
+LAB_LINKS='ip link add v0 type veth peer name v1
+ip link add v2 type veth peer name v3
+ip link set v2 address 44:45:53:00:00:07
+ip addr add 10.77.0.5/24 dev v0
+ip -6 addr add fd00:77::5/64 dev v0 nodad
+ip addr add 10.79.0.1/24 dev v2
+for i in v0 v1 v2 v3; do ip link set $i up; done'
 . "$ROOT/scripts/lib/agent-lab.sh"
 lab_begin diag_under_wine "$PWD/diag-under-wine" "$0" "$@"
 
@@ -93,6 +108,29 @@ row pinned 0 check -- \
   'Server verification on \(VerifyServer\), pin list of 2 fingerprint\(s\) \(ServerCertificateSha256\)'
 row refused 1 check --server "127.0.0.1:$portf" --server "127.0.0.1:$port4" -- 'FAILED at verify' \
   "server verification failed for authenticator 127.0.0.1 port $portf: .*unable to get local issuer certificate"
+
+# What the agent would report on this machine, from the same settings.
+me=$(tr '[:lower:]' '[:upper:]' <<<"${USER:-root}")
+row report 0 report -- 'service LindqvarAgent: not-installed' 'preshared key: set' \
+  'server 1: 127\.0\.0\.1 port [0-9]+: resolves to 127\.0\.0\.1; the agent connects to 127\.0\.0\.1' \
+  'sent     10\.77\.0\.5' 'sent     fd00:77::5' 'left out 127\.0\.1\.1: loopback' \
+  'left out 10\.79\.0\.1: virtual adapter "v2"' \
+  "session 1 \(console session, not listed by the system; current\): CORP\.EXAMPLE\.TEST\\\\$me from the domain lookup" \
+  "the agent reports session 1: user $me, domain CORP\.EXAMPLE\.TEST, workstation LINDQVAR-WS\.LAB\.EXAMPLE, addresses 10\.77\.0\.5, fd00:77::5"
+row report-json 0 report --json -- '"presharedKey": "set"'
+check "report --json is JSON holding the user, the addresses and the loopback's reason" python3 -c '
+import json, sys
+r = json.load(open(sys.argv[1]))
+s = [x for x in r["sessions"] if x["current"]][0]
+assert (s["user"], s["domain"], s["source"]) == (sys.argv[2], "CORP.EXAMPLE.TEST", "domain"), s
+assert (r["addresses"]["ipv4"], r["addresses"]["ipv6"]) == (["10.77.0.5"], ["fd00:77::5"]), r["addresses"]
+assert {"address": "127.0.1.1", "reason": "loopback"}.items() <= r["addresses"]["leftOut"][0].items()
+assert r["now"]["reports"] and r["now"]["record"]["workstation"] == "LINDQVAR-WS.LAB.EXAMPLE", r["now"]
+' "$WORK/report-json.txt" "$me"
+agent_set ExcludedUsers "multi:svc_*;corp.example.test\\${me:0:2}*"
+row report-excluded 7 report -- "EXCLUDED by the ExcludedUsers entry corp\.example\.test\\\\${me:0:2}\*" \
+  'nothing is reported: the current session 1 is excluded'
+agent_set ExcludedUsers none
 
 check_wait 5 "the hello carried the endpoint client's GUID" \
   grep -qF '"client_guid":"{5EED0000-1111-2222-3333-444455556666}"' "$WORK/main.jsonl"

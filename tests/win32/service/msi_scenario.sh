@@ -7,9 +7,10 @@
 # faults survived (the lab restarted while the agent runs: the re-send
 # delivers the missed logon; the agent killed inside a held send: the service
 # starts a fresh one, which reports the user still logged on; the service
-# killed: its job ends the agent, and net start brings both back), an upgrade keeps the settings changed since and writes ExcludedUsers (absent
-# after the install without its property), and msiexec /x leaves nothing
-# behind.
+# killed: its job ends the agent, and net start brings both back),
+# an upgrade keeps the settings changed since (ResendLogoff too, absent after
+# the install without its property) and writes ExcludedUsers (absent likewise),
+# and msiexec /x leaves nothing behind.
 #   msi_scenario.sh <lindqvar.msi> <next-version msi> <lab authenticator> <pki dir>
 #                   <client CA> <agent_control.exe>
 set -uo pipefail
@@ -80,7 +81,7 @@ check "the programs are under Program Files" \
   test -f "$DIR/lindqvar-agent.exe" -a -f "$DIR/lindqvar-service.exe" -a -f "$DIR/lindqvar-diag.exe"
 for row in "Servers=REG_SZ 127.0.0.1:$port1" "PresharedKey=REG_SZ $LAB_KEY_VALUE" \
            "PreferAzure=REG_DWORD 0x1" "Enabled=REG_DWORD 0x1" "VerifyServer=REG_DWORD 0x1" \
-           "ExcludedUsers="; do
+           "ExcludedUsers=" "ResendLogoff="; do
   value_row "after the install" "$row"
 done
 check "the service runs" test "$(service_state)" = RUNNING
@@ -104,6 +105,9 @@ steady() { [ $((SECONDS - agent_started)) -gt 20 ]; }
 wait_for 30 "the agent's steady-run time" steady
 agent_set Servers "[::1]:$port2"
 check_wait 20 "the old agent ended and a fresh one starts now" file_has "$SERVICE_LOG" "a fresh one starts now."
+# The service logs the restart before it starts the fresh agent: wait for the
+# second start, then make sure there was no third.
+check_wait 20 "the service started the fresh agent" file_count_at_least "$SERVICE_LOG" "102 Started the agent" 2
 check "the agent ran on through the change of hosts only" \
   test "$(grep -c '102 Started the agent' "$SERVICE_LOG")" = 2
 check_wait 40 "the fresh agent finished its start-up" file_count_at_least "$AGENT_LOG" "m_count:" 2
@@ -116,7 +120,7 @@ check "net stop stops the service" test "$(service_state)" = STOPPED
 check_wait 5 "the agent ran its stop" file_has "$AGENT_LOG" "EVENT 96984"
 check "the service saw the agent stop" file_has "$SERVICE_LOG" "105 The agent"
 check "LINDQState is NOT_CONFIGURED" value_is LINDQState "REG_DWORD 0x0"
-check_wait 10 "no agent or service process runs" not_running 'lindqvar-(agent|service).exe'
+check_wait 30 "no agent or service process runs" not_running 'lindqvar-(agent|service).exe'
 $W net start LindqvarAgent >"$WORK/net.txt" 2>&1
 check "net start starts the service" test "$(service_state)" = RUNNING
 check_wait 40 "the agent finished its start-up again" file_count_at_least "$AGENT_LOG" "m_count:" 3
@@ -160,12 +164,13 @@ done
 # ExcludedUsers from its property as a multi-string.
 agent_set Servers "[::1]:$port2;127.0.0.1:$port1"
 agent_set AddressCategory dword:4
+agent_set ResendLogoff dword:1
 msi /i "$MSI_NEXT" /l*v "Z:${WORK//\//\\}\\upgrade.log" EXCLUDEDUSERS='svc-*;CORP\helpdesk'
 rc=$?
 check "msiexec /i of the next version succeeds (exit $rc)" test $rc = 0
 check "the preshared key is not in the upgrade's log" file_lacks "$WORK/upgrade.log" "$LAB_KEY_VALUE"
 for row in "Servers=REG_SZ [::1]:$port2;127.0.0.1:$port1" "PresharedKey=REG_SZ $LAB_KEY_VALUE" \
-           "AddressCategory=REG_DWORD 0x4" "VerifyServer=REG_DWORD 0x1" \
+           "AddressCategory=REG_DWORD 0x4" "VerifyServer=REG_DWORD 0x1" "ResendLogoff=REG_DWORD 0x1" \
            'ExcludedUsers=REG_MULTI_SZ svc-*;CORP\helpdesk'; do
   value_row "after the upgrade" "$row"
 done
