@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <cstdio>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -47,6 +48,9 @@ class CFaultPlan {
     if (iface != m_armed || n != m_armedCall) return false;
     m_firedMethod = method;
     m_firedStep = m_step;
+    // Said at once: the run may not live to say it later.
+    std::printf("fired %s %s\n", method, m_step);
+    std::fflush(stdout);
     return true;
   }
   uint64_t Calls(Iface iface) const {
