@@ -139,17 +139,17 @@ check_wait 40 "the re-send delivers the missed logon once the lab is back" logon
 # entry for it; the user's next notification, an unlock, is reported.)
 lab_start main --listen "127.0.0.1:$port1" --listen "[::1]:$port2" --fault stall --fault-connections 1 || lab_end
 sends=$(grep -c "SendAndReceive(), Local IP:" "$AGENT_LOG") starts=$(grep -c "102 Started the agent" "$SERVICE_LOG")
+ends=$(grep -c "ended by itself" "$SERVICE_LOG")
 $W "$CONTROL" post logon 1 >/dev/null 2>&1
 check_wait 30 "the lab holds the agent's send" file_count_at_least "$AGENT_LOG" "SendAndReceive(), Local IP:" $((sends + 1))
 sleep 1
 wine_kill 'lindqvar-agent.exe'
-check_wait 20 "the service saw the agent end" file_has "$SERVICE_LOG" "ended by itself"
+check_wait 20 "the service saw the agent end" file_count_at_least "$SERVICE_LOG" "ended by itself" $((ends + 1))
 check_wait 30 "the service starts a fresh agent" file_count_at_least "$SERVICE_LOG" "102 Started the agent" $((starts + 1))
 check_wait 40 "the fresh agent finished its start-up and looked for the console session" \
   file_count_at_least "$AGENT_LOG" "current active session 1" 4
 $W "$CONTROL" post unlock 1 >/dev/null 2>&1
 check_wait 30 "the fresh agent reports the user still logged on" logons_above "$port2" 0
-check "the held connection was the lab's only fault" test "$(grep -c '"fault":"stall"' "$WORK/main.jsonl")" -le 1
 # The service killed: the job it runs the agent in ends the agent with it.
 wine_kill 'lindqvar-service.exe'
 check_wait 20 "the agent ends with its killed service" not_running 'lindqvar-agent.exe'
