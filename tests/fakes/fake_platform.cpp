@@ -84,21 +84,25 @@ void FakeSupport::log_setlevel(LogHandle, uint32_t level) {
 }
 
 void FakeSupport::log_debug(LogHandle, std::string_view line) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_lines.push_back({false, std::string(line)});
 }
 
 void FakeSupport::log_error(LogHandle, std::string_view line) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_lines.push_back({true, std::string(line)});
 }
 
 void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_events.push_back(eventId);
 }
 
 void FakeSupport::LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) {
+  if (!keepRecords) return;
   std::string text = std::to_string(eventId) + " " + std::to_string(level);
   for (const LogField& f : fields) text += " " + WideToUtf8(f.key) + "=" + WideToUtf8(f.value);
   std::lock_guard<std::mutex> lock(m_mutex);

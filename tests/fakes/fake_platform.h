@@ -60,6 +60,9 @@ class FakeSupport : public ISupportLibrary {
   bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
+  // False: log lines and events are dropped, so that a long run's memory is
+  // the agent's alone.
+  std::atomic<bool> keepRecords{true};
   std::u16string guid;  // empty: cfg_get_velmora_guid fails
   // Sessions whose token GetTokenOfSession gives: id -> (domain, user).
   std::map<uint32_t, std::pair<std::string, std::string>> sessionUsers;
