@@ -27,6 +27,16 @@ long ResidentKb() {
 class CQuietSoak : public lindqvar::testing::CSessionSoak {
  public:
   CQuietSoak() { support.keepRecords = false; }
+  // What the other fakes keep of the calls made (for the tests that read
+  // it): part of the memory measured.
+  void PrintFakeRecords() {
+    size_t commandBytes = 0;
+    for (const std::string& c : console.commandLines) commandBytes += sizeof c + c.capacity();
+    std::printf("kept by the fakes: %d tokens, %zu console command lines (%zu bytes), %zu registry opens, "
+                "%zu waits\n",
+                accounts.TokensIssued(), console.commandLines.size(), commandBytes,
+                registry.AccessMasks().size(), waits.TimeOuts().size());
+  }
 };
 
 class CPassTimer : public lindqvar::testing::CSessionSoak {
@@ -78,6 +88,7 @@ int main(int argc, char** argv) {
   std::printf("resident memory: %ld kB after 1000 events, %ld kB at the end (%+ld kB)\n",
               rssAfterFirst, rssAtEnd, rssAtEnd - rssAfterFirst);
   std::printf("lab table matches the last report: %s\n", r.tableMatches ? "yes" : "NO");
+  soak.PrintFakeRecords();
   CPassTimer passes;
   const auto [logon, keepAlive] = passes.LogonAndKeepAliveMs(200);
   std::printf("one pass to one server: SendSessionEvent %.2f ms, keep-alive %.2f ms, ratio %.3f\n",
