@@ -2,7 +2,9 @@
 // withdrawing record and the current one), as every logon, keep-alive and
 // address change sends it. Reports the time and the heap allocations per
 // iteration: the allocator of this binary counts every malloc, calloc,
-// realloc and operator new.
+// realloc and operator new. Ends with one line: encode + decode with
+// non-ASCII texts against the same with ASCII texts (CPU time, medians of
+// three runs each).
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -11,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "bench/closing_line.h"
 #include "protocol/wire/decoder.h"
 #include "protocol/wire/encoder.h"
 
@@ -156,10 +159,28 @@ void BM_DecodeEvent(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK_CAPTURE(BM_EncodeDecodeEvent, ascii, kAscii);
-BENCHMARK_CAPTURE(BM_EncodeDecodeEvent, non_ascii, kNonAscii);
+BENCHMARK_CAPTURE(BM_EncodeDecodeEvent, ascii, kAscii)->Repetitions(3);
+BENCHMARK_CAPTURE(BM_EncodeDecodeEvent, non_ascii, kNonAscii)->Repetitions(3);
 BENCHMARK_CAPTURE(BM_EncodeEvent, ascii, kAscii);
 BENCHMARK_CAPTURE(BM_EncodeEvent, non_ascii, kNonAscii);
 BENCHMARK(BM_DecodeEvent);
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  using namespace lindqvar::bench;
+  CRecordingReporter reporter;
+  if (const int rc = RunBenchmarks(argc, argv, reporter)) return rc;
+  const std::string ascii = "BM_EncodeDecodeEvent/ascii";
+  const std::string nonAscii = "BM_EncodeDecodeEvent/non_ascii";
+  // CPU time: the codec never waits, and the real time of a loaded
+  // machine would compare the load rather than the code.
+  const double figure = reporter.CpuNanoseconds(nonAscii);
+  const double anchor = reporter.CpuNanoseconds(ascii);
+  PrintClosingLine(
+      "codec_bench", figure, anchor,
+      Format("encode + decode of a two-record event, non-ASCII texts %.0f ns CPU and %.0f allocations, "
+             "ASCII texts %.0f ns CPU and %.0f allocations (medians of %zu runs)",
+             figure, reporter.Counter(nonAscii, "allocs"), anchor, reporter.Counter(ascii, "allocs"),
+             reporter.Repetitions(nonAscii)),
+      "<= 1.3 and <= 2 allocations");
+  return 0;
+}

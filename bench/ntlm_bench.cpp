@@ -5,6 +5,7 @@
 
 #include <set>
 
+#include "bench/closing_line.h"
 #include "protocol/ntlm/ntlm_relay.h"
 #include "tests/fakes/fake_security_package.h"
 #include "tests/protocol/tls_test_support.h"
@@ -41,4 +42,14 @@ BENCHMARK(BM_PassWithRelay)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 }  // namespace
 }  // namespace lindqvar::testing
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  using namespace lindqvar::bench;
+  CRecordingReporter reporter;
+  if (const int rc = RunBenchmarks(argc, argv, reporter)) return rc;
+  const double figure = reporter.Nanoseconds("BM_PassWithRelay") / 1e6;
+  const double anchor = reporter.Nanoseconds("BM_PassWithoutRelay") / 1e6;
+  PrintClosingLine("ntlm_bench", figure, anchor,
+                   Format("a pass with the NTLM relay %.3f ms, without %.3f ms", figure, anchor),
+                   nullptr);
+  return 0;
+}

@@ -320,7 +320,7 @@ std::vector<HyperVExternalPort> CAddressDiscovery::HyperVExternalPorts() const {
 
 std::array<uint8_t, 6> ParsePermanentAddress(const std::string& text) {
   char buffer[kPermanentAddressBytes] = {};
-  std::memcpy(buffer, text.data(), std::min(text.size(), kPermanentAddressBytes));
+  std::copy_n(text.begin(), std::min(text.size(), kPermanentAddressBytes), buffer);
   std::array<uint8_t, 6> mac{};
   for (size_t i = 0; i < mac.size(); ++i) {
     mac[i] = static_cast<uint8_t>(HexDigit(buffer[2 * i]) * 16 + HexDigit(buffer[2 * i + 1]));

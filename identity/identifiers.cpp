@@ -58,7 +58,7 @@ std::u16string CIdentifiers::PrimarySerialCandidate() {
   const std::u16string guid = value.substr(0, split);
   size_t end = value.find(u';', split + 1);
   if (end == std::u16string::npos) end = value.size();
-  const std::u16string serial = value.substr(split + 1, end - split - 1);
+  std::u16string serial = value.substr(split + 1, end - split - 1);
 
   std::u16string uuid;
   if (!m_support.cfg_get_velmora_guid(uuid) || guid != uuid) return {};

@@ -16,12 +16,12 @@ std::string LogoffText(const CTerminalSession& entry, const AddressSet& set) {
   for (uint32_t i = 0; i < set.count4 && i < set.ipv4.size(); ++i, separator = ",") {
     IpAddress a;
     a.SetIPv4(set.ipv4[i]);
-    text = text + separator + a.Text();
+    text.append(separator).append(a.Text());
   }
   for (uint32_t i = 0; i < set.count6 && i < set.ipv6.size(); ++i, separator = ",") {
     IpAddress a;
     a.SetIPv6(set.ipv6[i].data());
-    text = text + separator + a.Text();
+    text.append(separator).append(a.Text());
   }
   return text;
 }

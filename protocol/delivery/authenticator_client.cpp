@@ -66,7 +66,7 @@ ExchangeReport CAuthenticatorClient::Exchange(const ServerEntry& server,
   }
   if (m_observer) m_observer->OnExchangeStart(server);
   const DialogueParts parts{m_log, m_support, m_resolver, m_tls, m_ntlmRelay, m_bLogTickCount != 0};
-  const ExchangeReport report =
+  ExchangeReport report =
       SendAndReceive(parts, server, config.presharedKey, local, session, event);
   if (report.keepAliveInterval != 0) m_dwKeepAliveInterval = report.keepAliveInterval;
   if (m_observer) m_observer->OnExchange(report);

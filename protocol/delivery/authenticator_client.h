@@ -46,7 +46,12 @@ class CAuthenticatorClient : public IEventDelivery {
   // default); resolution follows the same switch.
   void SetTickLogging(bool on);
   void SetNtlmRelay(INtlmRelay* relay) { m_ntlmRelay = relay; }
-  void SetObserver(IExchangeObserver* observer) { m_observer = observer; }
+  // Set before the first pass. With an observer the reports describe the
+  // server's certificate also with verification off.
+  void SetObserver(IExchangeObserver* observer) {
+    m_observer = observer;
+    m_tls.SetDescribeServerCertificate(observer != nullptr);
+  }
   // Opt-in server verification for the dialogues that start from now on.
   void SetServerVerification(const ServerVerification& verification) {
     m_tls.SetServerVerification(verification);

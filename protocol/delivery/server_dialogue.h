@@ -43,7 +43,8 @@ struct ExchangeReport {
   std::string tlsVersion;
   std::string cipher;
   // The server's certificate: whether it passes verification (whatever the
-  // setting), its fingerprint, and whether it was refused.
+  // setting), its subject and fingerprint (with verification on or an
+  // observer attached), and whether it was refused.
   ServerCertificateCheck certificate;
   // Hello.
   uint32_t helloId = 0;

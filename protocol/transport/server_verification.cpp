@@ -39,9 +39,15 @@ int VerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
   const ServerVerification& settings = check->settings;
 
   // The certificate being verified is the server's own, whatever depth the
-  // callback is called for; it is taken afresh on every verification.
-  if (X509* leaf = X509_STORE_CTX_get0_cert(store)) {
-    check->seen = true;
+  // callback is called for; it is taken afresh on every verification. Its
+  // subject and fingerprint are taken where a verification can end: at the
+  // server's own certificate (depth 0, the last call of a verification that
+  // passes, and the call that applies the pin list) and at an error (this
+  // callback then returns 0, which ends it). A chain of two certificates is
+  // thus hashed once, not once per certificate.
+  X509* leaf = X509_STORE_CTX_get0_cert(store);
+  if (leaf) check->seen = true;
+  if (leaf && check->describe && (!preverifyOk || X509_STORE_CTX_get_error_depth(store) == 0)) {
     char subject[256] = {};
     X509_NAME_oneline(X509_get_subject_name(leaf), subject, sizeof subject);
     check->subject = subject;
@@ -162,6 +168,7 @@ void PrepareServerVerification(SSL* ssl, const std::string& host, ServerCertific
     check.hostUsable =
         !host.empty() && X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size()) == 1;
   }
+  if (check.settings.verify) check.describe = true;
   SSL_set_ex_data(ssl, CheckIndex(), &check);
   SSL_set_verify(ssl, check.settings.verify ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, VerifyCallback);
 }

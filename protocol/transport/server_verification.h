@@ -48,9 +48,14 @@ struct ServerCertificateCheck {
 
   std::string host;         // the configured host it is checked against
   bool hostUsable = true;   // the configured host could be set as the name to check
+  // Whether subject and fingerprint are taken: with verification on (for
+  // the pin list and the reason of a refusal) and where a tool reads them;
+  // hashing the certificate on every handshake of the agent would serve no
+  // one otherwise.
+  bool describe = true;
   bool seen = false;        // the server presented a certificate
-  std::string subject;      // its subject, one line
-  Sha256 sha256{};          // SHA-256 of its DER encoding
+  std::string subject;      // its subject, one line (when described)
+  Sha256 sha256{};          // SHA-256 of its DER encoding (when described)
   long chainResult = -1;    // X509_V_OK when the chain and the host name verify
   bool pinned = false;      // its fingerprint is in the pin list
   bool refused = false;     // the connection was refused because of it
@@ -71,7 +76,7 @@ std::vector<uint8_t> TlsServerEndPoint(X509* certificate);
 // brackets allowed) the certificate must name, the verify mode (peer
 // verification only when `check.settings.verify`) and the callback that
 // records the server's certificate into `check` and applies the pin list.
-// `check` must outlive `ssl`.
+// `check` must outlive `ssl`; its `describe` is forced on with verification.
 void PrepareServerVerification(SSL* ssl, const std::string& host, ServerCertificateCheck& check);
 // After the handshake (or its failure): takes the final chain result.
 void FinishServerVerification(SSL* ssl, ServerCertificateCheck& check);

@@ -93,6 +93,7 @@ bool CTlsClient::SetUp(CTlsConnection& connection, const TlsTarget& target) {
   }
   ServerCertificateCheck& check = connection.m_serverCheck;
   check = ServerCertificateCheck{};
+  check.describe = m_describeCertificate;
   {
     std::lock_guard<std::mutex> lock(m_verificationLock);
     check.settings = m_verification;

@@ -61,6 +61,10 @@ class CTlsClient {
   // Server verification for the connections that start from now on (the
   // default is off). Each problem of new settings is logged once.
   void SetServerVerification(const ServerVerification& verification);
+  // Whether the connections that start from now on take the subject and
+  // fingerprint of the server's certificate also with verification off
+  // (ServerCertificateCheck::describe); off by default.
+  void SetDescribeServerCertificate(bool on) { m_describeCertificate = on; }
 
   // The context, made on first use under a lock; null while it cannot be
   // made. A context whose identity or CA loading failed is kept as it is.
@@ -81,6 +85,7 @@ class CTlsClient {
   std::atomic<SSL_CTX*> m_context{nullptr};
   std::mutex m_verificationLock;
   ServerVerification m_verification;
+  std::atomic<bool> m_describeCertificate{false};
 };
 
 }  // namespace lindqvar

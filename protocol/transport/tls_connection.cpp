@@ -40,22 +40,24 @@ int CTlsConnection::Drive(Call call) {
     if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) return result;
     // Without limits the call is the plain one: it blocks in the socket.
     if (!m_limited) return result;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(m_messageDeadline - Clock::now()).count();
-    if (left <= 0) {
-      m_expired = true;
-      return -1;
-    }
-    const auto waitMs = static_cast<uint32_t>(left);
-    const bool ready = error == SSL_ERROR_WANT_WRITE ? m_socket.WaitWritable(waitMs)
-                                                     : m_socket.WaitReadable(waitMs);
-    if (!ready) {
-      // The limit passed (or the wait itself failed): a TLS stream cut off
-      // in the middle of a record cannot go on.
-      m_expired = true;
-      return -1;
-    }
+    if (!WaitForSocket(error == SSL_ERROR_WANT_WRITE)) return -1;
   }
+}
+
+uint32_t CTlsConnection::MessageTimeLeftMs() const {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_messageDeadline - Clock::now());
+  return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
+}
+
+bool CTlsConnection::WaitForSocket(bool writable) {
+  const uint32_t left = MessageTimeLeftMs();
+  if (left == 0 || !(writable ? m_socket.WaitWritable(left) : m_socket.WaitReadable(left))) {
+    // The limit passed (or the wait itself failed): a TLS stream cut off in
+    // the middle of a record cannot go on.
+    m_expired = true;
+    return false;
+  }
+  return true;
 }
 
 int CTlsConnection::Handshake() {
@@ -75,6 +77,14 @@ int CTlsConnection::WriteMessage(const CEncoder& message) {
 }
 
 int CTlsConnection::Read(void* data, int size) {
+  // With nothing of the session's left in its buffers the read can only go
+  // to the socket, which is still empty while the server prepares its
+  // answer: the read would fail, wait and read again. Waiting first spares
+  // that failed read, one system call per message received. (With no time
+  // left the read is tried as it is, and fails unless the bytes are there.)
+  if (m_limited && m_ssl && !m_expired && SSL_has_pending(m_ssl) == 0 && MessageTimeLeftMs() > 0 &&
+      !WaitForSocket(false))
+    return -1;
   return Drive([&] { return SSL_read(m_ssl, data, size); });
 }
 

@@ -68,6 +68,12 @@ class CTlsConnection {
   // waiting for the socket between attempts while the limits allow.
   template <typename Call>
   int Drive(Call call);
+  // Waits until the socket is readable (or writable) within the limit of
+  // the current message; false, with the connection spent, when the limit
+  // passes first or the wait fails.
+  bool WaitForSocket(bool writable);
+  // Milliseconds left before the current message's limit (0 once passed).
+  uint32_t MessageTimeLeftMs() const;
 
   CSocket m_socket;
   SSL* m_ssl = nullptr;

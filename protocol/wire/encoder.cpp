@@ -3,9 +3,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
-#include "platform/os.h"
 #include "protocol/wire/wide_upper.h"
 
 namespace lindqvar {
@@ -178,39 +176,14 @@ int CEncoder::add_string(uint8_t code, const char* text, uint32_t byteCount, uin
   return 0;
 }
 
-// Upper-cases through UTF-16: the whole NUL-terminated text is converted,
-// each UTF-16 unit upper-cased, and the result converted back; it is used
-// only when it has exactly byteCount bytes. Otherwise (a character whose
-// upper-case form has another UTF-8 length, malformed UTF-8, a text whose
-// NUL is not at byteCount, or no memory) the bytes are upper-cased one by
-// one, which leaves every non-ASCII byte as it is.
+// Upper-cases through UTF-16 (UpperCaseUtf8): the whole NUL-terminated text
+// goes through, and its upper-cased form is used only when it has exactly
+// byteCount bytes. Otherwise (a character whose upper-case form has another
+// UTF-8 length, malformed UTF-8, a text whose NUL is not at byteCount) the
+// bytes are upper-cased one by one, which leaves every non-ASCII byte as it
+// is. An ASCII text of byteCount bytes comes out the same either way.
 void CEncoder::UpperCaseInto(uint8_t* out, const char* text, uint32_t byteCount) {
-  const size_t whole = std::strlen(text);
-  bool ascii = true;
-  for (size_t i = 0; i < whole && ascii; ++i) ascii = static_cast<unsigned char>(text[i]) < 0x80;
-
-  if (ascii && whole == byteCount) {
-    // ASCII converts one unit per byte and upper-cases within ASCII: the
-    // round trip keeps the length, so the result is known without it.
-    for (uint32_t i = 0; i < byteCount; ++i) out[i] = static_cast<uint8_t>(AsciiUpper(text[i]));
-    return;
-  }
-  if (!ascii) {
-    try {
-      std::u16string wide = Utf8ToWide(std::string_view(text, whole));
-      // The conversion has room for byteCount + 1 units, the NUL included.
-      if (wide.size() <= byteCount) {
-        for (char16_t& unit : wide) unit = WideToUpper(unit);
-        const std::string upper = WideToUtf8(wide);
-        if (upper.size() == byteCount) {
-          std::memcpy(out, upper.data(), byteCount);
-          return;
-        }
-      }
-    } catch (...) {
-      // No memory for the conversion: upper-case byte by byte below.
-    }
-  }
+  if (UpperCaseUtf8(text, out, byteCount)) return;
   for (uint32_t i = 0; i < byteCount; ++i) out[i] = static_cast<uint8_t>(AsciiUpper(text[i]));
 }
 

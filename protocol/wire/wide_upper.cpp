@@ -213,15 +213,34 @@ constexpr CaseRun kUpperRuns[] = {
     {0xFF41, 0xFF5A, -32, 1},
 };
 
-}  // namespace
-
-char16_t WideToUpperTable(char16_t unit) {
-  const auto* run = std::upper_bound(std::begin(kUpperRuns), std::end(kUpperRuns), unit,
-                                     [](char16_t u, const CaseRun& r) { return u < r.first; });
+// The mapping of one unit by the runs above.
+constexpr char16_t UpperByRuns(char16_t unit) {
+  const CaseRun* run = std::upper_bound(std::begin(kUpperRuns), std::end(kUpperRuns), unit,
+                                        [](char16_t u, const CaseRun& r) { return u < r.first; });
   if (run == std::begin(kUpperRuns)) return unit;
   --run;
   if (unit > run->last || (unit - run->first) % run->step != 0) return unit;
   return static_cast<char16_t>(unit + run->offset);
+}
+
+// Latin-1 and Latin Extended-A, the letters of most directory names outside
+// ASCII, looked up directly; the table is the runs' own mapping, made when
+// compiling.
+constexpr char16_t kDirectUnits = 0x180;
+struct DirectTable {
+  char16_t upper[kDirectUnits];
+};
+constexpr DirectTable MakeDirectTable() {
+  DirectTable table{};
+  for (char16_t u = 0; u < kDirectUnits; ++u) table.upper[u] = UpperByRuns(u);
+  return table;
+}
+constexpr DirectTable kDirect = MakeDirectTable();
+
+}  // namespace
+
+char16_t WideToUpperTable(char16_t unit) {
+  return unit < kDirectUnits ? kDirect.upper[unit] : UpperByRuns(unit);
 }
 
 char16_t WideToUpper(char16_t unit) {
@@ -230,6 +249,143 @@ char16_t WideToUpper(char16_t unit) {
 #else
   return WideToUpperTable(unit);
 #endif
+}
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+bool IsHighSurrogate(char32_t u) { return u >= 0xD800 && u <= 0xDBFF; }
+bool IsLowSurrogate(char32_t u) { return u >= 0xDC00 && u <= 0xDFFF; }
+
+// Writes the upper-cased text into a caller's buffer of fixed size, as the
+// UTF-16 to UTF-8 conversion would append it to a string.
+class CUtf8Writer {
+ public:
+  CUtf8Writer(uint8_t* out, uint32_t size) : m_out(out), m_size(size) {}
+
+  uint32_t Written() const { return m_at; }
+
+  // One byte below 0x80; false when it does not fit.
+  bool PutAscii(uint8_t byte) {
+    if (m_at == m_size) return false;
+    m_out[m_at++] = byte;
+    return true;
+  }
+
+  // One upper-cased UTF-16 unit: a high surrogate waits for the unit after
+  // it, and pairs with a low one; an unpaired half is written as U+FFFD.
+  bool PutUnit(char16_t unit) {
+    if (m_high) {
+      const char32_t high = m_high;
+      m_high = 0;
+      if (IsLowSurrogate(unit)) return Put(0x10000 + ((high - 0xD800) << 10) + (unit - 0xDC00));
+      if (!Put(kReplacement)) return false;
+    }
+    if (IsHighSurrogate(unit)) {
+      m_high = unit;
+      return true;
+    }
+    return Put(IsLowSurrogate(unit) ? kReplacement : char32_t{unit});
+  }
+
+  // Ends a run of units (before an ASCII byte and at the end of the text):
+  // a high surrogate still waiting is unpaired.
+  bool EndUnits() {
+    if (!m_high) return true;
+    m_high = 0;
+    return Put(kReplacement);
+  }
+
+ private:
+  bool Put(char32_t cp) {
+    const uint32_t n = cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+    if (m_size - m_at < n) return false;
+    uint8_t* p = m_out + m_at;
+    m_at += n;
+    switch (n) {
+      case 1: p[0] = static_cast<uint8_t>(cp); break;
+      case 2:
+        p[0] = static_cast<uint8_t>(0xC0 | (cp >> 6));
+        p[1] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        break;
+      case 3:
+        p[0] = static_cast<uint8_t>(0xE0 | (cp >> 12));
+        p[1] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+        p[2] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        break;
+      default:
+        p[0] = static_cast<uint8_t>(0xF0 | (cp >> 18));
+        p[1] = static_cast<uint8_t>(0x80 | ((cp >> 12) & 0x3F));
+        p[2] = static_cast<uint8_t>(0x80 | ((cp >> 6) & 0x3F));
+        p[3] = static_cast<uint8_t>(0x80 | (cp & 0x3F));
+        break;
+    }
+    return true;
+  }
+
+  uint8_t* m_out;
+  uint32_t m_size;
+  uint32_t m_at = 0;
+  char16_t m_high = 0;
+};
+
+// Decodes the character starting at `in` (its first byte at least 0x80) as
+// the UTF-8 to UTF-16 conversion does: a well-formed sequence of 2 to 4
+// bytes gives its code point, anything else U+FFFD for the first byte alone.
+// The text's NUL ends any sequence, so nothing past it is read. Sets `length`
+// to the bytes taken.
+char32_t DecodeUtf8(const unsigned char* in, uint32_t& length) {
+  const unsigned char b0 = in[0];
+  uint32_t need = 0;
+  char32_t cp = 0;
+  char32_t min = 0;
+  if ((b0 & 0xE0) == 0xC0) {
+    need = 1, cp = b0 & 0x1F, min = 0x80;
+  } else if ((b0 & 0xF0) == 0xE0) {
+    need = 2, cp = b0 & 0x0F, min = 0x800;
+  } else if ((b0 & 0xF8) == 0xF0) {
+    need = 3, cp = b0 & 0x07, min = 0x10000;
+  }
+  length = 1;
+  if (need == 0) return kReplacement;
+  for (uint32_t k = 1; k <= need; ++k) {
+    if ((in[k] & 0xC0) != 0x80) return kReplacement;
+    cp = (cp << 6) | (in[k] & 0x3F);
+  }
+  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return kReplacement;
+  length = need + 1;
+  return cp;
+}
+
+}  // namespace
+
+bool UpperCaseUtf8(const char* text, uint8_t* out, uint32_t byteCount) {
+  const auto* in = reinterpret_cast<const unsigned char*>(text);
+  CUtf8Writer writer(out, byteCount);
+  for (;;) {
+    if (*in < 0x80) {
+      if (!writer.EndUnits()) return false;
+      // A run of ASCII: one unit per byte, upper-cased within ASCII.
+      for (unsigned char c = *in; c != 0 && c < 0x80; c = *++in) {
+        const auto upper = static_cast<uint8_t>(c >= 'a' && c <= 'z' ? c - ('a' - 'A') : c);
+        if (!writer.PutAscii(upper)) return false;
+      }
+      if (*in == 0) break;
+    }
+    uint32_t length = 0;
+    const char32_t cp = DecodeUtf8(in, length);
+    in += length;
+    if (cp < 0x10000) {
+      if (!writer.PutUnit(WideToUpper(static_cast<char16_t>(cp)))) return false;
+    } else {
+      const char32_t v = cp - 0x10000;
+      if (!writer.PutUnit(WideToUpper(static_cast<char16_t>(0xD800 + (v >> 10)))) ||
+          !writer.PutUnit(WideToUpper(static_cast<char16_t>(0xDC00 + (v & 0x3FF)))))
+        return false;
+    }
+  }
+  return writer.Written() == byteCount;
 }
 
 }  // namespace lindqvar

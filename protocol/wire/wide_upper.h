@@ -6,6 +6,8 @@
 // differ.
 #pragma once
 
+#include <cstdint>
+
 namespace lindqvar {
 
 char16_t WideToUpper(char16_t unit);
@@ -14,5 +16,16 @@ char16_t WideToUpper(char16_t unit);
 // Plane. Units without such a mapping, surrogates included, are returned
 // unchanged.
 char16_t WideToUpperTable(char16_t unit);
+
+// Upper-cases the NUL-terminated UTF-8 `text` through UTF-16 into `out`, in
+// one pass and without a temporary string: the result is what converting
+// the whole text to UTF-16 (malformed bytes and encoded surrogates as
+// U+FFFD), applying WideToUpper to every unit and converting back (unpaired
+// surrogates as U+FFFD) gives, byte for byte. True when that result has
+// exactly `byteCount` bytes, which `out` then holds; false otherwise, with
+// `out` partly written (never past byteCount bytes). Bytes below 0x80 are
+// upper-cased as a-z to A-Z, which is what WideToUpper does with them in
+// either build.
+bool UpperCaseUtf8(const char* text, uint8_t* out, uint32_t byteCount);
 
 }  // namespace lindqvar

@@ -219,6 +219,9 @@ lab_sent() {
 }
 # lab_table <name>: the last table the lab printed, as JSON.
 lab_table() { grep '"event":"table"' "$WORK/$1.jsonl" | tail -n 1; }
+# lab_table_empty <name>: the lab's last table has nobody (a function, so
+# that a bounded wait reads the table afresh on every try).
+lab_table_empty() { [ "$(lab_table "$1")" = '{"event":"table","entries":[]}' ]; }
 
 # --- the agent -----------------------------------------------------------------
 

@@ -12,7 +12,6 @@
 #include "tests/fakes/fake_platform.h"
 #include "tests/identity/identity_fakes.h"
 #include "tests/protocol/tls_test_support.h"
-#include "tests/agent/session_soak.h"
 
 namespace lindqvar {
 namespace {
@@ -572,19 +571,6 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
 INSTANTIATE_TEST_SUITE_P(Faults, SilentServerTest,
                          ::testing::Values(lab::Fault::kStall, lab::Fault::kDribble,
                                            lab::Fault::kDribbleTls));
-
-TEST(SessionSoak, EverySendingPathAgainstServersFailingInTurn) {
-  // The short version of bench/session_soak: 56 events, every path eight
-  // times, every failing server twice.
-  testing::CSessionSoak soak;
-  const auto r = soak.Run(56);
-  EXPECT_EQ(r.events, 56u);
-  // In this order every event finds the user logged on (or is the logoff)
-  // and the addresses alternate, so each one reaches the healthy servers
-  // whatever the third server does.
-  EXPECT_EQ(r.delivered, r.events);
-  EXPECT_TRUE(r.tableMatches);
-}
 
 // --- the process entry ------------------------------------------------------
 

@@ -38,6 +38,17 @@ TEST_F(IdentifiersTest, ClientUuid) {
   EXPECT_EQ("6F9619FF-8B86-D011-B42D-00C04FC964FF", ids.ClientUuid());  // kept
 }
 
+// The host and domain names the reports carry: at most 255 characters.
+TEST_F(IdentifiersTest, HostAndDomainNamesAreCutTo255Characters) {
+  FakeNetwork network;
+  for (size_t n : {255u, 256u, 300u}) {
+    network.hostName = std::string(n, 'h');
+    network.domain = std::u16string(n, u'd');
+    EXPECT_EQ(ReadHostName(network), std::string(std::min<size_t>(n, 255), 'h')) << n;
+    EXPECT_EQ(ReadComputerDomain(network, log), std::string(std::min<size_t>(n, 255), 'd')) << n;
+  }
+}
+
 // The primary serial needs this client's GUID exactly (letter case too) and
 // "VRX"; the secondary needs a ping server longer than one character; a
 // serial without "VRX" is never reported.

@@ -134,23 +134,47 @@ TEST(CertificateRegion, BuiltInMaterialIsTheDevelopmentPki) {
 
 // --- loading into a context -----------------------------------------------------
 
-TEST(LoadClientIdentity, BuiltInIdentityInstallsCertificateAndMatchingKey) {
-  FakeSupport support;
-  UniqueCtx ctx = NewClientContext();
-  ASSERT_EQ(0, load_client_identity(ctx.get(), BuiltInCertificateMaterial(), 0, support));
-  ASSERT_NE(nullptr, SSL_CTX_get0_certificate(ctx.get()));
-  EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
-}
+class FipsSupport : public FakeSupport {
+ public:
+  bool cfg_is_fips_mode_enabled() override { return true; }
+};
 
-TEST(LoadClientIdentity, TheModePicksThePassPhrase) {
-  FakeSupport support;
-  const TestIdentity id = MakeIdentity("RSA", 2048, nullptr, "SHA256", "second-pass-phrase-24ch");
-  CTestMaterial m("ca", id.certificatePem, id.keyPem, "first-pass", "second-pass-phrase-24ch");
-  UniqueCtx ctx = NewClientContext();
-  // Mode 0 offers the first pass phrase, which does not open this key.
-  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, support));
-  UniqueCtx ctx1 = NewClientContext();
-  EXPECT_EQ(0, load_client_identity(ctx1.get(), m.Get(), 1, support));
+// The identity that ends up in a context: the mode picks the pass phrase,
+// FIPS mode keeps a non-compliant certificate out, and only RSA keys load.
+TEST(LoadClientIdentity, WhatEachMaterialAndModeInstalls) {
+  const TestIdentity rsa = MakeIdentity("RSA", 2048, nullptr, "SHA256", "second-pass-phrase-24ch");
+  const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
+  const TestIdentity ec = MakeIdentity("EC", 0, "P-256", "SHA256", "pass");
+  CTestMaterial second("ca", rsa.certificatePem, rsa.keyPem, "first-pass", "second-pass-phrase-24ch");
+  CTestMaterial short1024("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
+  CTestMaterial nonRsa("ca", ec.certificatePem, ec.keyPem, "pass", "unused-alternative-pass");
+  FakeSupport plain;
+  FipsSupport fips;
+  const struct {
+    const char* name;
+    const CertificateMaterial& material;
+    int mode;
+    FakeSupport& support;
+    int result;
+    int certificate;  // 1: installed, 0: kept out, -1: not asked
+  } rows[] = {
+      {"built in", BuiltInCertificateMaterial(), 0, plain, 0, 1},
+      {"built in, FIPS", BuiltInCertificateMaterial(), 0, fips, 0, 1},
+      {"mode 0 offers the first pass phrase", second.Get(), 0, plain, -1, -1},
+      {"mode 1 offers the second", second.Get(), 1, plain, 0, 1},
+      {"1024-bit key", short1024.Get(), 0, plain, 0, 1},
+      {"1024-bit key, FIPS", short1024.Get(), 0, fips, -1, 0},
+      {"EC key", nonRsa.Get(), 0, plain, -1, -1},
+  };
+  for (const auto& row : rows) {
+    UniqueCtx ctx = NewClientContext();
+    // Security level 0, so that only the FIPS test can refuse the short key.
+    SSL_CTX_set_security_level(ctx.get(), 0);
+    EXPECT_EQ(row.result, load_client_identity(ctx.get(), row.material, row.mode, row.support)) << row.name;
+    if (row.certificate >= 0)
+      EXPECT_EQ(row.certificate == 1, SSL_CTX_get0_certificate(ctx.get()) != nullptr) << row.name;
+    if (row.result == 0) EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get())) << row.name;
+  }
 }
 
 TEST(PassPhraseCallback, CopiesTheRequestedPhraseAtMostSizeMinusOneAndAlwaysTerminated) {
@@ -166,38 +190,6 @@ TEST(PassPhraseCallback, CopiesTheRequestedPhraseAtMostSizeMinusOneAndAlwaysTerm
   EXPECT_STREQ("0123", small);
   EXPECT_EQ(0, PassPhraseCallback(small, 0, 0, &first));
   EXPECT_EQ(0, PassPhraseCallback(small, sizeof small, 0, nullptr));
-}
-
-class FipsSupport : public FakeSupport {
- public:
-  bool cfg_is_fips_mode_enabled() override { return true; }
-};
-
-TEST(LoadClientIdentity, FipsModeTakesTheBuiltInCertificateAndKeepsANonCompliantOneOut) {
-  const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
-  CTestMaterial m("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
-  FipsSupport fips;
-  UniqueCtx builtIn = NewClientContext();
-  EXPECT_EQ(0, load_client_identity(builtIn.get(), BuiltInCertificateMaterial(), 0, fips));
-  // Security level 0, so that only the FIPS test can refuse the short key.
-  UniqueCtx ctx = NewClientContext();
-  SSL_CTX_set_security_level(ctx.get(), 0);
-  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, fips));
-  EXPECT_EQ(nullptr, SSL_CTX_get0_certificate(ctx.get()));
-
-  FakeSupport plain;
-  UniqueCtx ctx2 = NewClientContext();
-  SSL_CTX_set_security_level(ctx2.get(), 0);
-  EXPECT_EQ(0, load_client_identity(ctx2.get(), m.Get(), 0, plain));
-  EXPECT_NE(nullptr, SSL_CTX_get0_certificate(ctx2.get()));
-}
-
-TEST(LoadClientIdentity, ANonRsaKeyIsRefused) {
-  const TestIdentity ec = MakeIdentity("EC", 0, "P-256", "SHA256", "pass");
-  CTestMaterial m("ca", ec.certificatePem, ec.keyPem, "pass", "unused-alternative-pass");
-  FakeSupport support;
-  UniqueCtx ctx = NewClientContext();
-  EXPECT_EQ(-1, load_client_identity(ctx.get(), m.Get(), 0, support));
 }
 
 TEST(LoadCaBundle, AddsEveryCertificateOfTheBundle) {

@@ -2,7 +2,7 @@
 // address change, resume, re-send and logoff in turn, against two healthy
 // lab authenticators and a third server that fails in turn (closed port,
 // rejected hello, closed after the hello acknowledgement, stalled). Used by
-// the short soak test and by bench/session_soak, which also times passes.
+// bench/session_soak, which also times passes.
 #pragma once
 
 #include <functional>
