@@ -98,8 +98,7 @@ uint32_t CSessionManager::Init() {
   InitTlsLibrary();
   if (m_ntlmPackage) m_ntlmPackage->PreparePackage();  // its result is not checked
 
-  m_hostName = ReadHostName(m_network);
-  m_addresses.SetHostName(m_hostName);
+  TakeHostName();
 
   m_addresses.LoadHyperVExternalPorts();
   m_addresses.BuildVirtualAdapterList();
@@ -186,8 +185,16 @@ void CSessionManager::ApplyUserExclusions() {
   m_sessions.SetExclusions(std::move(exclusions));
 }
 
+void CSessionManager::TakeHostName() {
+  m_hostName = ReadHostName(m_network);
+  m_addresses.SetHostName(m_hostName);
+}
+
 uint32_t CSessionManager::ReloadSettings() {
   const uint32_t changed = m_settings.IsChanged(m_support);
+  // Without a host name (gethostname failed at the start) the agent has no
+  // address to report and no workstation name: it is taken again here.
+  if (m_hostName.empty()) TakeHostName();
   // Swaps in a new snapshot; a pass in progress keeps the one it took.
   m_settings.Apply(m_support, m_log);
   PublishSettings();

@@ -68,6 +68,8 @@ class CSessionManager {
   CSessionNotifications& Notifications() { return m_notifications; }
 
  private:
+  // gethostname, for the addresses and the records.
+  void TakeHostName();
   void ReadComputerDomain();
   // Reads ExcludedUsers and hands the list to the session table; problems
   // with its entries are logged when the value has changed since the last

@@ -84,21 +84,25 @@ void FakeSupport::log_setlevel(LogHandle, uint32_t level) {
 }
 
 void FakeSupport::log_debug(LogHandle, std::string_view line) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_lines.push_back({false, std::string(line)});
 }
 
 void FakeSupport::log_error(LogHandle, std::string_view line) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_lines.push_back({true, std::string(line)});
 }
 
 void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
+  if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   m_events.push_back(eventId);
 }
 
 void FakeSupport::LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) {
+  if (!keepRecords) return;
   std::string text = std::to_string(eventId) + " " + std::to_string(level);
   for (const LogField& f : fields) text += " " + WideToUtf8(f.key) + "=" + WideToUtf8(f.value);
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -398,14 +402,23 @@ void FakeSessionWindow::Drain() {
     queue.swap(m_queue);
     sink = m_sink;
   }
-  for (const SessionNotification& n : queue) sink->OnNotification(n);
+  for (const SessionNotification& n : queue) {
+    sink->OnNotification(n);
+    ++delivered;
+  }
 }
 
 PumpWait FakeSessionWindow::WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) {
   ++(milliseconds == kInfinite ? untimedWaits : timedWaits);
-  return stop.Wait(std::min<uint32_t>(milliseconds, 1)) == WaitResult::kSignaled
-             ? PumpWait::kStop
-             : PumpWait::kMessage;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_queue.empty()) return stop.Wait(0) == WaitResult::kSignaled ? PumpWait::kStop : PumpWait::kMessage;
+  }
+  switch (CEvent::WaitAny(stop, m_posted, milliseconds == kInfinite ? kInfinite : std::min<uint32_t>(milliseconds, 1))) {
+    case 0: return PumpWait::kStop;
+    case 1: return PumpWait::kMessage;
+    default: return PumpWait::kTimeout;
+  }
 }
 
 void FakeSessionWindow::DestroyAndUnregister() {
@@ -415,8 +428,11 @@ void FakeSessionWindow::DestroyAndUnregister() {
 }
 
 void FakeSessionWindow::Post(NotificationKind kind, uint32_t session) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_queue.push_back({kind, session});
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_queue.push_back({kind, session});
+  }
+  m_posted.Set();
 }
 
 // --- waits ------------------------------------------------------------------

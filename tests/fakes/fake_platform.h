@@ -60,6 +60,9 @@ class FakeSupport : public ISupportLibrary {
   bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
+  // False: log lines and events are dropped, so that a long run's memory is
+  // the agent's alone.
+  std::atomic<bool> keepRecords{true};
   std::u16string guid;  // empty: cfg_get_velmora_guid fails
   // Sessions whose token GetTokenOfSession gives: id -> (domain, user).
   std::map<uint32_t, std::pair<std::string, std::string>> sessionUsers;
@@ -167,14 +170,15 @@ class FakeSessions : public ISessions {
 };
 
 // A window whose queue of notifications the test fills; Drain delivers the
-// queue to the sink on the pumping thread.
+// queue to the sink on the pumping thread, and the wait ends for a posted
+// notification (or at once while one is queued), as the system's does.
 class FakeSessionWindow : public ISessionWindow {
  public:
   bool Create(ISessionNotificationSink& sink) override;
   bool RegisterNotifications() override;
   void Drain() override;
-  // Records whether the wait had a limit, and comes back within a
-  // millisecond as if a message might be waiting.
+  // Records whether the wait had a limit; a limited one lasts at most a
+  // millisecond.
   PumpWait WaitForStopOrMessage(CEvent& stop, uint32_t milliseconds) override;
   void DestroyAndUnregister() override;
   void Post(NotificationKind kind, uint32_t session);
@@ -183,11 +187,13 @@ class FakeSessionWindow : public ISessionWindow {
   std::atomic<int> registrationFailuresLeft{0};
   std::atomic<int> registerCalls{0}, destroyed{0};
   std::atomic<int> timedWaits{0}, untimedWaits{0};
+  std::atomic<int> delivered{0};  // notifications handed to the sink
 
  private:
   std::mutex m_mutex;
   ISessionNotificationSink* m_sink = nullptr;
   std::vector<SessionNotification> m_queue;
+  CEvent m_posted{CEvent::ResetPolicy::kAutomatic, CEvent::InitialState::kNotSignaled};
 };
 
 // The worker loops' waits: records every single-event time-out asked for,

@@ -68,6 +68,8 @@ class FakeAccounts : public IAccounts {
   std::u16string computerName = u"WORKSTATION7";
   std::atomic<int> tokensClosed{0};
   std::atomic<int> tokensAbandoned{0};
+  // Tokens handed out; each keeps its entry in the token map.
+  int TokensIssued() const { return m_nextToken - 100; }
 
  private:
   const User* UserOf(IUserToken& token) const;
