@@ -3,8 +3,8 @@
 namespace lindqvar {
 
 namespace {
-#define LINDQ_TEMPLATE(msg)                                                                       \
-  u"action=<logoff|logon|ipchange|wakeup|keepalive> domain=<domain name> remotegw=<remote "      \
+#define LINDQ_TEMPLATE(msg)                                                                 \
+  u"action=<logoff|logon|ipchange|wakeup|keepalive> domain=<domain name> remotegw=<remote " \
   u"gateway> user=<logged on user> msg=" msg
 
 constexpr CatalogueEvent kCatalogue[] = {

@@ -4,8 +4,8 @@
 #include "agent/session_manager.h"
 #include "platform/win32/platform_win32.h"
 #include "platform/win32/protected_security_win32.h"
-#include "protocol/transport/tls_client.h"
 #include "platform/win32/windows_include.h"
+#include "protocol/transport/tls_client.h"
 
 int main(int argc, char** argv) {
   lindqvar::InitTlsLibrary();  // before anything else touches OpenSSL

@@ -1,8 +1,8 @@
 #include "agent/settings.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 
 #include "platform/log.h"
 #include "platform/os.h"

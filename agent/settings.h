@@ -22,7 +22,7 @@ struct SettingsRecordView {
   uint32_t enabled = 0;
   uint32_t addressCategory = 0;
   uint32_t preferAzure = 0;
-  std::u16string serverList;    // up to its NUL within 256 units
+  std::u16string serverList;     // up to its NUL within 256 units
   SecretU16String presharedKey;  // up to its NUL within the rest of the record
 };
 

@@ -20,9 +20,9 @@ void CWorkerThreads::Stop() {
   m_stopEvent.Set();
   for (Index i : {kNotificationThread, kKeepAliveThread, kResendThread, kAddressWatchThread,
                   kAddressHandlerThread, kPendingSessionThread}) {
-    WorkerThread& t = m_threads[i];
+    CWorkerThread& t = m_threads[i];
     if (!t.Started()) continue;
-    while (t.ExitCode() == WorkerThread::kStillActive) SleepMs(m_parts.timings.threadExitPollMs);
+    while (t.ExitCode() == CWorkerThread::kStillActive) SleepMs(m_parts.timings.threadExitPollMs);
     t.Join();
   }
 }
@@ -32,8 +32,8 @@ bool CWorkerThreads::End(uint32_t graceMs) {
   const uint32_t start = TickCount();
   for (;;) {
     bool running = false;
-    for (const WorkerThread& t : m_threads)
-      running = running || (t.Started() && t.ExitCode() == WorkerThread::kStillActive);
+    for (const CWorkerThread& t : m_threads)
+      running = running || (t.Started() && t.ExitCode() == CWorkerThread::kStillActive);
     if (!running) break;
     if (TickCount() - start >= graceMs) return false;
     SleepMs(m_parts.timings.threadExitPollMs);
@@ -44,7 +44,7 @@ bool CWorkerThreads::End(uint32_t graceMs) {
 
 void CWorkerThreads::Join() {
   m_stopEvent.Set();
-  for (WorkerThread& t : m_threads) t.Join();
+  for (CWorkerThread& t : m_threads) t.Join();
 }
 
 bool CWorkerThreads::PauseAfterFailedWait(const char* thread, uint32_t& failures) {

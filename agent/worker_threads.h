@@ -82,7 +82,7 @@ class CWorkerThreads {
   Parts m_parts;
   CEvent m_stopEvent{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   CEvent m_addressEvent{CEvent::ResetPolicy::kAutomatic, CEvent::InitialState::kNotSignaled};
-  std::array<WorkerThread, kThreadCount> m_threads;
+  std::array<CWorkerThread, kThreadCount> m_threads;
 };
 
 }  // namespace lindqvar

@@ -19,8 +19,7 @@ namespace lindqvar::bench {
 // prints.
 class CRecordingReporter : public benchmark::ConsoleReporter {
  public:
-  CRecordingReporter()
-      : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
+  CRecordingReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
 
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
@@ -52,9 +51,8 @@ class CRecordingReporter : public benchmark::ConsoleReporter {
   }
   // How many repetitions of `name` ran, and the iterations of the first.
   size_t Repetitions(const std::string& name) const {
-    return static_cast<size_t>(std::count_if(m_runs.begin(), m_runs.end(), [&](const Run& run) {
-      return Name(run) == name;
-    }));
+    return static_cast<size_t>(std::count_if(m_runs.begin(), m_runs.end(),
+                                             [&](const Run& run) { return Name(run) == name; }));
   }
   int64_t Iterations(const std::string& name) const {
     for (const Run& run : m_runs)

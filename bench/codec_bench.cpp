@@ -56,7 +56,9 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept {
   Count();
   return __libc_malloc(size ? size : 1);
 }
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
+void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+  return operator new(size, tag);
+}
 void operator delete(void* p) noexcept { __libc_free(p); }
 void operator delete[](void* p) noexcept { __libc_free(p); }
 void operator delete(void* p, size_t) noexcept { __libc_free(p); }
@@ -72,11 +74,17 @@ struct Identity {
   std::string domain, user, workstation, deviceUuid, serial, tenant;
 };
 
-const Identity kAscii = {"corp", "alice.andersson", "ws-0142.corp.example.com",
-                         "6f1c2a9e-3b4d-4e8f-9a01-b2c3d4e5f607", "vrx-serial-000731",
+const Identity kAscii = {"corp",
+                         "alice.andersson",
+                         "ws-0142.corp.example.com",
+                         "6f1c2a9e-3b4d-4e8f-9a01-b2c3d4e5f607",
+                         "vrx-serial-000731",
                          "72f988bf-86f1-41af-91ab-2d7cd011db47"};
-const Identity kNonAscii = {"k\xC3\xB6rp", "\xC3\xA5sa.m\xC3\xBCller", "ws-0142.k\xC3\xB6rp.example.com",
-                            "6f1c2a9e-3b4d-4e8f-9a01-b2c3d4e5f607", "vrx-serial-000731",
+const Identity kNonAscii = {"k\xC3\xB6rp",
+                            "\xC3\xA5sa.m\xC3\xBCller",
+                            "ws-0142.k\xC3\xB6rp.example.com",
+                            "6f1c2a9e-3b4d-4e8f-9a01-b2c3d4e5f607",
+                            "vrx-serial-000731",
                             "72f988bf-86f1-41af-91ab-2d7cd011db47"};
 
 void AddRecord(CEncoder& e, const Identity& id, uint32_t logon, uint32_t firstIPv4) {
@@ -119,8 +127,8 @@ uint32_t DecodeEvent(const uint8_t* message, uint32_t length) {
 }
 
 void ReportAllocations(benchmark::State& state, uint64_t before) {
-  state.counters["allocs"] = benchmark::Counter(
-      static_cast<double>(g_allocations.load() - before), benchmark::Counter::kAvgIterations);
+  state.counters["allocs"] = benchmark::Counter(static_cast<double>(g_allocations.load() - before),
+                                                benchmark::Counter::kAvgIterations);
 }
 
 void BM_EncodeDecodeEvent(benchmark::State& state, const Identity& id) {
@@ -175,12 +183,12 @@ int main(int argc, char** argv) {
   // machine would compare the load rather than the code.
   const double figure = reporter.CpuNanoseconds(nonAscii);
   const double anchor = reporter.CpuNanoseconds(ascii);
-  PrintClosingLine(
-      "codec_bench", figure, anchor,
-      Format("encode + decode of a two-record event, non-ASCII texts %.0f ns CPU and %.0f allocations, "
-             "ASCII texts %.0f ns CPU and %.0f allocations (medians of %zu runs)",
-             figure, reporter.Counter(nonAscii, "allocs"), anchor, reporter.Counter(ascii, "allocs"),
-             reporter.Repetitions(nonAscii)),
-      "<= 1.3 and <= 2 allocations");
+  PrintClosingLine("codec_bench", figure, anchor,
+                   Format("encode + decode of a two-record event, non-ASCII texts %.0f ns CPU and "
+                          "%.0f allocations, "
+                          "ASCII texts %.0f ns CPU and %.0f allocations (medians of %zu runs)",
+                          figure, reporter.Counter(nonAscii, "allocs"), anchor,
+                          reporter.Counter(ascii, "allocs"), reporter.Repetitions(nonAscii)),
+                   "<= 1.3 and <= 2 allocations");
   return 0;
 }

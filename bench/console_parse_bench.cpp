@@ -37,7 +37,8 @@ BENCHMARK(BM_RegexStatusLine)->RangeMultiplier(2)->Range(32, 256)->Complexity();
 // A whole status output of the usual size.
 void BM_ParseConsoleOutput(benchmark::State& state) {
   std::string output;
-  for (int i = 0; i < 60; ++i) output += "              SomeSetting" + std::to_string(i) + " : NO\r\n";
+  for (int i = 0; i < 60; ++i)
+    output += "              SomeSetting" + std::to_string(i) + " : NO\r\n";
   output +=
       "                  TenantId : 0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07\r\n"
       "    Executing Account Name : AzureAD\\EliasNord, elias.nord@tailspin.example\r\n";

@@ -82,8 +82,12 @@ class NoNetwork : public INetwork {
 
 // The same one-record logon event as the delivery tests send.
 void BuildEvent(CEncoder& e) {
-  EventMessage{{{.logon = 1, .domain = "corp", .user = "alice", .workstation = "ws1.corp.example",
-                 .ipv4 = {0x0A0200C0}, .time = 1700000000}}}
+  EventMessage{{{.logon = 1,
+                 .domain = "corp",
+                 .user = "alice",
+                 .workstation = "ws1.corp.example",
+                 .ipv4 = {0x0A0200C0},
+                 .time = 1700000000}}}
       .Write(e);
 }
 
@@ -151,7 +155,7 @@ class MinimalClient {
     CSocket s = CSocket::Open(server.family);
     if (s.Connect(server) != 0) return false;
     SSL* ssl = SSL_new(m_ctx);
-    SSL_set_fd(ssl, static_cast<int>(s.native()));
+    SSL_set_fd(ssl, static_cast<int>(s.Native()));
     bool ok = SSL_connect(ssl) == 1;
     std::vector<uint8_t> in;
     ok = ok && ReadMessage(ssl, in);
@@ -281,13 +285,13 @@ int main(int argc, char** argv) {
   const std::string name = "BM_DeliveryPassVersusMinimalOpenSslClient";
   const double agentMs = reporter.Counter(name, "agent_ms");
   const double minimalMs = reporter.Counter(name, "openssl_ms");
-  PrintClosingLine("delivery_bench", agentMs, minimalMs,
-                   Format("agent pass %.3f ms, minimal OpenSSL client %.3f ms (medians of %zu runs "
-                          "of %lld passes each; CPU of the calling thread per pass %.3f against %.3f ms)",
-                          agentMs, minimalMs, reporter.Repetitions(name),
-                          static_cast<long long>(reporter.Iterations(name)),
-                          reporter.Counter(name, "agent_cpu_ms"),
-                          reporter.Counter(name, "openssl_cpu_ms")),
-                   "<= 1.01");
+  PrintClosingLine(
+      "delivery_bench", agentMs, minimalMs,
+      Format("agent pass %.3f ms, minimal OpenSSL client %.3f ms (medians of %zu runs "
+             "of %lld passes each; CPU of the calling thread per pass %.3f against %.3f ms)",
+             agentMs, minimalMs, reporter.Repetitions(name),
+             static_cast<long long>(reporter.Iterations(name)),
+             reporter.Counter(name, "agent_cpu_ms"), reporter.Counter(name, "openssl_cpu_ms")),
+      "<= 1.01");
   return 0;
 }

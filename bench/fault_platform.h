@@ -8,8 +8,8 @@
 #pragma once
 
 #include <array>
-#include <cstdio>
 #include <atomic>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,12 +20,23 @@
 namespace lindqvar::testing {
 
 enum class Iface {
-  kSupport, kRegistry, kNetwork, kSessions, kAccounts, kAdapters, kHyperV, kConsole,
-  kSecurityPackage, kImpersonation, kWaits, kWindow, kCount
+  kSupport,
+  kRegistry,
+  kNetwork,
+  kSessions,
+  kAccounts,
+  kAdapters,
+  kHyperV,
+  kConsole,
+  kSecurityPackage,
+  kImpersonation,
+  kWaits,
+  kWindow,
+  kCount
 };
 inline constexpr std::array<const char*, static_cast<size_t>(Iface::kCount)> kIfaceNames = {
-    "support", "registry", "network", "sessions", "accounts", "adapters", "hyperv", "console",
-    "security", "impersonation", "waits", "window"};
+    "support", "registry", "network",  "sessions",      "accounts", "adapters",
+    "hyperv",  "console",  "security", "impersonation", "waits",    "window"};
 
 // The calls counted so far and the one armed call.
 class CFaultPlan {
@@ -102,31 +113,33 @@ class CFaulty : public I {
 // A method that fails with `failure` (a statement) when its call is armed.
 #define LINDQ_FAULT(Ret, Name, Params, Args, ...) \
   Ret Name Params override {                      \
-    if (this->Fail(#Name)) { __VA_ARGS__; }       \
+    if (this->Fail(#Name)) {                      \
+      __VA_ARGS__;                                \
+    }                                             \
     return this->m_inner.Name Args;               \
   }
 // A method passed on uncounted.
 #define LINDQ_PASS(Ret, Name, Params, Args) \
   Ret Name Params override { return this->m_inner.Name Args; }
 
-inline constexpr uint32_t kAccessDenied = 5;         // ERROR_ACCESS_DENIED
+inline constexpr uint32_t kAccessDenied = 5;               // ERROR_ACCESS_DENIED
 inline constexpr int32_t kSecInternalError = -2146893052;  // SEC_E_INTERNAL_ERROR
 
 struct CFaultySupport : CFaulty<ISupportLibrary, Iface::kSupport> {
   using CFaulty::CFaulty;
   LINDQ_FAULT(LogHandle, log_initialize, (std::u16string_view n), (n), return nullptr)
   LINDQ_PASS(void, log_deinitialize, (LogHandle h), (h))
-  LINDQ_FAULT(void, log_setlevel, (LogHandle h, uint32_t l), (h, l), return)
+  LINDQ_FAULT(void, log_setlevel, (LogHandle h, uint32_t l), (h, l), return )
   LINDQ_PASS(void, log_debug, (LogHandle h, std::string_view l), (h, l))
   LINDQ_PASS(void, log_error, (LogHandle h, std::string_view l), (h, l))
   LINDQ_PASS(void, LogW, (uint32_t id, const char16_t* d), (id, d))
   LINDQ_PASS(void, LogW, (uint32_t id, uint32_t l, std::span<const LogField> f), (id, l, f))
   LINDQ_FAULT(uint32_t, get_desired_status, (uint32_t c, std::u16string_view k), (c, k), return 0)
   // A failed read leaves the caller's zero-filled record as it was.
-  LINDQ_FAULT(void, cfg_get_lindqvar_settings, (uint8_t* r), (r), return)
-  LINDQ_FAULT(void, cfg_get_logging_info, (uint8_t* r), (r), return)
+  LINDQ_FAULT(void, cfg_get_lindqvar_settings, (uint8_t * r), (r), return )
+  LINDQ_FAULT(void, cfg_get_logging_info, (uint8_t * r), (r), return )
   LINDQ_FAULT(bool, cfg_is_fips_mode_enabled, (), (), return false)
-  LINDQ_FAULT(bool, cfg_get_velmora_guid, (std::u16string& g), (g), return false)
+  LINDQ_FAULT(bool, cfg_get_velmora_guid, (std::u16string & g), (g), return false)
   LINDQ_FAULT(SupportKeyHandle, reg_openkeyW, (SupportHive h, std::u16string_view p), (h, p),
               return nullptr)
   LINDQ_PASS(void, reg_closekeyW, (SupportKeyHandle k), (k))
@@ -146,7 +159,8 @@ struct CFaultyRegistryKey : CFaulty<IRegistryKey, Iface::kRegistry> {
               return kAccessDenied)
   LINDQ_FAULT(uint32_t, QueryValue, (std::u16string_view n, uint32_t& t, std::vector<uint8_t>& d),
               (n, t, d), return kAccessDenied)
-  uint32_t OpenSubKey(std::u16string_view p, uint32_t a, std::unique_ptr<IRegistryKey>& k) override {
+  uint32_t OpenSubKey(std::u16string_view p, uint32_t a,
+                      std::unique_ptr<IRegistryKey>& k) override {
     if (Fail("OpenSubKey")) return kAccessDenied;
     return Wrap(m_inner.OpenSubKey(p, a, k), k, m_plan);
   }
@@ -174,17 +188,17 @@ struct CFaultyWatch : CFaulty<IAddressChangeWatch, Iface::kNetwork> {
   using CFaulty::CFaulty;
   LINDQ_FAULT(uint32_t, Arm, (), (), return 50)  // ERROR_NOT_SUPPORTED
   LINDQ_PASS(CEvent&, Changed, (), ())
-  LINDQ_FAULT(void, Rearm, (), (), return)
+  LINDQ_FAULT(void, Rearm, (), (), return )
 };
 
 struct CFaultyNetwork : CFaulty<INetwork, Iface::kNetwork> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(void, Startup, (), (), return)
+  LINDQ_FAULT(void, Startup, (), (), return )
   LINDQ_PASS(void, Cleanup, (), ())
   LINDQ_FAULT(std::string, HostName, (), (), return {})
   LINDQ_FAULT(int, Resolve, (const std::string& n, std::vector<ResolvedAddress>& o), (n, o),
               return 11002)  // WSATRY_AGAIN
-  LINDQ_FAULT(bool, PhysicalDnsDomain, (std::u16string& d, uint32_t& e), (d, e), e = 234;
+  LINDQ_FAULT(bool, PhysicalDnsDomain, (std::u16string & d, uint32_t& e), (d, e), e = 234;
               return false)  // ERROR_MORE_DATA
   std::unique_ptr<IAddressChangeWatch> CreateAddressChangeWatch() override {
     if (Fail("CreateAddressChangeWatch")) return nullptr;
@@ -195,7 +209,7 @@ struct CFaultyNetwork : CFaulty<INetwork, Iface::kNetwork> {
 
 struct CFaultySessions : CFaulty<ISessions, Iface::kSessions> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(bool, Enumerate, (std::vector<SessionInfo>& s), (s), return false)
+  LINDQ_FAULT(bool, Enumerate, (std::vector<SessionInfo> & s), (s), return false)
   LINDQ_FAULT(uint32_t, ActiveConsoleSession, (), (), return kNoSession)
 };
 
@@ -206,15 +220,17 @@ struct CFaultyAccounts : CFaulty<IAccounts, Iface::kAccounts> {
     m_denied = true;
     return false;
   }
-  uint32_t LastError() override { return m_denied.exchange(false) ? kAccessDenied : m_inner.LastError(); }
+  uint32_t LastError() override {
+    return m_denied.exchange(false) ? kAccessDenied : m_inner.LastError();
+  }
   LINDQ_FAULT(bool, HasQueryUserToken, (), (), return false)
   LINDQ_FAULT(bool, QueryUserToken, (uint32_t s, std::unique_ptr<IUserToken>& t), (s, t),
               return Denied())
-  LINDQ_FAULT(std::unique_ptr<IUserToken>, LinkedToken, (IUserToken& t), (t), return nullptr)
-  LINDQ_FAULT(bool, TokenUserSid, (IUserToken& t, SidBytes& s), (t, s), return Denied())
+  LINDQ_FAULT(std::unique_ptr<IUserToken>, LinkedToken, (IUserToken & t), (t), return nullptr)
+  LINDQ_FAULT(bool, TokenUserSid, (IUserToken & t, SidBytes& s), (t, s), return Denied())
   LINDQ_FAULT(bool, LookupSidAccount, (const SidBytes& s, std::u16string& n, std::u16string& d),
               (s, n, d), return Denied())
-  LINDQ_FAULT(bool, LogonSessionDnsDomain, (IUserToken& t, std::u16string& d), (t, d),
+  LINDQ_FAULT(bool, LogonSessionDnsDomain, (IUserToken & t, std::u16string& d), (t, d),
               return Denied())
   LINDQ_FAULT(std::u16string, ComputerName, (), (), return {})
   LINDQ_PASS(void, AbandonToken, (std::unique_ptr<IUserToken> t), (std::move(t)))
@@ -225,19 +241,20 @@ struct CFaultyAccounts : CFaulty<IAccounts, Iface::kAccounts> {
 
 struct CFaultyAdapters : CFaulty<IAdapters, Iface::kAdapters> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(uint32_t, AllocateAdaptersAddresses, (std::vector<AdapterAddresses>& a), (a),
+  LINDQ_FAULT(uint32_t, AllocateAdaptersAddresses, (std::vector<AdapterAddresses> & a), (a),
               return 8)  // ERROR_NOT_ENOUGH_MEMORY
-  LINDQ_FAULT(uint32_t, GetAdaptersInfo, (std::vector<AdapterInfo>& a), (a), return 232)  // ERROR_NO_DATA
+  LINDQ_FAULT(uint32_t, GetAdaptersInfo, (std::vector<AdapterInfo> & a), (a),
+              return 232)  // ERROR_NO_DATA
 };
 
 struct CFaultyHyperV : CFaulty<IHyperV, Iface::kHyperV> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(void, QueryExternalPorts, (std::vector<HyperVPortRow>& r), (r), return)
+  LINDQ_FAULT(void, QueryExternalPorts, (std::vector<HyperVPortRow> & r), (r), return )
 };
 
 struct CFaultyPipe : CFaulty<IConsolePipe, Iface::kConsole> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(bool, Peek, (uint32_t& a), (a), return false)
+  LINDQ_FAULT(bool, Peek, (uint32_t & a), (a), return false)
   // A short read: one byte of what was asked.
   bool Read(char* b, uint32_t s, uint32_t& r) override {
     return m_inner.Read(b, Fail("Read") && s > 1 ? 1 : s, r);
@@ -263,39 +280,39 @@ struct CFaultySecurityPackage : CFaulty<ISecurityPackage, Iface::kSecurityPackag
               (const std::u16string& p, uint32_t u, const AuthIdentity* i, SecurityHandle& c),
               (p, u, i, c), return kSecInternalError)
   LINDQ_FAULT(int32_t, InitializeContext,
-              (SecurityHandle& c, SecurityHandle* x, uint32_t f, const ContextBinding& b,
+              (SecurityHandle & c, SecurityHandle* x, uint32_t f, const ContextBinding& b,
                const uint8_t* in, uint32_t n, SecurityHandle& nx, PackageBuffer& o, uint32_t& a),
               (c, x, f, b, in, n, nx, o, a), return kSecInternalError)
-  LINDQ_FAULT(int32_t, CompleteToken, (SecurityHandle& c, PackageBuffer& t), (c, t),
+  LINDQ_FAULT(int32_t, CompleteToken, (SecurityHandle & c, PackageBuffer& t), (c, t),
               return kSecInternalError)
-  LINDQ_FAULT(int32_t, QueryAttribute, (SecurityHandle& c, uint32_t a, ContextAttribute& o),
+  LINDQ_FAULT(int32_t, QueryAttribute, (SecurityHandle & c, uint32_t a, ContextAttribute& o),
               (c, a, o), return kSecInternalError)
-  LINDQ_PASS(int32_t, DeleteContext, (SecurityHandle& c), (c))
-  LINDQ_PASS(int32_t, FreeCredentials, (SecurityHandle& c), (c))
+  LINDQ_PASS(int32_t, DeleteContext, (SecurityHandle & c), (c))
+  LINDQ_PASS(int32_t, FreeCredentials, (SecurityHandle & c), (c))
   LINDQ_PASS(void, FreeBuffer, (void* b), (b))
 };
 
 struct CFaultyImpersonation : CFaulty<IImpersonation, Iface::kImpersonation> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(bool, DuplicateForImpersonation, (IUserToken& p, std::unique_ptr<IUserToken>& i),
+  LINDQ_FAULT(bool, DuplicateForImpersonation, (IUserToken & p, std::unique_ptr<IUserToken>& i),
               (p, i), return false)
-  LINDQ_FAULT(bool, SetThreadToken, (IUserToken& i), (i), return false)
+  LINDQ_FAULT(bool, SetThreadToken, (IUserToken & i), (i), return false)
 };
 
 struct CFaultyWaits : CFaulty<IWaits, Iface::kWaits> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(WaitResult, Wait, (CEvent& e, uint32_t ms), (e, ms), SetLastErrorCode(6);
+  LINDQ_FAULT(WaitResult, Wait, (CEvent & e, uint32_t ms), (e, ms), SetLastErrorCode(6);
               return WaitResult::kFailed)  // ERROR_INVALID_HANDLE
-  LINDQ_FAULT(int, WaitAny, (CEvent& a, CEvent& b, uint32_t ms), (a, b, ms), SetLastErrorCode(6);
+  LINDQ_FAULT(int, WaitAny, (CEvent & a, CEvent& b, uint32_t ms), (a, b, ms), SetLastErrorCode(6);
               return -2)
 };
 
 struct CFaultyWindow : CFaulty<ISessionWindow, Iface::kWindow> {
   using CFaulty::CFaulty;
-  LINDQ_FAULT(bool, Create, (ISessionNotificationSink& s), (s), return false)
+  LINDQ_FAULT(bool, Create, (ISessionNotificationSink & s), (s), return false)
   LINDQ_FAULT(bool, RegisterNotifications, (), (), return false)
-  LINDQ_FAULT(void, Drain, (), (), return)
-  LINDQ_FAULT(PumpWait, WaitForStopOrMessage, (CEvent& s, uint32_t ms), (s, ms),
+  LINDQ_FAULT(void, Drain, (), (), return )
+  LINDQ_FAULT(PumpWait, WaitForStopOrMessage, (CEvent & s, uint32_t ms), (s, ms),
               return PumpWait::kFailed)
   LINDQ_PASS(void, DestroyAndUnregister, (), ())
 };

@@ -50,8 +50,9 @@ const std::map<std::string, std::vector<const char*>> kDesignedLines = {
     {"Enumerate", {"failed to call WTSEnumerateSessions"}},
     {"PhysicalDnsDomain", {"Failed to get computer domain name\n"}},
     {"QueryUserToken", {"Failed to call WTSQueryUserToken for session ID:1,error:5"}},
-    {"HasQueryUserToken", {"Failed to get token for session ID:1,error:",
-                           "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err="}},
+    {"HasQueryUserToken",
+     {"Failed to get token for session ID:1,error:",
+      "GetAZureSessionUserInfo(), GetTokenOfSession() failed, err="}},
     {"TokenUserSid", {"Failed to get token information for session ID:1,error:5"}},
     {"Arm", {"NotifyAddrChange error...50"}},
     {"CreateAddressChangeWatch", {"NotifyAddrChange error...1"}},
@@ -67,7 +68,8 @@ class CFaultScenario : protected FakeAgentPlatform {
     registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
     registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
     registry.SetString(RegistryHive::kLocalMachine, kEsnacKeyPath, u"hvq_sn",
-                       u"{5B3F}" u";VRX-0042;x");
+                       u"{5B3F}"
+                       u";VRX-0042;x");
     registry.SetString(RegistryHive::kLocalMachine, kEsnacKeyPath, u"tenantid", u"t-1");
     m_support.guid = u"{5B3F}";
     m_support.sessionUsers[kSession] = {"CORP", "anna"};
@@ -112,7 +114,8 @@ class CFaultScenario : protected FakeAgentPlatform {
         {"keep-alive", [&] { return m.Events().SendKeepAliveEvent(), true; }},
         {"address change", [&] { return ChangeAddress(); }},
         {"resume", [&] { return Notify(NotificationKind::kResume); }},
-        {"re-send", [&] {
+        {"re-send",
+         [&] {
            if (m.Events().ResendPending() == 1) m.Events().ResendLogonEvent();
            return true;
          }},
@@ -136,7 +139,8 @@ class CFaultScenario : protected FakeAgentPlatform {
     for (const auto& [method, lines] : kDesignedLines) {
       bool logged = false;
       for (const char* line : lines) logged = logged || HasLine(line);
-      if (call == 0 && logged) failure += std::string("a run without a fault logs ") + lines[0] + "; ";
+      if (call == 0 && logged)
+        failure += std::string("a run without a fault logs ") + lines[0] + "; ";
       // Before Start, or when it could not open the log, nothing is logged.
       if (call != 0 && method == fired && !logged && m_plan.FiredStep() != "construction" &&
           fired != "log_initialize")
@@ -163,7 +167,8 @@ class CFaultScenario : protected FakeAgentPlatform {
   // The calls made while faults could be armed (before the recovery).
   uint64_t Reached(Iface iface) const { return m_plan.Reached(iface); }
   void PrintLog() const {
-    for (const auto& l : m_support.Lines()) std::printf("%s %s\n", l.error ? "E" : "D", l.text.c_str());
+    for (const auto& l : m_support.Lines())
+      std::printf("%s %s\n", l.error ? "E" : "D", l.text.c_str());
   }
 
  private:
@@ -190,7 +195,7 @@ class CFaultScenario : protected FakeAgentPlatform {
     return v;
   }
   bool ThreadEnded(CWorkerThreads::Index i) {
-    return m_manager->ThreadExitCode(i) != WorkerThread::kStillActive;
+    return m_manager->ThreadExitCode(i) != CWorkerThread::kStillActive;
   }
   // Posted to the window; true once handled, or at once when the window's
   // thread has ended.
@@ -198,7 +203,9 @@ class CFaultScenario : protected FakeAgentPlatform {
     const int before = window.delivered;
     window.Post(kind, kind == NotificationKind::kResume ? 0 : kSession);
     return WaitUntil(
-        [&] { return window.delivered > before || ThreadEnded(CWorkerThreads::kNotificationThread); },
+        [&] {
+          return window.delivered > before || ThreadEnded(CWorkerThreads::kNotificationThread);
+        },
         kStepLimitMs);
   }
   // A new address, signalled by the watch; true after the handler's three
@@ -209,7 +216,8 @@ class CFaultScenario : protected FakeAgentPlatform {
     const auto rounds = [&] { return m_plan.Calls(Iface::kAdapters); };
     const uint64_t before = rounds();
     const auto watchEnded = [&] { return ThreadEnded(CWorkerThreads::kAddressWatchThread); };
-    if (!WaitUntil([&] { return network.WatchChanged() || watchEnded(); }, kStepLimitMs)) return false;
+    if (!WaitUntil([&] { return network.WatchChanged() || watchEnded(); }, kStepLimitMs))
+      return false;
     if (watchEnded()) return true;
     network.WatchChanged()->Set();
     return WaitUntil([&] { return rounds() >= before + 3 || watchEnded(); }, kStepLimitMs);
@@ -309,7 +317,8 @@ int Sweep(const char* self, bool all, int jobs, uint32_t seed, size_t sample) {
   std::vector<std::pair<Iface, uint64_t>> cases;
   const Outcome clean = Spawn(self, Iface::kCount, 0);
   if (!clean.verdict.empty()) {
-    std::printf("the run without a fault failed: %s\n%s", clean.verdict.c_str(), clean.output.c_str());
+    std::printf("the run without a fault failed: %s\n%s", clean.verdict.c_str(),
+                clean.output.c_str());
     return 1;
   }
   std::vector<uint64_t> reached;
@@ -342,7 +351,9 @@ int Sweep(const char* self, bool all, int jobs, uint32_t seed, size_t sample) {
     }
     cases.assign(chosen.begin(), chosen.end());
   }
-  struct Count { uint64_t injected = 0, survived = 0; };
+  struct Count {
+    uint64_t injected = 0, survived = 0;
+  };
   std::vector<Count> counts(kIfaceNames.size());
   std::vector<std::string> failures;
   std::mutex lock;
@@ -383,7 +394,8 @@ int Sweep(const char* self, bool all, int jobs, uint32_t seed, size_t sample) {
   Count sum;
   uint64_t reachedSum = 0;
   for (size_t i = 0; i < kIfaceNames.size(); ++i) {
-    std::printf("%-14s %8llu %9llu %9llu\n", kIfaceNames[i], static_cast<unsigned long long>(reached[i]),
+    std::printf("%-14s %8llu %9llu %9llu\n", kIfaceNames[i],
+                static_cast<unsigned long long>(reached[i]),
                 static_cast<unsigned long long>(counts[i].injected),
                 static_cast<unsigned long long>(counts[i].survived));
     reachedSum += reached[i];
@@ -391,7 +403,8 @@ int Sweep(const char* self, bool all, int jobs, uint32_t seed, size_t sample) {
     sum.survived += counts[i].survived;
   }
   std::printf("%-14s %8llu %9llu %9llu\n", "all", static_cast<unsigned long long>(reachedSum),
-              static_cast<unsigned long long>(sum.injected), static_cast<unsigned long long>(sum.survived));
+              static_cast<unsigned long long>(sum.injected),
+              static_cast<unsigned long long>(sum.survived));
   for (const std::string& f : failures) std::printf("not survived: %s\n", f.c_str());
   // A wrapper that never fires, or a life that never reaches an interface,
   // would let every run pass untouched.

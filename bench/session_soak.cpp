@@ -32,10 +32,11 @@ class CQuietSoak : public lindqvar::testing::CSessionSoak {
   void PrintFakeRecords() {
     size_t commandBytes = 0;
     for (const std::string& c : console.commandLines) commandBytes += sizeof c + c.capacity();
-    std::printf("kept by the fakes: %d tokens, %zu console command lines (%zu bytes), %zu registry opens, "
-                "%zu waits\n",
-                accounts.TokensIssued(), console.commandLines.size(), commandBytes,
-                registry.AccessMasks().size(), waits.TimeOuts().size());
+    std::printf(
+        "kept by the fakes: %d tokens, %zu console command lines (%zu bytes), %zu registry opens, "
+        "%zu waits\n",
+        accounts.TokensIssued(), console.commandLines.size(), commandBytes,
+        registry.AccessMasks().size(), waits.TimeOuts().size());
   }
 };
 

@@ -23,7 +23,7 @@ class CSessionSoak : protected FakeAgentPlatform {
  public:
   struct Result {
     size_t events = 0;
-    size_t delivered = 0;     // passes that reached a server
+    size_t delivered = 0;       // passes that reached a server
     bool tableMatches = false;  // the healthy lab's table shows what was last reported
   };
 
@@ -34,8 +34,8 @@ class CSessionSoak : protected FakeAgentPlatform {
     timings.consoleIdlePolls = 1;
     timings.consoleIdlePollMs = 0;
     timings.wakeupRetryMs = 0;
-    for (lab::Fault f : {lab::Fault::kRejectHello, lab::Fault::kCloseAfterHelloAck,
-                         lab::Fault::kStall}) {
+    for (lab::Fault f :
+         {lab::Fault::kRejectHello, lab::Fault::kCloseAfterHelloAck, lab::Fault::kStall}) {
       lab::LabOptions o = CLabFixture::Options("psk");
       o.fault = f;
       o.stallMs = 100;
@@ -105,6 +105,7 @@ class CSessionSoak : protected FakeAgentPlatform {
     support.SetSettings(1, AnsiToWide(list), u"psk");
   }
   uint64_t Finished() { return healthy[0].Server().Finished(); }
+
  protected:
   static lab::LabOptions Healthy() {
     lab::LabOptions o = CLabFixture::Options("psk");

@@ -21,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const bool breaks = size > 0 && (data[0] & 1);
   std::vector<char> encoded(Base64EncodedSize(static_cast<uint32_t>(length), breaks));
-  const uint32_t n = Base64Encode(decoded.get(), static_cast<uint32_t>(length), encoded.data(), breaks);
+  const uint32_t n =
+      Base64Encode(decoded.get(), static_cast<uint32_t>(length), encoded.data(), breaks);
   if (n + 1 != encoded.size() || encoded[n] != '\0') std::abort();
   // Encoded text that happens to begin with "begin" loses its first line to
   // the decoder's header skip: no round trip to expect there.

@@ -24,14 +24,9 @@ inline uint32_t WalkAll(CDecoder& decoder) {
       case TYPE_STRING:
         for (uint32_t i = 0; i < decoder.ValueSize(); ++i) sum += decoder.ValueData()[i];
         break;
-      case TYPE_U16:
-        sum += decoder.ValueU16();
-        break;
-      case TYPE_U32:
-        sum += decoder.ValueU32() ^ decoder.ValueRawU32();
-        break;
-      default:
-        break;
+      case TYPE_U16: sum += decoder.ValueU16(); break;
+      case TYPE_U32: sum += decoder.ValueU32() ^ decoder.ValueRawU32(); break;
+      default: break;
     }
   }
   return sum;

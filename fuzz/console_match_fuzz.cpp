@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kMaxUnits = 40;
 
-constexpr char16_t kAlphabet[16] = {u' ',      u'\t',     u':',      u',',      u'@',     u'a',
+constexpr char16_t kAlphabet[16] = {u' ',      u'\t',     u':',      u',',      u'@',      u'a',
                                     u'Z',      u'\r',     u'\n',     u'\u2028', u'\u2029', u'\v',
                                     u'\u3000', u'\u1680', u'\u0085', u'\u00a0'};
 

@@ -36,7 +36,8 @@ uint32_t ReadAs(const uint8_t* data, size_t size, Message message) {
   if constexpr (std::is_same_v<Message, Hello>)
     return Touch(message.version) + Touch(message.clientGuid) + message.digest[15];
   if constexpr (std::is_same_v<Message, NtlmToken>) return Touch(message.token);
-  if constexpr (std::is_same_v<Message, EventMessage>) return static_cast<uint32_t>(message.records.size());
+  if constexpr (std::is_same_v<Message, EventMessage>)
+    return static_cast<uint32_t>(message.records.size());
   return 0;
 }
 

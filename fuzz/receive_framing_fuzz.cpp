@@ -31,7 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // the stream.
   while (ReceiveMessage(decoder, read)) {
     const uint8_t* b = decoder.Buffer();
-    const uint32_t total = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+    const uint32_t total =
+        (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
     if (total != decoder.TotalLength() || total < kAttributeHeaderSize ||
         total > kMaxMessageLength) {
       std::abort();

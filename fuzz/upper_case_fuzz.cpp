@@ -22,8 +22,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (encoder.add_string(ATTR_USER, text.c_str(), count, 1) != 0) std::abort();
   uint32_t length = 0;
   const uint8_t* b = encoder.get_buffer(&length);
-  const uint32_t field = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-  if (length != kAttributeHeaderSize + count || field != length || b[5] != TYPE_STRING) std::abort();
+  const uint32_t field =
+      (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+  if (length != kAttributeHeaderSize + count || field != length || b[5] != TYPE_STRING)
+    std::abort();
   const uint8_t* value = b + kAttributeHeaderSize;
 
   // What the encoder must send: the whole C string upper-cased through

@@ -89,8 +89,8 @@ AddressExplanation CAddressDiscovery::ExplainIPAddress() {
   return why;
 }
 
-void CAddressDiscovery::Collect(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6,
-                                uint32_t& count6, AddressExplanation* why) {
+void CAddressDiscovery::Collect(IPv4List& ipv4, uint32_t& count4, IPv6List& ipv6, uint32_t& count6,
+                                AddressExplanation* why) {
   if (m_addressCategory.load() != 0) {
     VpnAddresses(ipv4, count4, ipv6, count6, why);
     if (count4 == 0 && count6 == 0) {
@@ -133,7 +133,7 @@ AddressVerdict CAddressDiscovery::Judge(const ResolvedAddress& address, uint32_t
       if (!SameAddress(e.address, address)) continue;
       if (adapter) *adapter = e.adapter;
       return e.kind == VirtualAdapterKind::kHyperVInternal ? AddressVerdict::kHyperVInternal
-                                                            : AddressVerdict::kVirtualAdapter;
+                                                           : AddressVerdict::kVirtualAdapter;
     }
   }
   return count >= 4 ? AddressVerdict::kOverLimit : AddressVerdict::kReported;
@@ -206,8 +206,8 @@ void CAddressDiscovery::VpnAddresses(IPv4List& ipv4, uint32_t& count4, IPv6List&
   std::vector<AdapterAddresses> adapters;
   if (m_adapters.AllocateAdaptersAddresses(adapters) != 0) return;
   const auto vpn = std::find_if(adapters.begin(), adapters.end(), [](const AdapterAddresses& a) {
-    return a.operStatus == kIfOperStatusUp && (a.description == kVpnAdapterDescription ||
-                                               a.description == kVpnAdapterDescriptionNdis);
+    return a.operStatus == kIfOperStatusUp &&
+           (a.description == kVpnAdapterDescription || a.description == kVpnAdapterDescriptionNdis);
   });
   if (vpn == adapters.end()) return;
   if (why) why->vpnAdapter = vpn->description;
@@ -275,9 +275,10 @@ uint32_t CAddressDiscovery::IsHyperVExternalSwitch(const AdapterInfo& adapter) {
       }
     }
   }
-  m_log.Debug("%s:%d AdapterName:%s, Description:%s, %s\n", kIsHyperVExternalSwitch, 3617,
-              AnsiForLog(adapter.adapterName).c_str(), AnsiForLog(adapter.description).c_str(),
-              external ? "It's a Hyper-v external switch" : "It's a Hyper-v internal/private switch");
+  m_log.Debug(
+      "%s:%d AdapterName:%s, Description:%s, %s\n", kIsHyperVExternalSwitch, 3617,
+      AnsiForLog(adapter.adapterName).c_str(), AnsiForLog(adapter.description).c_str(),
+      external ? "It's a Hyper-v external switch" : "It's a Hyper-v internal/private switch");
   return external ? 1 : 0;
 }
 

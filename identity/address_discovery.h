@@ -61,10 +61,10 @@ struct AddressDecision {
 // GetIPAddress reports, and why everything else is left out.
 struct AddressExplanation {
   std::string hostName;
-  int resolveError = 0;          // the resolver's error for the host name, 0 when it answered
+  int resolveError = 0;  // the resolver's error for the host name, 0 when it answered
   uint32_t addressCategory = 0;
-  std::u16string vpnAdapter;     // the VPN adapter that was up, when the category asked for one
-  bool vpnFirst = false;         // its addresses were reported instead of the host name's
+  std::u16string vpnAdapter;  // the VPN adapter that was up, when the category asked for one
+  bool vpnFirst = false;      // its addresses were reported instead of the host name's
   AddressSet reported;
   std::vector<AddressDecision> decisions;  // in the order looked at
 };

@@ -36,8 +36,8 @@ int32_t GetAZureSessionUserInfo(const UserLookup& system, CLog& log, uint32_t se
   }
 
   std::string output;
-  const int32_t run =
-      RunExternalProgram(system.console, system.timings, *token, kDeviceRegistrationTool, "/status", output);
+  const int32_t run = RunExternalProgram(system.console, system.timings, *token,
+                                         kDeviceRegistrationTool, "/status", output);
   if (run == kRunOutputTooLong) {
     log.Error("%s(), the output of %s exceeds %u bytes, lookup refused", kFunction,
               kDeviceRegistrationTool, static_cast<unsigned>(kConsoleOutputLimit));
@@ -66,14 +66,10 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
   std::unique_ptr<IConsolePipe> pipe;
   const ConsoleStart start = runner.Start(token, program, arguments, pipe);
   switch (start.failure) {
-    case ConsoleStartFailure::kNone:
-      break;
-    case ConsoleStartFailure::kPipe:
-      return -1;
-    case ConsoleStartFailure::kInheritance:
-      return HResultFromWin32(start.error);
-    case ConsoleStartFailure::kProcess:
-      return -2;
+    case ConsoleStartFailure::kNone: break;
+    case ConsoleStartFailure::kPipe: return -1;
+    case ConsoleStartFailure::kInheritance: return HResultFromWin32(start.error);
+    case ConsoleStartFailure::kProcess: return -2;
   }
   if (!pipe) return -1;
 
@@ -109,8 +105,8 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
   return 0;
 }
 
-int32_t ParseConsoleOutput(const std::string& output, std::u16string& user,
-                           std::u16string& domain, std::u16string& tenantId) {
+int32_t ParseConsoleOutput(const std::string& output, std::u16string& user, std::u16string& domain,
+                           std::u16string& tenantId) {
   // The output is converted as a NUL-terminated text: whatever follows an
   // embedded NUL is dropped.
   const std::u16string text = AnsiToWide(std::string_view(output.c_str()));

@@ -41,8 +41,8 @@ int32_t RunExternalProgram(IConsoleRunner& runner, const Timings& timings, IUser
 
 // Picks the user, domain and tenant id out of the tool's output: 0 when all
 // three were found, else -1.
-int32_t ParseConsoleOutput(const std::string& output, std::u16string& user,
-                           std::u16string& domain, std::u16string& tenantId);
+int32_t ParseConsoleOutput(const std::string& output, std::u16string& user, std::u16string& domain,
+                           std::u16string& tenantId);
 
 // HRESULT_FROM_WIN32: a positive error's low 16 bits in facility 7 with the
 // failure bit; zero and negative values unchanged.

@@ -12,8 +12,12 @@ namespace {
 class CCharacterClasses {
  public:
   CCharacterClasses() : m_ctype(std::use_facet<std::ctype<wchar_t>>(std::locale())) {}
-  bool Space(char16_t c) const { return m_ctype.is(std::ctype_base::space, static_cast<wchar_t>(c)); }
-  static bool Dot(char16_t c) { return c != u'\n' && c != u'\r' && c != u'\u2028' && c != u'\u2029'; }
+  bool Space(char16_t c) const {
+    return m_ctype.is(std::ctype_base::space, static_cast<wchar_t>(c));
+  }
+  static bool Dot(char16_t c) {
+    return c != u'\n' && c != u'\r' && c != u'\u2028' && c != u'\u2029';
+  }
 
  private:
   const std::ctype<wchar_t>& m_ctype;

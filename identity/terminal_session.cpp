@@ -110,8 +110,8 @@ int GetTSSessionUserName(const UserLookup& system, CLog& log, uint32_t sessionId
   return WideEqualsNoCase(domain, computer) ? kTsLocalAccount : kTsDomainAccount;
 }
 
-int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
-                      std::u16string& user, std::u16string& domain, uint32_t useDnsDomain) {
+int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId, std::u16string& user,
+                      std::u16string& domain, uint32_t useDnsDomain) {
   IAccounts& accounts = system.accounts;
   std::unique_ptr<IUserToken> token;
   CAbandonOnExit keepOpen(accounts, token);
@@ -148,7 +148,8 @@ int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
 }
 
 std::u16string ChooseDnsDomain(CLog& log, const std::u16string* sessionDomain,
-                               const std::u16string* userDnsDomain, const std::u16string& sidDomain) {
+                               const std::u16string* userDnsDomain,
+                               const std::u16string& sidDomain) {
   if (sessionDomain && !sessionDomain->empty()) {
     if (userDnsDomain && !WideEqualsNoCase(*userDnsDomain, *sessionDomain)) {
       log.Error("USERDNSDOMAIN %s differs from the logon session's DNS domain %s, ignored",
@@ -247,10 +248,11 @@ uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length) 
   out += part;
   const uint8_t* authority = sid.data() + 2;
   if (authority[0] != 0 || authority[1] != 0) {
-    std::snprintf(part, sizeof part, "0x%02hx%02hx%02hx%02hx%02hx%02hx",
-                  static_cast<unsigned short>(authority[0]), static_cast<unsigned short>(authority[1]),
-                  static_cast<unsigned short>(authority[2]), static_cast<unsigned short>(authority[3]),
-                  static_cast<unsigned short>(authority[4]), static_cast<unsigned short>(authority[5]));
+    std::snprintf(
+        part, sizeof part, "0x%02hx%02hx%02hx%02hx%02hx%02hx",
+        static_cast<unsigned short>(authority[0]), static_cast<unsigned short>(authority[1]),
+        static_cast<unsigned short>(authority[2]), static_cast<unsigned short>(authority[3]),
+        static_cast<unsigned short>(authority[4]), static_cast<unsigned short>(authority[5]));
   } else {
     const unsigned long value = (static_cast<unsigned long>(authority[2]) << 24) |
                                 (static_cast<unsigned long>(authority[3]) << 16) |
@@ -261,10 +263,9 @@ uint32_t SidToText(const SidBytes& sid, std::u16string& text, uint32_t& length) 
   out += part;
   for (uint32_t i = 0; i < count; ++i) {
     const uint8_t* p = sid.data() + kSidHeaderSize + 4 * i;
-    const unsigned long sub = static_cast<unsigned long>(p[0]) |
-                              (static_cast<unsigned long>(p[1]) << 8) |
-                              (static_cast<unsigned long>(p[2]) << 16) |
-                              (static_cast<unsigned long>(p[3]) << 24);
+    const unsigned long sub =
+        static_cast<unsigned long>(p[0]) | (static_cast<unsigned long>(p[1]) << 8) |
+        (static_cast<unsigned long>(p[2]) << 16) | (static_cast<unsigned long>(p[3]) << 24);
     std::snprintf(part, sizeof part, "-%lu", sub);
     out += part;
   }

@@ -38,11 +38,11 @@ enum class UserSource { kNone, kDomain, kAzureAD };
 // that a person can be told where its user came from or why there is none.
 struct UserLookupOutcome {
   UserSource source = UserSource::kNone;
-  int domainResult = kTsFailed;     // GetTSSessionUserName's result
-  uint32_t domainError = 0;         // the system's error when that lookup failed
+  int domainResult = kTsFailed;         // GetTSSessionUserName's result
+  uint32_t domainError = 0;             // the system's error when that lookup failed
   bool domainAccountIsAzureAD = false;  // an "AzureAD" account, left to the Azure AD lookup
-  int32_t azureResult = 0;          // GetAZureSessionUserInfo's result (identity/azure.h)
-  bool emptyUser = false;           // the answer taken had an empty user name
+  int32_t azureResult = 0;              // GetAZureSessionUserInfo's result (identity/azure.h)
+  bool emptyUser = false;               // the answer taken had an empty user name
 };
 
 class CTerminalSession {
@@ -75,8 +75,8 @@ int GetTSSessionUserName(const UserLookup& system, CLog& log, uint32_t sessionId
                          std::u16string& user, std::u16string& domain, uint32_t useDnsDomain);
 
 // 0 failure, 1 found, 2 nobody logged on.
-int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId,
-                      std::u16string& user, std::u16string& domain, uint32_t useDnsDomain);
+int GetSessionAccount(const UserLookup& system, CLog& log, uint32_t sessionId, std::u16string& user,
+                      std::u16string& domain, uint32_t useDnsDomain);
 
 // 0 with the token, 1 nobody logged on, -1 any other failure (an absent
 // out pointer, or WTSQueryUserToken missing from the system).
@@ -89,7 +89,8 @@ int QuerySessionUserToken(IAccounts& accounts, CLog& log, uint32_t sessionId,
 // either the SID's domain stays. `sessionDomain` and `userDnsDomain` are null
 // when unknown. A USERDNSDOMAIN that differs from the session's is logged.
 std::u16string ChooseDnsDomain(CLog& log, const std::u16string* sessionDomain,
-                               const std::u16string* userDnsDomain, const std::u16string& sidDomain);
+                               const std::u16string* userDnsDomain,
+                               const std::u16string& sidDomain);
 
 // The user's own USERDNSDOMAIN from HKEY_USERS\<SID>\Volatile Environment.
 uint32_t GetUserDnsDomain(IRegistry& registry, const SidBytes& sid, std::u16string& domain);

@@ -15,7 +15,7 @@ namespace lindqvar {
 // One entry of the adapter-address chain (IP_ADAPTER_ADDRESSES).
 struct AdapterAddresses {
   std::u16string description;
-  uint32_t operStatus = 0;  // 1 up, 2 down, ...
+  uint32_t operStatus = 0;               // 1 up, 2 down, ...
   std::vector<ResolvedAddress> unicast;  // in the chain's order
 };
 inline constexpr uint32_t kIfOperStatusUp = 1;
@@ -24,7 +24,7 @@ inline constexpr uint32_t kIfOperStatusUp = 1;
 struct AdapterInfo {
   std::string adapterName;  // 8-bit, as the system gives them
   std::string description;
-  uint32_t type = 0;  // MIB_IF_TYPE_*
+  uint32_t type = 0;                 // MIB_IF_TYPE_*
   std::array<uint8_t, 8> address{};  // hardware address, addressLength bytes used
   uint32_t addressLength = 0;
   std::vector<std::string> ipAddresses;  // the IP address list's texts, in order

@@ -170,7 +170,8 @@ bool ParseIPv6(const char* text, uint8_t out[16]) {
     ++begin;
     end = close;
   }
-  const char* percent = static_cast<const char*>(std::memchr(begin, '%', static_cast<size_t>(end - begin)));
+  const char* percent =
+      static_cast<const char*>(std::memchr(begin, '%', static_cast<size_t>(end - begin)));
   if (percent) {
     const char* p = percent + 1;
     uint64_t scope = 0;

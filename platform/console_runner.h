@@ -44,8 +44,7 @@ class IConsoleRunner {
   // end. The process is not waited for. On success `pipe` is the read end;
   // both ends stay open until it is released.
   virtual ConsoleStart Start(IUserToken& token, const std::string& program,
-                             const std::string& arguments,
-                             std::unique_ptr<IConsolePipe>& pipe) = 0;
+                             const std::string& arguments, std::unique_ptr<IConsolePipe>& pipe) = 0;
 };
 
 }  // namespace lindqvar

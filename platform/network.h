@@ -15,8 +15,8 @@ class CEvent;
 
 // One resolved address, in network byte order.
 struct ResolvedAddress {
-  int family = 0;                      // kFamilyIPv4 or kFamilyIPv6
-  std::array<uint8_t, 16> bytes{};     // IPv4 in the first 4 bytes
+  int family = 0;                   // kFamilyIPv4 or kFamilyIPv6
+  std::array<uint8_t, 16> bytes{};  // IPv4 in the first 4 bytes
 };
 inline constexpr int kFamilyIPv4 = 2;   // AF_INET
 inline constexpr int kFamilyIPv6 = 23;  // AF_INET6 as Windows numbers it

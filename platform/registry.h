@@ -16,10 +16,10 @@ namespace lindqvar {
 enum class RegistryHive { kLocalMachine, kUsers };
 
 namespace reg_access {
-inline constexpr uint32_t kRead = 0x20019;         // KEY_READ
-inline constexpr uint32_t kWrite = 0x20006;        // KEY_WRITE
-inline constexpr uint32_t kWow64_64Key = 0x0100;   // KEY_WOW64_64KEY
-inline constexpr uint32_t kWow64_32Key = 0x0200;   // KEY_WOW64_32KEY
+inline constexpr uint32_t kRead = 0x20019;        // KEY_READ
+inline constexpr uint32_t kWrite = 0x20006;       // KEY_WRITE
+inline constexpr uint32_t kWow64_64Key = 0x0100;  // KEY_WOW64_64KEY
+inline constexpr uint32_t kWow64_32Key = 0x0200;  // KEY_WOW64_32KEY
 inline constexpr uint32_t kViewMask = kWow64_64Key | kWow64_32Key;
 }  // namespace reg_access
 
@@ -62,7 +62,8 @@ class IRegistry {
 inline std::u16string RegistryValueText(const std::vector<uint8_t>& data) {
   std::u16string text;
   for (size_t i = 0; i < data.size(); i += 2) {
-    const char16_t unit = static_cast<char16_t>(data[i] | (i + 1 < data.size() ? data[i + 1] << 8 : 0));
+    const char16_t unit =
+        static_cast<char16_t>(data[i] | (i + 1 < data.size() ? data[i + 1] << 8 : 0));
     if (unit == u'\0') break;
     text.push_back(unit);
   }

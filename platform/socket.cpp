@@ -114,7 +114,7 @@ CSocket CSocket::Accept(uint32_t timeoutMs, SocketAddress* peer) {
   socket_sys::Length len = sizeof ss;
   const auto s = ::accept(H(m_socket), reinterpret_cast<sockaddr*>(&ss), &len);
   CSocket accepted(static_cast<NativeSocket>(s));
-  if (accepted.valid() && peer) *peer = FromSockaddr(reinterpret_cast<sockaddr*>(&ss));
+  if (accepted.Valid() && peer) *peer = FromSockaddr(reinterpret_cast<sockaddr*>(&ss));
   return accepted;
 }
 
@@ -136,7 +136,7 @@ int CSocket::Receive(void* data, size_t size) {
 }
 
 void CSocket::ShutdownBoth() {
-  if (valid()) ::shutdown(H(m_socket), socket_sys::kShutdownBoth);
+  if (Valid()) ::shutdown(H(m_socket), socket_sys::kShutdownBoth);
 }
 
 int ResolveName(const std::string& name, std::vector<ResolvedAddress>& out) {

@@ -55,8 +55,8 @@ class CSocket {
   // A stream socket (protocol 0) of the given family; invalid on failure.
   static CSocket Open(int family);
 
-  bool valid() const { return m_socket != kInvalidSocket; }
-  NativeSocket native() const { return m_socket; }
+  bool Valid() const { return m_socket != kInvalidSocket; }
+  NativeSocket Native() const { return m_socket; }
   NativeSocket release();
 
   // FIONBIO / O_NONBLOCK.
@@ -109,7 +109,7 @@ class CSocketLibraryScope {
   ~CSocketLibraryScope();
   CSocketLibraryScope(const CSocketLibraryScope&) = delete;
   CSocketLibraryScope& operator=(const CSocketLibraryScope&) = delete;
-  bool ok() const { return m_ok; }
+  bool Ok() const { return m_ok; }
 
  private:
   bool m_ok = false;

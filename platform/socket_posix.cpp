@@ -1,8 +1,8 @@
-#include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/time.h>
+#include <cerrno>
 
 #include <mutex>
 
@@ -72,7 +72,7 @@ bool CSocket::WaitReadable(uint32_t timeoutMs) { return WaitFor(H(m_socket), POL
 bool CSocket::WaitWritable(uint32_t timeoutMs) { return WaitFor(H(m_socket), POLLOUT, timeoutMs); }
 
 void CSocket::Close() {
-  if (valid()) ::close(H(release()));
+  if (Valid()) ::close(H(release()));
 }
 
 int LastSocketError() { return errno; }

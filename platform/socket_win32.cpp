@@ -60,7 +60,7 @@ bool CSocket::WaitReadable(uint32_t timeoutMs) { return WaitFor(H(m_socket), fal
 bool CSocket::WaitWritable(uint32_t timeoutMs) { return WaitFor(H(m_socket), true, timeoutMs); }
 
 void CSocket::Close() {
-  if (valid()) ::closesocket(H(release()));
+  if (Valid()) ::closesocket(H(release()));
 }
 
 int LastSocketError() { return ::WSAGetLastError(); }

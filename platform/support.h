@@ -14,16 +14,16 @@
 
 namespace lindqvar {
 
-struct LogContext;                     // owned by the library
-using LogHandle = LogContext*;         // null: no log
-struct SupportKeyObject;               // owned by the library
+struct LogContext;                           // owned by the library
+using LogHandle = LogContext*;               // null: no log
+struct SupportKeyObject;                     // owned by the library
 using SupportKeyHandle = SupportKeyObject*;  // null: failure
 
 // A primary user token; closed by its destructor.
 class IUserToken {
  public:
   virtual ~IUserToken() = default;
-  virtual void* native() const = 0;  // HANDLE on Windows
+  virtual void* Native() const = 0;  // HANDLE on Windows
 };
 
 // The settings record that cfg_get_lindqvar_settings fills. The caller

@@ -60,14 +60,30 @@ std::u16string Utf8ToWide(std::string_view utf8) {
     } else {
       size_t need = 0;
       char32_t min = 0;
-      if ((b0 & 0xE0) == 0xC0) { need = 1; cp = b0 & 0x1F; min = 0x80; }
-      else if ((b0 & 0xF0) == 0xE0) { need = 2; cp = b0 & 0x0F; min = 0x800; }
-      else if ((b0 & 0xF8) == 0xF0) { need = 3; cp = b0 & 0x07; min = 0x10000; }
+      if ((b0 & 0xE0) == 0xC0) {
+        need = 1;
+        cp = b0 & 0x1F;
+        min = 0x80;
+      } else if ((b0 & 0xF0) == 0xE0) {
+        need = 2;
+        cp = b0 & 0x0F;
+        min = 0x800;
+      } else if ((b0 & 0xF8) == 0xF0) {
+        need = 3;
+        cp = b0 & 0x07;
+        min = 0x10000;
+      }
       bool ok = need > 0;
       for (size_t k = 1; ok && k <= need; ++k) {
-        if (i + k >= n) { ok = false; break; }
+        if (i + k >= n) {
+          ok = false;
+          break;
+        }
         const auto b = static_cast<unsigned char>(utf8[i + k]);
-        if ((b & 0xC0) != 0x80) { ok = false; break; }
+        if ((b & 0xC0) != 0x80) {
+          ok = false;
+          break;
+        }
         cp = (cp << 6) | (b & 0x3F);
       }
       if (ok && cp >= min && cp <= 0x10FFFF && !(cp >= 0xD800 && cp <= 0xDFFF)) {

@@ -4,7 +4,7 @@
 
 namespace lindqvar {
 
-void WorkerThread::Start(std::function<uint32_t()> routine) {
+void CWorkerThread::Start(std::function<uint32_t()> routine) {
   if (m_thread.joinable()) return;
   m_exitCode.store(kStillActive, std::memory_order_release);
   m_thread = std::thread([this, routine = std::move(routine)] {
@@ -14,10 +14,10 @@ void WorkerThread::Start(std::function<uint32_t()> routine) {
   });
 }
 
-void WorkerThread::Join() {
+void CWorkerThread::Join() {
   if (m_thread.joinable()) m_thread.join();
 }
 
-WorkerThread::~WorkerThread() { Join(); }
+CWorkerThread::~CWorkerThread() { Join(); }
 
 }  // namespace lindqvar

@@ -9,14 +9,14 @@
 
 namespace lindqvar {
 
-class WorkerThread {
+class CWorkerThread {
  public:
   static constexpr uint32_t kStillActive = 259;  // STILL_ACTIVE
 
-  WorkerThread() = default;
-  ~WorkerThread();
-  WorkerThread(const WorkerThread&) = delete;
-  WorkerThread& operator=(const WorkerThread&) = delete;
+  CWorkerThread() = default;
+  ~CWorkerThread();
+  CWorkerThread(const CWorkerThread&) = delete;
+  CWorkerThread& operator=(const CWorkerThread&) = delete;
 
   // Starts the routine at once. A thread object runs one routine only.
   void Start(std::function<uint32_t()> routine);

@@ -35,7 +35,7 @@ derive_src_lines() {
 need_pkgs=(
   build-essential cmake ninja-build pkg-config git ca-certificates python3
   libssl-dev openssl libgtest-dev googletest libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format clang-tidy
   g++-mingw-w64-x86-64-posix wine64 winbind iproute2 dpkg-dev
   wixl msitools osslsigncode gss-ntlmssp libkrb5-dev
 )

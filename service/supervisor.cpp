@@ -70,12 +70,8 @@ uint32_t CAgentSupervisor::Run() {
         if (m_agent) StopAgent();
         m_log.Write(ServiceEvent::kServiceStopped, EventKind::kInformation, "The service stopped.");
         return 0;
-      case Wake::kAgentEnded:
-        OnAgentEnded();
-        break;
-      case Wake::kSettingsChanged:
-        OnSettingsNotification();
-        break;
+      case Wake::kAgentEnded: OnAgentEnded(); break;
+      case Wake::kSettingsChanged: OnSettingsNotification(); break;
       case Wake::kTimeout:
         // Without a watch the key is looked at on every round instead.
         if (!m_watching) OnSettingsNotification();
@@ -112,9 +108,9 @@ void CAgentSupervisor::StartAgent() {
     ++m_quickEnds;
     const uint32_t delay = RestartDelayMs(m_quickEnds, m_timings);
     m_restartAt = m_startedAt + delay;
-    m_log.Write(ServiceEvent::kAgentStartFailed, EventKind::kError,
-                "Cannot start the agent (" + Error(error) + "); next attempt in " + Seconds(delay) +
-                    ".");
+    m_log.Write(
+        ServiceEvent::kAgentStartFailed, EventKind::kError,
+        "Cannot start the agent (" + Error(error) + "); next attempt in " + Seconds(delay) + ".");
     return;
   }
   m_log.Write(ServiceEvent::kAgentStarted, EventKind::kInformation,

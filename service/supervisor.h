@@ -43,14 +43,14 @@ enum class ServiceEvent : uint32_t {
   kServiceStarted = 100,
   kServiceStopped = 101,
   kAgentStarted = 102,
-  kAgentEnded = 103,       // ended by itself; a fresh one follows
-  kAgentReread = 104,      // asked to re-read its settings
-  kAgentStopped = 105,     // ended after a stop request
-  kAgentKilled = 106,      // did not end within the limit: ended by force
+  kAgentEnded = 103,    // ended by itself; a fresh one follows
+  kAgentReread = 104,   // asked to re-read its settings
+  kAgentStopped = 105,  // ended after a stop request
+  kAgentKilled = 106,   // did not end within the limit: ended by force
   kAgentStartFailed = 107,
-  kControlFailed = 108,    // the control event or the desired status cannot be set
-  kWatchFailed = 109,      // the settings key cannot be watched (yet)
-  kLogFileRefused = 110,   // the log file is a link or not a plain file
+  kControlFailed = 108,       // the control event or the desired status cannot be set
+  kWatchFailed = 109,         // the settings key cannot be watched (yet)
+  kLogFileRefused = 110,      // the log file is a link or not a plain file
   kControlEventExists = 111,  // the control event's name is taken: refused
   kEnabled = 96981,
   kDisabled = 96982,
@@ -136,9 +136,9 @@ class CAgentSupervisor {
   std::unique_ptr<IAgentProcess> m_agent;
   SettingsSnapshot m_settings;
   bool m_watching = false;
-  uint32_t m_startedAt = 0;   // tick count of the running agent's start
-  uint32_t m_restartAt = 0;   // tick count from which the next agent may start
-  uint32_t m_quickEnds = 0;   // agents in a row that ended at once
+  uint32_t m_startedAt = 0;  // tick count of the running agent's start
+  uint32_t m_restartAt = 0;  // tick count from which the next agent may start
+  uint32_t m_quickEnds = 0;  // agents in a row that ended at once
 };
 
 }  // namespace lindqvar::service

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "identity/address_lists.h"
-#include "protocol/wire/encoder.h"
 #include "protocol/messages/event.h"
+#include "protocol/wire/encoder.h"
 
 namespace lindqvar {
 

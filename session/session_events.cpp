@@ -56,8 +56,9 @@ uint32_t CSessionEvents::SendSessionEvent(uint32_t session, uint32_t logon, uint
     m_log.Debug("Did not found session:%d in session table, m_bLogon:%d\n",
                 static_cast<int>(session), static_cast<int>(m_bLogon.load()));
   }
-  const ReportKind kind =
-      wakeup ? ReportKind::kWakeup : logon ? ReportKind::kLogon : ReportKind::kLogoff;
+  const ReportKind kind = wakeup  ? ReportKind::kWakeup
+                          : logon ? ReportKind::kLogon
+                                  : ReportKind::kLogoff;
   // The user is back: a kept logoff of theirs would now withdraw them.
   if (logon == 1 && entry) DropKeptLogoffs(entry, "the user logged on again");
 

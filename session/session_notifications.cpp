@@ -69,9 +69,7 @@ void CSessionNotifications::OnNotification(const SessionNotification& notificati
     case NotificationKind::kRemoteDisconnect:
       LogReceived("WTS_REMOTE_DISCONNECT", session, tid);
       return;
-    case NotificationKind::kSessionLock:
-      LogReceived("WTS_SESSION_LOCK", session, tid);
-      return;
+    case NotificationKind::kSessionLock: LogReceived("WTS_SESSION_LOCK", session, tid); return;
     case NotificationKind::kSessionLogon: {
       constexpr char kName[] = "WTS_SESSION_LOGON";
       LogBeforeAfter("Before", kName);
@@ -114,9 +112,7 @@ void CSessionNotifications::OnNotification(const SessionNotification& notificati
       m_table.RemovePendingSession(session);
       return;
     }
-    case NotificationKind::kResume:
-      OnResume(tid);
-      return;
+    case NotificationKind::kResume: OnResume(tid); return;
     case NotificationKind::kConsoleDisconnect:  // nothing at all
       return;
   }
@@ -130,8 +126,9 @@ void CSessionNotifications::OnResume(uint32_t tid) {
     SleepMs(m_timings.wakeupRetryMs);
   }
   if (m_events.TickLogging())
-    m_log.Debug("Failed to  send logon event when computer is recovering from sleep, TICC:%d, TID:%d",
-                static_cast<int>(TickCount()), static_cast<int>(tid));
+    m_log.Debug(
+        "Failed to  send logon event when computer is recovering from sleep, TICC:%d, TID:%d",
+        static_cast<int>(TickCount()), static_cast<int>(tid));
   else
     m_log.Debug("Failed to  send logon event when computer is recovering from sleep, TID:%d",
                 static_cast<int>(tid));

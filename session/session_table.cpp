@@ -37,7 +37,8 @@ uint32_t CSessionTable::LoadUser(CTerminalSession& record, uint32_t session) {
 }
 
 uint32_t CSessionTable::AddSession(uint32_t session) {
-  m_log.Debug("CSessionManager::AddSession has been called, dwSession:%d", static_cast<int>(session));
+  m_log.Debug("CSessionManager::AddSession has been called, dwSession:%d",
+              static_cast<int>(session));
   std::lock_guard<std::recursive_mutex> lock(m_csSessions);
   if (FindSession(session)) {
     m_log.Debug("session ID:%d has found in session table", static_cast<int>(session));

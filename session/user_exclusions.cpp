@@ -74,7 +74,8 @@ CUserExclusions CUserExclusions::Parse(const std::vector<uint8_t>& multiSz,
       continue;
     }
     const size_t slash = entry.find(u'\\');
-    if (slash != std::u16string_view::npos && entry.find(u'\\', slash + 1) != std::u16string_view::npos) {
+    if (slash != std::u16string_view::npos &&
+        entry.find(u'\\', slash + 1) != std::u16string_view::npos) {
       problems.push_back("ExcludedUsers entry with more than one backslash is skipped: " +
                          Printable(entry));
       continue;
@@ -94,8 +95,9 @@ CUserExclusions CUserExclusions::Parse(const std::vector<uint8_t>& multiSz,
       continue;
     }
     if (out.m_patterns.size() == kMaxPatterns) {
-      problems.push_back("ExcludedUsers has more than 100 entries; from this one on they are ignored: " +
-                         Printable(entry));
+      problems.push_back(
+          "ExcludedUsers has more than 100 entries; from this one on they are ignored: " +
+          Printable(entry));
       break;
     }
     out.m_patterns.push_back(std::move(pattern));

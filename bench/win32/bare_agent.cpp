@@ -70,10 +70,9 @@ void WindowThread(HANDLE stop, int pumpMs) {
   ::WTSRegisterSessionNotification(window, NOTIFY_FOR_ALL_SESSIONS);
   for (;;) {
     Drain();
-    const DWORD r =
-        pumpMs > 0 ? ::WaitForSingleObject(stop, static_cast<DWORD>(pumpMs))
-                   : ::MsgWaitForMultipleObjectsEx(1, &stop, INFINITE, QS_ALLINPUT,
-                                                   MWMO_INPUTAVAILABLE);
+    const DWORD r = pumpMs > 0 ? ::WaitForSingleObject(stop, static_cast<DWORD>(pumpMs))
+                               : ::MsgWaitForMultipleObjectsEx(1, &stop, INFINITE, QS_ALLINPUT,
+                                                               MWMO_INPUTAVAILABLE);
     if (r == WAIT_OBJECT_0) break;
   }
   ::DestroyWindow(window);

@@ -18,7 +18,7 @@ constexpr DWORD kComputerNameLength = 16;
 class CUserTokenWin32 : public IUserToken {
  public:
   explicit CUserTokenWin32(HANDLE h) : m_token(h) {}
-  void* native() const override { return m_token.get(); }
+  void* Native() const override { return m_token.get(); }
   // Gives the handle up without closing it.
   void Detach() { m_token.release(); }
 
@@ -26,7 +26,7 @@ class CUserTokenWin32 : public IUserToken {
   ScopedHandle m_token;
 };
 
-HANDLE Native(IUserToken& token) { return static_cast<HANDLE>(token.native()); }
+HANDLE Native(IUserToken& token) { return static_cast<HANDLE>(token.Native()); }
 
 }  // namespace
 
@@ -37,8 +37,8 @@ QueryUserTokenFn WtsQueryUserToken() {
     // folder (and keeps it for its lifetime).
     HMODULE wtsapi = ::GetModuleHandleW(L"Wtsapi32.dll");
     if (!wtsapi) wtsapi = ::LoadLibraryExW(L"Wtsapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return wtsapi ? reinterpret_cast<QueryUserTokenFn>(reinterpret_cast<void*>(
-                        ::GetProcAddress(wtsapi, "WTSQueryUserToken")))
+    return wtsapi ? reinterpret_cast<QueryUserTokenFn>(
+                        reinterpret_cast<void*>(::GetProcAddress(wtsapi, "WTSQueryUserToken")))
                   : nullptr;
   }();
   return function;
@@ -112,7 +112,8 @@ bool CAccountsWin32::LogonSessionDnsDomain(IUserToken& token, std::u16string& dn
   };
   const std::unique_ptr<SECURITY_LOGON_SESSION_DATA, FreeLsaBuffer> data(raw);
   // A session data block too old to carry the DNS domain counts as none.
-  if (data->Size < offsetof(SECURITY_LOGON_SESSION_DATA, DnsDomainName) + sizeof(LSA_UNICODE_STRING)) {
+  if (data->Size <
+      offsetof(SECURITY_LOGON_SESSION_DATA, DnsDomainName) + sizeof(LSA_UNICODE_STRING)) {
     return true;
   }
   const LSA_UNICODE_STRING& name = data->DnsDomainName;

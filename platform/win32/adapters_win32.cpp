@@ -36,7 +36,8 @@ bool ToResolved(const SOCKADDR* address, ResolvedAddress& out) {
 // The support library's adapter-address memory: the whole chain, sized by
 // the system, with unicast addresses.
 uint32_t CAdaptersWin32::AllocateAdaptersAddresses(std::vector<AdapterAddresses>& adapters) {
-  constexpr ULONG kFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
+  constexpr ULONG kFlags =
+      GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
   ULONG size = kFirstAddressesBuffer;
   std::vector<uint8_t> buffer;
   ULONG rc = ERROR_BUFFER_OVERFLOW;

@@ -85,7 +85,7 @@ ConsoleStart CConsoleRunnerWin32::Start(IUserToken& token, const std::string& pr
   std::vector<char> command(commandLine.begin(), commandLine.end());
   command.push_back('\0');
   PROCESS_INFORMATION process = {};
-  HANDLE user = static_cast<HANDLE>(token.native());
+  HANDLE user = static_cast<HANDLE>(token.Native());
   if (!user) return {ConsoleStartFailure::kProcess, ERROR_INVALID_HANDLE};
   if (!::CreateProcessAsUserA(user, application.c_str(), command.data(), nullptr, nullptr, TRUE, 0,
                               nullptr, nullptr, &startup, &process)) {

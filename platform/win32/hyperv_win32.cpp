@@ -18,25 +18,25 @@ struct ComTraits {
   static void Close(Handle h) { h->Release(); }
 };
 template <typename T>
-using ScopedCom = ScopedGeneric<ComTraits<T>>;
+using ScopedCom = CScopedGeneric<ComTraits<T>>;
 
 struct BstrTraits {
   using Handle = BSTR;
   static Handle Invalid() { return nullptr; }
   static void Close(Handle h) { ::SysFreeString(h); }
 };
-using ScopedBstr = ScopedGeneric<BstrTraits>;
+using ScopedBstr = CScopedGeneric<BstrTraits>;
 
 // Uninitialises COM when the initialisation succeeded.
-class ComScope {
+class CComScope {
  public:
-  ComScope() : m_hr(::CoInitialize(nullptr)) {}
-  ~ComScope() {
+  CComScope() : m_hr(::CoInitialize(nullptr)) {}
+  ~CComScope() {
     if (SUCCEEDED(m_hr)) ::CoUninitialize();
   }
-  ComScope(const ComScope&) = delete;
-  ComScope& operator=(const ComScope&) = delete;
-  bool ok() const { return SUCCEEDED(m_hr); }
+  CComScope(const CComScope&) = delete;
+  CComScope& operator=(const CComScope&) = delete;
+  bool Ok() const { return SUCCEEDED(m_hr); }
 
  private:
   HRESULT m_hr;
@@ -63,8 +63,9 @@ std::optional<std::u16string> StringProperty(IWbemClassObject* object, const wch
 // other answer, a key that cannot be read included, lets the query run.
 bool VirtualMachineManagementInstalled() {
   ScopedRegKey key;
-  const LSTATUS rc = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\vmms",
-                                     0, KEY_QUERY_VALUE, key.receive());
+  const LSTATUS rc =
+      ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\vmms", 0,
+                      KEY_QUERY_VALUE, key.receive());
   return rc != ERROR_FILE_NOT_FOUND && rc != ERROR_PATH_NOT_FOUND;
 }
 
@@ -72,8 +73,8 @@ bool VirtualMachineManagementInstalled() {
 
 void CHyperVWin32::QueryExternalPorts(std::vector<HyperVPortRow>& rows) {
   if (!VirtualMachineManagementInstalled()) return;
-  ComScope com;
-  if (!com.ok()) return;
+  CComScope com;
+  if (!com.Ok()) return;
 
   ScopedCom<IWbemLocator> locator;
   if (FAILED(::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,

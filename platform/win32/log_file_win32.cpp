@@ -27,10 +27,9 @@ LogFileOpen OpenLogFileForAppend(const std::wstring& folder, const std::wstring&
   path += fileName;
   // The reparse point itself is opened, not what it names, so a link shows
   // up below instead of being followed.
-  ScopedFileHandle opened(::CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
-                                        nullptr));
+  ScopedFileHandle opened(::CreateFileW(
+      path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+      nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   if (!opened) return LogFileOpen::kUnavailable;
   BY_HANDLE_FILE_INFORMATION information = {};
   if (!::GetFileInformationByHandle(opened.get(), &information)) return LogFileOpen::kRefused;

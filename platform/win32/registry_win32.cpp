@@ -104,7 +104,8 @@ class CRegistryKeyWin32 : public IRegistryKey {
   uint32_t QueryString(std::u16string_view name, std::u16string& value) override {
     return static_cast<uint32_t>(win32::QueryString(m_key.get(), name, value));
   }
-  uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
+  uint32_t QueryValue(std::u16string_view name, uint32_t& type,
+                      std::vector<uint8_t>& data) override {
     DWORD t = 0;
     const LSTATUS rc = QueryRaw(m_key.get(), name, t, data);
     if (rc == ERROR_SUCCESS) type = t;
@@ -137,8 +138,8 @@ uint32_t CRegistryWin32::OpenKey(RegistryHive hive, std::u16string_view path, ui
       OpenBelow(root, path, access & ~reg_access::kViewMask, access & reg_access::kViewMask, key));
 }
 
-uint32_t CRegistryWin32::OpenKey(SupportKeyHandle parent, std::u16string_view path,
-                                 uint32_t access, std::unique_ptr<IRegistryKey>& key) {
+uint32_t CRegistryWin32::OpenKey(SupportKeyHandle parent, std::u16string_view path, uint32_t access,
+                                 std::unique_ptr<IRegistryKey>& key) {
   if (!parent || !parent->key) return ERROR_INVALID_HANDLE;
   return static_cast<uint32_t>(OpenBelow(parent->key.get(), path, access, parent->view, key));
 }

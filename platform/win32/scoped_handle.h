@@ -10,20 +10,20 @@
 namespace lindqvar::win32 {
 
 template <typename Traits>
-class ScopedGeneric {
+class CScopedGeneric {
  public:
   using Handle = typename Traits::Handle;
 
-  ScopedGeneric() = default;
-  explicit ScopedGeneric(Handle h) : m_handle(h) {}
-  ~ScopedGeneric() { Close(); }
-  ScopedGeneric(ScopedGeneric&& other) noexcept : m_handle(other.release()) {}
-  ScopedGeneric& operator=(ScopedGeneric&& other) noexcept {
+  CScopedGeneric() = default;
+  explicit CScopedGeneric(Handle h) : m_handle(h) {}
+  ~CScopedGeneric() { Close(); }
+  CScopedGeneric(CScopedGeneric&& other) noexcept : m_handle(other.release()) {}
+  CScopedGeneric& operator=(CScopedGeneric&& other) noexcept {
     if (this != &other) Set(other.release());
     return *this;
   }
-  ScopedGeneric(const ScopedGeneric&) = delete;
-  ScopedGeneric& operator=(const ScopedGeneric&) = delete;
+  CScopedGeneric(const CScopedGeneric&) = delete;
+  CScopedGeneric& operator=(const CScopedGeneric&) = delete;
 
   void Set(Handle h) {
     if (h == m_handle) return;
@@ -33,15 +33,15 @@ class ScopedGeneric {
     ::SetLastError(lastError);
   }
   Handle get() const { return m_handle; }
-  bool valid() const { return m_handle != Traits::Invalid(); }
-  explicit operator bool() const { return valid(); }
+  bool Valid() const { return m_handle != Traits::Invalid(); }
+  explicit operator bool() const { return Valid(); }
   Handle release() { return std::exchange(m_handle, Traits::Invalid()); }
   // For out-parameters of system calls: the owner must be empty.
   Handle* receive() { return &m_handle; }
 
  private:
   void Close() {
-    if (valid()) Traits::Close(std::exchange(m_handle, Traits::Invalid()));
+    if (Valid()) Traits::Close(std::exchange(m_handle, Traits::Invalid()));
   }
   Handle m_handle = Traits::Invalid();
 };
@@ -75,10 +75,10 @@ struct ServiceHandleTraits {
   static void Close(Handle h) { ::CloseServiceHandle(h); }
 };
 
-using ScopedHandle = ScopedGeneric<HandleTraits>;
-using ScopedFileHandle = ScopedGeneric<FileHandleTraits>;
-using ScopedRegKey = ScopedGeneric<RegKeyTraits>;
-using ScopedEventSource = ScopedGeneric<EventSourceTraits>;
-using ScopedServiceHandle = ScopedGeneric<ServiceHandleTraits>;
+using ScopedHandle = CScopedGeneric<HandleTraits>;
+using ScopedFileHandle = CScopedGeneric<FileHandleTraits>;
+using ScopedRegKey = CScopedGeneric<RegKeyTraits>;
+using ScopedEventSource = CScopedGeneric<EventSourceTraits>;
+using ScopedServiceHandle = CScopedGeneric<ServiceHandleTraits>;
 
 }  // namespace lindqvar::win32

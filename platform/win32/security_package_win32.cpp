@@ -20,7 +20,7 @@ CtxtHandle* Ctxt(SecurityHandle& h) { return reinterpret_cast<CtxtHandle*>(&h); 
 class CImpersonationTokenWin32 : public IUserToken {
  public:
   explicit CImpersonationTokenWin32(HANDLE h) : m_token(h) {}
-  void* native() const override { return m_token.get(); }
+  void* Native() const override { return m_token.get(); }
 
  private:
   ScopedHandle m_token;
@@ -28,7 +28,8 @@ class CImpersonationTokenWin32 : public IUserToken {
 
 }  // namespace
 
-int32_t CSecurityPackageWin32::QueryPackageInfo(const std::u16string& package, std::u16string& name) {
+int32_t CSecurityPackageWin32::QueryPackageInfo(const std::u16string& package,
+                                                std::u16string& name) {
   PSecPkgInfoW info = nullptr;
   const SECURITY_STATUS status =
       ::QuerySecurityPackageInfoW(const_cast<wchar_t*>(W(package)), &info);
@@ -46,7 +47,8 @@ int32_t CSecurityPackageWin32::AcquireCredentials(const std::u16string& package,
   if (identity) {
     auth.User = reinterpret_cast<unsigned short*>(const_cast<char16_t*>(identity->user.c_str()));
     auth.UserLength = static_cast<unsigned long>(identity->user.size());
-    auth.Domain = reinterpret_cast<unsigned short*>(const_cast<char16_t*>(identity->domain.c_str()));
+    auth.Domain =
+        reinterpret_cast<unsigned short*>(const_cast<char16_t*>(identity->domain.c_str()));
     auth.DomainLength = static_cast<unsigned long>(identity->domain.size());
     auth.Password =
         reinterpret_cast<unsigned short*>(const_cast<char16_t*>(identity->password.c_str()));
@@ -55,8 +57,8 @@ int32_t CSecurityPackageWin32::AcquireCredentials(const std::u16string& package,
   }
   TimeStamp expiry;
   return ::AcquireCredentialsHandleW(nullptr, const_cast<wchar_t*>(W(package)), use, nullptr,
-                                     identity ? &auth : nullptr, nullptr, nullptr,
-                                     Cred(credential), &expiry);
+                                     identity ? &auth : nullptr, nullptr, nullptr, Cred(credential),
+                                     &expiry);
 }
 
 int32_t CSecurityPackageWin32::InitializeContext(SecurityHandle& credential,
@@ -78,11 +80,11 @@ int32_t CSecurityPackageWin32::InitializeContext(SecurityHandle& credential,
   if (!binding.targetName.empty()) target = W(binding.targetName);
   unsigned long attrs = 0;
   TimeStamp expiry;
-  const SECURITY_STATUS status = ::InitializeSecurityContextW(
-      Cred(credential), context ? Ctxt(*context) : nullptr,
-      target.empty() ? nullptr : const_cast<wchar_t*>(target.c_str()), flags, 0,
-      SECURITY_NATIVE_DREP, input ? &inDesc : nullptr, 0, Ctxt(newContext), &outDesc, &attrs,
-      &expiry);
+  const SECURITY_STATUS status =
+      ::InitializeSecurityContextW(Cred(credential), context ? Ctxt(*context) : nullptr,
+                                   target.empty() ? nullptr : const_cast<wchar_t*>(target.c_str()),
+                                   flags, 0, SECURITY_NATIVE_DREP, input ? &inDesc : nullptr, 0,
+                                   Ctxt(newContext), &outDesc, &attrs, &expiry);
   output.data = outToken.pvBuffer;
   output.size = outToken.cbBuffer;
   attributes = attrs;
@@ -129,7 +131,7 @@ void CSecurityPackageWin32::FreeBuffer(void* buffer) { ::FreeContextBuffer(buffe
 bool CImpersonationWin32::DuplicateForImpersonation(IUserToken& primary,
                                                     std::unique_ptr<IUserToken>& impersonation) {
   HANDLE duplicate = nullptr;
-  if (!::DuplicateToken(static_cast<HANDLE>(primary.native()), SecurityImpersonation, &duplicate) ||
+  if (!::DuplicateToken(static_cast<HANDLE>(primary.Native()), SecurityImpersonation, &duplicate) ||
       !duplicate)
     return false;
   impersonation = std::make_unique<CImpersonationTokenWin32>(duplicate);
@@ -137,7 +139,7 @@ bool CImpersonationWin32::DuplicateForImpersonation(IUserToken& primary,
 }
 
 bool CImpersonationWin32::SetThreadToken(IUserToken& impersonation) {
-  return ::SetThreadToken(nullptr, static_cast<HANDLE>(impersonation.native())) != FALSE;
+  return ::SetThreadToken(nullptr, static_cast<HANDLE>(impersonation.Native())) != FALSE;
 }
 
 }  // namespace lindqvar::win32

@@ -12,8 +12,9 @@ class CSecurityPackageWin32 : public ISecurityPackage {
   int32_t AcquireCredentials(const std::u16string& package, uint32_t use,
                              const AuthIdentity* identity, SecurityHandle& credential) override;
   int32_t InitializeContext(SecurityHandle& credential, SecurityHandle* context, uint32_t flags,
-                            const ContextBinding& binding, const uint8_t* input, uint32_t inputSize, SecurityHandle& newContext,
-                            PackageBuffer& output, uint32_t& attributes) override;
+                            const ContextBinding& binding, const uint8_t* input, uint32_t inputSize,
+                            SecurityHandle& newContext, PackageBuffer& output,
+                            uint32_t& attributes) override;
   int32_t CompleteToken(SecurityHandle& context, PackageBuffer& token) override;
   int32_t QueryAttribute(SecurityHandle& context, uint32_t attribute,
                          ContextAttribute& out) override;

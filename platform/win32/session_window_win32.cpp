@@ -26,9 +26,9 @@ bool CSessionWindowWin32::Create(ISessionNotificationSink& sink) {
   wc.hIconSm = nullptr;
   ::RegisterClassExW(&wc);  // a class already registered is not an error here
 
-  m_window = ::CreateWindowExW(0, kDetectorClassName, kDetectorWindowName, WS_OVERLAPPEDWINDOW,
-                               CW_USEDEFAULT, 0, CW_USEDEFAULT, 0, nullptr, nullptr, m_instance,
-                               this);
+  m_window =
+      ::CreateWindowExW(0, kDetectorClassName, kDetectorWindowName, WS_OVERLAPPEDWINDOW,
+                        CW_USEDEFAULT, 0, CW_USEDEFAULT, 0, nullptr, nullptr, m_instance, this);
   if (!m_window) return false;
   ::ShowWindow(m_window, SW_HIDE);
   ::UpdateWindow(m_window);
@@ -51,8 +51,8 @@ PumpWait CSessionWindowWin32::WaitForStopOrMessage(CEvent& stop, uint32_t millis
   HANDLE handle = stop.native_handle();
   // MWMO_INPUTAVAILABLE: a message already queued ends the wait too, not
   // only one that arrives after it began.
-  switch (::MsgWaitForMultipleObjectsEx(1, &handle, milliseconds, QS_ALLINPUT,
-                                        MWMO_INPUTAVAILABLE)) {
+  switch (
+      ::MsgWaitForMultipleObjectsEx(1, &handle, milliseconds, QS_ALLINPUT, MWMO_INPUTAVAILABLE)) {
     case WAIT_OBJECT_0: return PumpWait::kStop;
     case WAIT_OBJECT_0 + 1: return PumpWait::kMessage;
     case WAIT_TIMEOUT: return PumpWait::kTimeout;
@@ -73,7 +73,8 @@ LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, 
                                                        LPARAM lParam) {
   auto* self = reinterpret_cast<CSessionWindowWin32*>(::GetWindowLongPtrW(hwnd, GWLP_USERDATA));
   if (message == WM_NCCREATE) {
-    self = static_cast<CSessionWindowWin32*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
+    self =
+        static_cast<CSessionWindowWin32*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
     self->m_window = hwnd;
     ::SetWindowLongPtrW(hwnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(self));
   } else if (message == WM_DESTROY) {
@@ -87,9 +88,7 @@ LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, 
                 static_cast<UINT>(NotificationKind::kSessionUnlock) == WTS_SESSION_UNLOCK);
   try {
     switch (message) {
-      case WM_DESTROY:
-        ::PostQuitMessage(0);
-        return 0;
+      case WM_DESTROY: ::PostQuitMessage(0); return 0;
       case WM_POWERBROADCAST:
         // Other power messages are swallowed, not passed on.
         if (wParam == PBT_APMRESUMESUSPEND)
@@ -101,8 +100,7 @@ LRESULT CALLBACK CSessionWindowWin32::StaticWindowProc(HWND hwnd, UINT message, 
           self->m_sink->OnNotification(
               {static_cast<NotificationKind>(wParam), static_cast<uint32_t>(lParam)});
         return 0;
-      default:
-        return ::DefWindowProcW(hwnd, message, wParam, lParam);
+      default: return ::DefWindowProcW(hwnd, message, wParam, lParam);
     }
   } catch (...) {
     // No exception may unwind through the system's dispatch.

@@ -82,8 +82,8 @@ ScopedFileHandle OpenLog(std::u16string_view name) {
   if (OpenLogFileForAppend(std::wstring(W(folder)), std::wstring(W(file)), handle) ==
           LogFileOpen::kRefused &&
       !reported.exchange(true)) {
-    const std::u16string text = u"The log file " + folder + file +
-                                u" is a link or not a plain file; logging to it is off";
+    const std::u16string text =
+        u"The log file " + folder + file + u" is a link or not a plain file; logging to it is off";
     ScopedEventSource source(::RegisterEventSourceW(nullptr, L"Lindqvar"));
     if (source) {
       const wchar_t* strings[] = {W(text)};
@@ -189,7 +189,8 @@ void CSupportLibraryWin32::LogW(uint32_t eventId, uint32_t level,
   WriteEvent(eventId, level, text);
 }
 
-void CSupportLibraryWin32::WriteEvent(uint32_t eventId, uint32_t level, const std::u16string& text) {
+void CSupportLibraryWin32::WriteEvent(uint32_t eventId, uint32_t level,
+                                      const std::u16string& text) {
   // Levels as in the catalogue: 4 warning, anything else informational.
   const WORD type = level == 4 ? EVENTLOG_WARNING_TYPE : EVENTLOG_INFORMATION_TYPE;
   std::lock_guard<std::mutex> lock(m_eventMutex);
@@ -240,7 +241,9 @@ void CSupportLibraryWin32::cfg_get_logging_info(uint8_t* record) {
          ReadDword(HKEY_LOCAL_MACHINE, kLoggingKey, u"LogLevel", kLevelErrors));
 }
 
-bool CSupportLibraryWin32::cfg_is_fips_mode_enabled() { return ReadAgentDword(u"FipsMode", 0) != 0; }
+bool CSupportLibraryWin32::cfg_is_fips_mode_enabled() {
+  return ReadAgentDword(u"FipsMode", 0) != 0;
+}
 
 bool CSupportLibraryWin32::cfg_get_velmora_guid(std::u16string& guid) {
   guid = ReadString(HKEY_LOCAL_MACHINE, kClientKey, u"ClientGuid", u"");
@@ -280,7 +283,7 @@ namespace {
 class UserToken : public IUserToken {
  public:
   explicit UserToken(HANDLE h) : m_token(h) {}
-  void* native() const override { return m_token.get(); }
+  void* Native() const override { return m_token.get(); }
 
  private:
   ScopedHandle m_token;

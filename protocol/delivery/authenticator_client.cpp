@@ -2,8 +2,8 @@
 
 namespace lindqvar {
 
-CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support,
-                                           INetwork& network, const Timings& timings,
+CAuthenticatorClient::CAuthenticatorClient(CLog& log, ISupportLibrary& support, INetwork& network,
+                                           const Timings& timings,
                                            const CertificateMaterial& material)
     : m_log(log),
       m_support(support),
@@ -66,8 +66,7 @@ ExchangeReport CAuthenticatorClient::Exchange(const ServerEntry& server,
   }
   if (m_observer) m_observer->OnExchangeStart(server);
   const DialogueParts parts{m_log, m_support, m_resolver, m_tls, m_ntlmRelay, m_bLogTickCount != 0};
-  ExchangeReport report =
-      SendAndReceive(parts, server, config.presharedKey, local, session, event);
+  ExchangeReport report = SendAndReceive(parts, server, config.presharedKey, local, session, event);
   if (report.keepAliveInterval != 0) m_dwKeepAliveInterval = report.keepAliveInterval;
   if (m_observer) m_observer->OnExchange(report);
   return report;

@@ -84,8 +84,8 @@ class CAuthenticatorClient : public IEventDelivery {
   // at the start (with m_passLock held): true when any dialogue passed.
   bool Pass(uint32_t session, const CEncoder* event);
   // The dialogue with one server under the pass's configuration.
-  ExchangeReport Exchange(const ServerEntry& server, const DeliveryConfig& config,
-                          uint32_t session, const CEncoder* event);
+  ExchangeReport Exchange(const ServerEntry& server, const DeliveryConfig& config, uint32_t session,
+                          const CEncoder* event);
   DeliveryConfigPtr Configuration() const;
 
   CLog& m_log;

@@ -54,7 +54,8 @@ class CServerDialogue {
     ExchangeStage stage = Connect(connection, report);
     if (stage == ExchangeStage::kHello) stage = Greet(connection, decoder, report);
     if (stage == ExchangeStage::kEventAck)
-      stage = event ? SendEvent(connection, decoder, session, *event, report) : ExchangeStage::kDone;
+      stage =
+          event ? SendEvent(connection, decoder, session, *event, report) : ExchangeStage::kDone;
     close_connection(connection);
 
     if (event) {
@@ -79,7 +80,7 @@ class CServerDialogue {
 
     CSocket& socket = connection.Socket();
     socket = CSocket::Open(target.address.Family());
-    if (!socket.valid() || socket.native() == 0) {
+    if (!socket.Valid() || socket.Native() == 0) {
       m_parts.log.Error("SendAndReceive(), failed to call socket()");
       return ExchangeStage::kSocket;
     }
@@ -100,7 +101,8 @@ class CServerDialogue {
     const uint32_t up = m_parts.tls.SslClientInit(connection, target);
     report.certificate = connection.ServerCheck();
     // A refused server never sees the hello, nor (later) the NTLM relay.
-    if (!up) return connection.ServerCheck().refused ? ExchangeStage::kVerify : ExchangeStage::kConnect;
+    if (!up)
+      return connection.ServerCheck().refused ? ExchangeStage::kVerify : ExchangeStage::kConnect;
     report.tlsVersion = SSL_get_version(connection.Ssl());
     report.cipher = SSL_get_cipher_name(connection.Ssl());
     return ExchangeStage::kHello;
@@ -155,7 +157,7 @@ class CServerDialogue {
   // acknowledgement asks for it: kDone once an acknowledgement (of any
   // kind) came.
   ExchangeStage SendEvent(CTlsConnection& connection, CDecoder& decoder, uint32_t session,
-                            const CEncoder& event, ExchangeReport& report) {
+                          const CEncoder& event, ExchangeReport& report) {
     connection.WriteMessage(event);
     if (!connection.ReceiveMessage(decoder)) {
       m_parts.log.Error(
@@ -171,8 +173,8 @@ class CServerDialogue {
     report.eventResult = ack.result;
     report.keepAliveInterval = ack.keepAliveInterval;
     if (ack.result == kEventResultNtlmRequired) {
-      m_parts.log.Debug("Start NTLM authentication on session %d, TID:%d", static_cast<int>(session),
-                        m_threadId);
+      m_parts.log.Debug("Start NTLM authentication on session %d, TID:%d",
+                        static_cast<int>(session), m_threadId);
       if (m_parts.ntlmRelay) m_parts.ntlmRelay->NtlmAuthenticate(connection, session);
     }
     return ExchangeStage::kDone;

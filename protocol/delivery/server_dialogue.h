@@ -74,8 +74,8 @@ struct DialogueParts {
   ISupportLibrary& support;  // the client GUID for the agent's hello
   CServerResolver& resolver;
   CTlsClient& tls;
-  INtlmRelay* ntlmRelay;     // null: a request for NTLM proof is only logged
-  bool tickLogging;          // the connection line carries ", TICC:%d"
+  INtlmRelay* ntlmRelay;  // null: a request for NTLM proof is only logged
+  bool tickLogging;       // the connection line carries ", TICC:%d"
 };
 
 // The dialogue with `server` for `session`'s event, with the preshared key

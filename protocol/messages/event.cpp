@@ -69,7 +69,8 @@ void SessionRecord::Write(CEncoder& e) const {
 
 std::vector<std::string> SessionRecord::IPv4Text() const {
   std::vector<std::string> out;
-  for (uint32_t a : ipv4) out.push_back(AddressText(kFamilyIPv4, reinterpret_cast<const uint8_t*>(&a), 4));
+  for (uint32_t a : ipv4)
+    out.push_back(AddressText(kFamilyIPv4, reinterpret_cast<const uint8_t*>(&a), 4));
   return out;
 }
 
@@ -163,8 +164,8 @@ int build_session_record(CEncoder& encoder, const CTerminalSession& entry,
 
 std::string SessionLogDomainText(const SessionLogRecord& r) {
   std::string text = r.domain + "," + "Workstation Name:" + WideToUtf8(AnsiToWide(r.computerName)) +
-                     "," + "IP:" + DottedIPv4(r.localIPv4) + "," + "BRK:" +
-                     DottedIPv4(r.serverIPv4) + ",";
+                     "," + "IP:" + DottedIPv4(r.localIPv4) + "," +
+                     "BRK:" + DottedIPv4(r.serverIPv4) + ",";
   const int tid = static_cast<int>(r.threadId);
   if (!r.tickLogging) return text + Format("TID:%d", tid);
   return text + Format(r.delivered ? "succeeded to send session info, TICC:%d, TID:%d"

@@ -33,7 +33,7 @@ struct SessionRecord {
   std::string tenantId{};
   std::vector<uint32_t> ipv4{};     // network byte order; 0 entries are not sent
   std::vector<IPv6Address> ipv6{};  // entries whose first 16-bit word is 0 are not sent
-  uint32_t time = 0;              // seconds since 1970, low 32 bits
+  uint32_t time = 0;                // seconds since 1970, low 32 bits
 
   // Appends one MSG_SESSION_INFO group in the fixed attribute order (to an
   // open MSG_EVENT).
@@ -97,13 +97,13 @@ inline constexpr uint32_t kActionKeepAlive = 5;
 // The facts of one delivery for its local log record.
 struct SessionLogRecord {
   uint32_t action = 0;
-  std::string domain;        // the user's
+  std::string domain;  // the user's
   std::string user;
   std::string computerName;
-  uint32_t localIPv4 = 0;    // network byte order
-  uint32_t serverIPv4 = 0;   // network byte order
+  uint32_t localIPv4 = 0;   // network byte order
+  uint32_t serverIPv4 = 0;  // network byte order
   bool delivered = false;
-  bool tickLogging = true;   // TICC variant
+  bool tickLogging = true;  // TICC variant
   uint32_t tickCount = 0;
   uint32_t threadId = 0;
 };

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-
 namespace lindqvar {
 
 void NtlmToken::Write(CEncoder& e) const {

@@ -28,17 +28,18 @@ std::vector<uint8_t> ChannelBindingsBlock(const std::vector<uint8_t>& applicatio
     for (int i = 0; i < 4; ++i) block[at + i] = static_cast<uint8_t>(v >> (8 * i));
   };
   put(24, static_cast<uint32_t>(applicationData.size()));  // cbApplicationDataLength
-  put(28, kHeaderSize);                                     // dwApplicationDataOffset
+  put(28, kHeaderSize);                                    // dwApplicationDataOffset
   std::copy(applicationData.begin(), applicationData.end(), block.begin() + kHeaderSize);
   return block;
 }
 
 CNtlmPackage::CNtlmPackage(ISecurityPackage& package, Print print, Clock clock)
     : m_package(package), m_print(std::move(print)), m_clock(std::move(clock)) {
-  if (!m_print) m_print = [](const std::string& text) {
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
-  };
+  if (!m_print)
+    m_print = [](const std::string& text) {
+      std::fputs(text.c_str(), stdout);
+      std::fflush(stdout);
+    };
   if (!m_clock) m_clock = [] { return static_cast<uint32_t>(std::time(nullptr)); };
 }
 
@@ -79,7 +80,7 @@ bool CNtlmPackage::Add(uint32_t key1, uint32_t key2, std::unique_ptr<ContextReco
 }
 
 std::list<CNtlmPackage::Entry>::const_iterator CNtlmPackage::FindLocked(uint32_t key1,
-                                                                       uint32_t key2) const {
+                                                                        uint32_t key2) const {
   return std::find_if(m_table.begin(), m_table.end(),
                       [&](const Entry& e) { return e.key1 == key1 && e.key2 == key2; });
 }
@@ -140,17 +141,16 @@ bool CNtlmPackage::HasExchange(uint32_t key1, uint32_t key2) const {
   return FindLocked(key1, key2) != m_table.end();
 }
 
-bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input,
-                             uint32_t inputSize, const AuthIdentity* identity, uint32_t flags,
-                             PackageBuffer& output) {
+bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input, uint32_t inputSize,
+                             const AuthIdentity* identity, uint32_t flags, PackageBuffer& output) {
   // Only the relay thread that owns the key pair uses the record.
   ContextRecord* record = Find(key1, key2);
   if (!record) return false;
 
   if (record->isNew) {
     const AuthIdentity* given = identity && !identity->user.empty() ? identity : nullptr;
-    const int32_t status =
-        m_package.AcquireCredentials(kPackage, sec::kCredentialsOutbound, given, record->credential);
+    const int32_t status = m_package.AcquireCredentials(kPackage, sec::kCredentialsOutbound, given,
+                                                        record->credential);
     if (status < 0) {
       Printf("AcquireCreds failed: 0x%08x\n", static_cast<unsigned>(status));
       return false;
@@ -163,8 +163,8 @@ bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input,
   uint32_t attributes = 0;
   const int32_t status = m_package.InitializeContext(
       record->credential, record->isNew ? nullptr : &record->context, flags | sec::kAllocateMemory,
-      record->binding, record->isNew ? nullptr : input, record->isNew ? 0 : inputSize, record->context, output,
-      attributes);
+      record->binding, record->isNew ? nullptr : input, record->isNew ? 0 : inputSize,
+      record->context, output, attributes);
   if (status < 0) {
     Printf("InitializeSecurityContext failed: 0x%08x\n", static_cast<unsigned>(status));
     return false;
@@ -178,7 +178,8 @@ bool CNtlmPackage::TokenStep(uint32_t key1, uint32_t key2, const uint8_t* input,
     }
   }
   record->isNew = 0;
-  if (m_trace) Printf("token buffer generated (%lu bytes):\n", static_cast<unsigned long>(output.size));
+  if (m_trace)
+    Printf("token buffer generated (%lu bytes):\n", static_cast<unsigned long>(output.size));
 
   if (!Continues(status)) {
     ContextAttribute value;

@@ -29,7 +29,8 @@ bool BindingOfVerifiedServer(CTlsConnection& connection, ContextBinding& binding
   if (host.size() > 2 && host.front() == '[' && host.back() == ']')
     host = host.substr(1, host.size() - 2);
   if (host.empty()) return false;
-  const std::vector<uint8_t> endPoint = TlsServerEndPoint(SSL_get0_peer_certificate(connection.Ssl()));
+  const std::vector<uint8_t> endPoint =
+      TlsServerEndPoint(SSL_get0_peer_certificate(connection.Ssl()));
   if (endPoint.empty()) return false;
   binding.targetName = Utf8ToWide("HOST/" + host);
   binding.channelBindings = ChannelBindingsBlock(endPoint);
@@ -44,7 +45,8 @@ void CNtlmRelay::NtlmAuthenticate(CTlsConnection& connection, uint32_t session) 
   if (connection.ServerCheck().settings.verify && !BindingOfVerifiedServer(connection, binding)) {
     // A verified server gets a proof that is good for it alone; a proof
     // that cannot be bound is not made.
-    m_log.Error("Failed to bind NTLM authentication to the verified server, no NTLM authentication");
+    m_log.Error(
+        "Failed to bind NTLM authentication to the verified server, no NTLM authentication");
     outcome.failure = "Failed to bind NTLM authentication to the verified server";
   } else {
     if (!connection.ServerCheck().settings.verify && !m_warnedUnverified.exchange(true)) {
@@ -93,7 +95,7 @@ NtlmOutcome CNtlmRelay::Relay(CTlsConnection& connection, uint32_t session,
   token.reset();
 
   const uint32_t key = ++m_dwNtlmKey;
-  const auto socketKey = static_cast<uint32_t>(connection.Socket().native());
+  const auto socketKey = static_cast<uint32_t>(connection.Socket().Native());
   outcome = Exchange(connection, socketKey, key, binding);
   // Clean-up, in this order: the impersonation token, the key's NTLM
   // context.

@@ -35,9 +35,9 @@ class INtlmRelay {
 
 // How a relay ended, for tools that show it.
 struct NtlmOutcome {
-  uint32_t key = 0;          // 0: no key taken
-  int32_t result = -1;       // the server's result word; -1 when none was read
-  std::string failure;       // the failure's log text; empty when a result came
+  uint32_t key = 0;     // 0: no key taken
+  int32_t result = -1;  // the server's result word; -1 when none was read
+  std::string failure;  // the failure's log text; empty when a result came
 };
 
 class CNtlmRelay : public INtlmRelay {

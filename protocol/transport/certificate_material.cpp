@@ -35,7 +35,8 @@ bool ParseCertificateRegion(const uint8_t* region, size_t size, CertificateMater
                               &m.alternativePassPhrase};
   for (CertificateItem* item : items) {
     if (size - at < 4) return false;
-    const uint32_t len = static_cast<uint32_t>(region[at]) | (static_cast<uint32_t>(region[at + 1]) << 8) |
+    const uint32_t len = static_cast<uint32_t>(region[at]) |
+                         (static_cast<uint32_t>(region[at + 1]) << 8) |
                          (static_cast<uint32_t>(region[at + 2]) << 16) |
                          (static_cast<uint32_t>(region[at + 3]) << 24);
     at += 4;

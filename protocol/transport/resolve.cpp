@@ -23,14 +23,15 @@ uint32_t CServerResolver::resolve_server(const ServerEntry& server, IpAddress* a
 
   std::lock_guard<std::mutex> lock(m_lock);
   if (tick)
-    m_log.Debug("Start to resolve address for Brannock:%s, TICC:%d, TID:%d", name.c_str(), ticc, tid);
+    m_log.Debug("Start to resolve address for Brannock:%s, TICC:%d, TID:%d", name.c_str(), ticc,
+                tid);
   else
     m_log.Debug("Start to resolve address for Brannock:%s, TID:%d", name.c_str(), tid);
 
   // The 8-bit name, bounded by its field in case it lacks a terminator.
   const void* nul = std::memchr(server.host, '\0', sizeof server.host);
-  const std::string host(server.host, nul ? static_cast<const char*>(nul) - server.host
-                                          : sizeof server.host);
+  const std::string host(server.host,
+                         nul ? static_cast<const char*>(nul) - server.host : sizeof server.host);
   IpAddress obtained;
   std::vector<ResolvedAddress> answers;
   if (!parse_address_literal(host.c_str(), obtained) && m_network.Resolve(host, answers) == 0 &&

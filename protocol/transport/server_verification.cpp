@@ -31,10 +31,10 @@ int CheckIndex() {
 }
 
 int VerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
-  auto* ssl = static_cast<SSL*>(
-      X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
-  auto* check = ssl ? static_cast<ServerCertificateCheck*>(SSL_get_ex_data(ssl, CheckIndex()))
-                    : nullptr;
+  auto* ssl =
+      static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  auto* check =
+      ssl ? static_cast<ServerCertificateCheck*>(SSL_get_ex_data(ssl, CheckIndex())) : nullptr;
   if (!check) return preverifyOk;
   const ServerVerification& settings = check->settings;
 
@@ -53,8 +53,8 @@ int VerifyCallback(int preverifyOk, X509_STORE_CTX* store) {
     check->subject = subject;
     unsigned int size = 0;
     X509_digest(leaf, EVP_sha256(), check->sha256.data(), &size);
-    check->pinned = std::find(settings.pins.begin(), settings.pins.end(), check->sha256) !=
-                    settings.pins.end();
+    check->pinned =
+        std::find(settings.pins.begin(), settings.pins.end(), check->sha256) != settings.pins.end();
   }
   // The pin list decides once the chain itself has passed, at the server's
   // certificate (the last call of a successful verification).
@@ -120,7 +120,8 @@ bool ServerCertificateCheck::Passes() const {
 
 std::string ServerCertificateCheck::Reason(const std::string& host) const {
   if (!seen) return "the server presented no certificate";
-  if (!hostUsable) return "the configured host \"" + host + "\" cannot be checked against a certificate";
+  if (!hostUsable)
+    return "the configured host \"" + host + "\" cannot be checked against a certificate";
   if (chainResult == X509_V_ERR_HOSTNAME_MISMATCH || chainResult == X509_V_ERR_IP_ADDRESS_MISMATCH)
     return "the certificate (" + subject + ") is not issued for " + host;
   if (chainResult != X509_V_OK && chainResult != X509_V_ERR_APPLICATION_VERIFICATION)

@@ -46,19 +46,19 @@ void AddServerPins(std::string_view text, ServerVerification& out);
 struct ServerCertificateCheck {
   ServerVerification settings;  // what the connection is held to
 
-  std::string host;         // the configured host it is checked against
-  bool hostUsable = true;   // the configured host could be set as the name to check
+  std::string host;        // the configured host it is checked against
+  bool hostUsable = true;  // the configured host could be set as the name to check
   // Whether subject and fingerprint are taken: with verification on (for
   // the pin list and the reason of a refusal) and where a tool reads them;
   // hashing the certificate on every handshake of the agent would serve no
   // one otherwise.
   bool describe = true;
-  bool seen = false;        // the server presented a certificate
-  std::string subject;      // its subject, one line (when described)
-  Sha256 sha256{};          // SHA-256 of its DER encoding (when described)
-  long chainResult = -1;    // X509_V_OK when the chain and the host name verify
-  bool pinned = false;      // its fingerprint is in the pin list
-  bool refused = false;     // the connection was refused because of it
+  bool seen = false;      // the server presented a certificate
+  std::string subject;    // its subject, one line (when described)
+  Sha256 sha256{};        // SHA-256 of its DER encoding (when described)
+  long chainResult = -1;  // X509_V_OK when the chain and the host name verify
+  bool pinned = false;    // its fingerprint is in the pin list
+  bool refused = false;   // the connection was refused because of it
 
   // Chain and name verify, and the pin list (when there is one) holds it.
   bool Passes() const;

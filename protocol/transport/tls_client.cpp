@@ -82,7 +82,7 @@ bool CTlsClient::SetUp(CTlsConnection& connection, const TlsTarget& target) {
     m_log.Error("SslClientInit(), failed to  create a new SSL structure for a connection");
     return false;
   }
-  if (SSL_set_fd(ssl, static_cast<int>(connection.m_socket.native())) == 0) {
+  if (SSL_set_fd(ssl, static_cast<int>(connection.m_socket.Native())) == 0) {
     m_log.Error("SslClientInit(), failed to  connect the SSL object with a file descriptor");
     return false;
   }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-
 namespace lindqvar {
 
 CTlsConnection::~CTlsConnection() { close_connection(*this); }
@@ -19,8 +18,8 @@ void CTlsConnection::StartExchange(uint32_t messageLimitMs, uint32_t exchangeLim
 
 void CTlsConnection::BeginMessage() {
   if (!m_limited) return;
-  m_messageDeadline = std::min(m_exchangeDeadline,
-                               Clock::now() + std::chrono::milliseconds(m_messageLimitMs));
+  m_messageDeadline =
+      std::min(m_exchangeDeadline, Clock::now() + std::chrono::milliseconds(m_messageLimitMs));
 }
 
 uint32_t CTlsConnection::ExchangeTimeLeftMs() const {
@@ -90,8 +89,8 @@ int CTlsConnection::Read(void* data, int size) {
 
 uint32_t CTlsConnection::ReceiveMessage(CDecoder& decoder) {
   BeginMessage();
-  return lindqvar::ReceiveMessage(
-      decoder, [this](void* buffer, int count) { return Read(buffer, count); });
+  return lindqvar::ReceiveMessage(decoder,
+                                  [this](void* buffer, int count) { return Read(buffer, count); });
 }
 
 uint32_t close_connection(CTlsConnection& connection) {
@@ -101,7 +100,7 @@ uint32_t close_connection(CTlsConnection& connection) {
     SSL_free(connection.m_ssl);
     connection.m_ssl = nullptr;
   }
-  if (connection.m_socket.valid()) {
+  if (connection.m_socket.Valid()) {
     connection.m_socket.ShutdownBoth();
     connection.m_socket.Close();
   }

@@ -26,15 +26,14 @@ bool ApprovedDigest(int nid) {
     case NID_sha3_224:
     case NID_sha3_256:
     case NID_sha3_384:
-    case NID_sha3_512:
-      return true;
-    default:
-      return false;
+    case NID_sha3_512: return true;
+    default: return false;
   }
 }
 
 bool ApprovedKey(EVP_PKEY* key) {
-  if (EVP_PKEY_is_a(key, "RSA") || EVP_PKEY_is_a(key, "RSA-PSS")) return EVP_PKEY_get_bits(key) >= 2048;
+  if (EVP_PKEY_is_a(key, "RSA") || EVP_PKEY_is_a(key, "RSA-PSS"))
+    return EVP_PKEY_get_bits(key) >= 2048;
   if (EVP_PKEY_is_a(key, "EC")) {
     char group[64] = {};
     size_t len = 0;

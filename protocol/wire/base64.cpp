@@ -104,9 +104,7 @@ std::unique_ptr<uint8_t[]> Base64Decode(const char* text, uint32_t count, int32_
     const int v = Base64Value(c);
     if (v < 0) continue;
     switch (phase) {
-      case 0:
-        out[n] = static_cast<uint8_t>(v << 2);
-        break;
+      case 0: out[n] = static_cast<uint8_t>(v << 2); break;
       case 1:
         out[n++] |= static_cast<uint8_t>(v >> 4);
         out[n] = static_cast<uint8_t>((v & 0x0F) << 4);
@@ -115,9 +113,7 @@ std::unique_ptr<uint8_t[]> Base64Decode(const char* text, uint32_t count, int32_
         out[n++] |= static_cast<uint8_t>(v >> 2);
         out[n] = static_cast<uint8_t>((v & 0x03) << 6);
         break;
-      default:
-        out[n++] |= static_cast<uint8_t>(v);
-        break;
+      default: out[n++] |= static_cast<uint8_t>(v); break;
     }
     phase = (phase + 1) & 3;
   }

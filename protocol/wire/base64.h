@@ -16,8 +16,7 @@ size_t Base64EncodedSize(uint32_t count, bool lineBreaks = false);
 // the last group with "="; with lineBreaks a CR LF follows every 76
 // characters. NUL-terminates and returns the number of characters written,
 // the terminator excluded.
-uint32_t Base64Encode(const uint8_t* input, uint32_t count, char* output,
-                      bool lineBreaks = false);
+uint32_t Base64Encode(const uint8_t* input, uint32_t count, char* output, bool lineBreaks = false);
 // The same, as a string without line breaks.
 std::string Base64Text(const void* input, uint32_t count);
 // Decodes `count` characters of base64 text. A leading "begin..." line is

@@ -42,29 +42,29 @@ inline constexpr uint8_t MSG_NTLM_RESULT = 141;        // received
 
 // --- attribute codes ---------------------------------------------------------
 // In MSG_HELLO (both directions) and the NTLM messages.
-inline constexpr uint8_t ATTR_ID = 1;                // u32
-inline constexpr uint8_t ATTR_HELLO_FLAGS = 16;      // u32, bit 0: digest required
-inline constexpr uint8_t ATTR_VERSION_TEXT = 17;     // string
-inline constexpr uint8_t ATTR_DIGEST = 18;           // bytes, 16
-inline constexpr uint8_t ATTR_CLIENT_GUID = 19;      // bytes (UTF-8 text), agent's reply only
+inline constexpr uint8_t ATTR_ID = 1;             // u32
+inline constexpr uint8_t ATTR_HELLO_FLAGS = 16;   // u32, bit 0: digest required
+inline constexpr uint8_t ATTR_VERSION_TEXT = 17;  // string
+inline constexpr uint8_t ATTR_DIGEST = 18;        // bytes, 16
+inline constexpr uint8_t ATTR_CLIENT_GUID = 19;   // bytes (UTF-8 text), agent's reply only
 // In MSG_SESSION_INFO.
-inline constexpr uint8_t ATTR_LOGON = 81;            // u32
-inline constexpr uint8_t ATTR_IPV4 = 82;             // u32, address bytes in network order
-inline constexpr uint8_t ATTR_WORKSTATION = 83;      // string, upper-cased
-inline constexpr uint8_t ATTR_DOMAIN = 84;           // string, upper-cased
-inline constexpr uint8_t ATTR_USER = 85;             // string, upper-cased
-inline constexpr uint8_t ATTR_TIME = 87;             // u32, seconds since 1970
-inline constexpr uint8_t ATTR_FIXED_VALUE = 89;      // u32, always 4096
-inline constexpr uint8_t ATTR_IPV6 = 94;             // bytes, 16
-inline constexpr uint8_t ATTR_AZURE_ACCOUNT = 95;    // string, upper-cased
-inline constexpr uint8_t ATTR_DEVICE_UUID = 130;     // string, upper-cased
-inline constexpr uint8_t ATTR_VRX_SERIAL = 131;      // string, upper-cased
-inline constexpr uint8_t ATTR_TENANT_ID = 132;       // string, upper-cased
+inline constexpr uint8_t ATTR_LOGON = 81;          // u32
+inline constexpr uint8_t ATTR_IPV4 = 82;           // u32, address bytes in network order
+inline constexpr uint8_t ATTR_WORKSTATION = 83;    // string, upper-cased
+inline constexpr uint8_t ATTR_DOMAIN = 84;         // string, upper-cased
+inline constexpr uint8_t ATTR_USER = 85;           // string, upper-cased
+inline constexpr uint8_t ATTR_TIME = 87;           // u32, seconds since 1970
+inline constexpr uint8_t ATTR_FIXED_VALUE = 89;    // u32, always 4096
+inline constexpr uint8_t ATTR_IPV6 = 94;           // bytes, 16
+inline constexpr uint8_t ATTR_AZURE_ACCOUNT = 95;  // string, upper-cased
+inline constexpr uint8_t ATTR_DEVICE_UUID = 130;   // string, upper-cased
+inline constexpr uint8_t ATTR_VRX_SERIAL = 131;    // string, upper-cased
+inline constexpr uint8_t ATTR_TENANT_ID = 132;     // string, upper-cased
 // In MSG_HELLO_ACK.
-inline constexpr uint8_t ATTR_HELLO_RESULT = 144;    // u32, 1 = accepted
+inline constexpr uint8_t ATTR_HELLO_RESULT = 144;  // u32, 1 = accepted
 // In the NTLM messages.
-inline constexpr uint8_t ATTR_NTLM_TOKEN = 160;      // bytes (base64 text)
-inline constexpr uint8_t ATTR_NTLM_STATUS = 161;     // u32, read without byte-order conversion
+inline constexpr uint8_t ATTR_NTLM_TOKEN = 160;   // bytes (base64 text)
+inline constexpr uint8_t ATTR_NTLM_STATUS = 161;  // u32, read without byte-order conversion
 // In MSG_EVENT_ACK.
 inline constexpr uint8_t ATTR_EVENT_RESULT = 192;        // u32
 inline constexpr uint8_t ATTR_KEEPALIVE_INTERVAL = 193;  // u32, seconds

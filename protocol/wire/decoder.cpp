@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-
 namespace lindqvar {
 
 CDecoder::CDecoder(uint8_t* buffer, uint32_t length) {
@@ -91,9 +90,7 @@ uint8_t* CDecoder::next() {
         // length value is harmless here.
         step = kAttributeHeaderSize;
         break;
-      default:
-        fits = false;
-        break;
+      default: fits = false; break;
     }
   }
   if (!fits) {
@@ -124,13 +121,12 @@ uint32_t CDecoder::ValueRawU32() const {
   uint32_t raw = 0;
   // next() made sure that the four bytes at offset 6 of a u32 lie in the
   // buffer.
-  if (m_type == TYPE_U32 && m_header) std::memcpy(&raw, m_header + kAttributeHeaderSize, sizeof raw);
+  if (m_type == TYPE_U32 && m_header)
+    std::memcpy(&raw, m_header + kAttributeHeaderSize, sizeof raw);
   return raw;
 }
 
-uint8_t CDecoder::message_code() const {
-  return (m_buffer && m_total > 4) ? m_buffer[4] : 0;
-}
+uint8_t CDecoder::message_code() const { return (m_buffer && m_total > 4) ? m_buffer[4] : 0; }
 
 uint8_t CDecoder::peek_code() const { return Remaining() > 4 ? m_cursor[4] : 0; }
 

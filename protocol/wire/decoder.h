@@ -75,8 +75,8 @@ class CDecoder {
   uint8_t m_code = 0;
   uint32_t m_length = 0;
   uint8_t m_type = 0;
-  uint64_t m_value = 0;                   // u16 / u32 in host order
-  const uint8_t* m_valueData = nullptr;   // bytes, string, group
+  uint64_t m_value = 0;                  // u16 / u32 in host order
+  const uint8_t* m_valueData = nullptr;  // bytes, string, group
   const uint8_t* m_header = nullptr;
 };
 

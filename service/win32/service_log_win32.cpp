@@ -41,8 +41,7 @@ void CServiceLogWin32::Write(ServiceEvent id, EventKind kind, const std::string&
 
   win32::ScopedFileHandle file;
   const std::wstring folder = Folder();
-  const win32::LogFileOpen opened =
-      win32::OpenLogFileForAppend(folder, kServiceLogFile, file);
+  const win32::LogFileOpen opened = win32::OpenLogFileForAppend(folder, kServiceLogFile, file);
   if (opened == win32::LogFileOpen::kRefused && !m_refusalReported && m_source) {
     // Reported once; the service carries on with the event log alone.
     m_refusalReported = true;

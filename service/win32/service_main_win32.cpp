@@ -61,10 +61,8 @@ DWORD WINAPI ControlHandler(DWORD control, DWORD, void*, void*) {
       ReportStatus(SERVICE_STOP_PENDING, 0, kTimings.stopLimitMs + 5000);
       ::SetEvent(g_service.stop);
       return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
-      return NO_ERROR;
-    default:
-      return ERROR_CALL_NOT_IMPLEMENTED;
+    case SERVICE_CONTROL_INTERROGATE: return NO_ERROR;
+    default: return ERROR_CALL_NOT_IMPLEMENTED;
   }
 }
 
@@ -85,7 +83,8 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   g_service.handle = ::RegisterServiceCtrlHandlerExW(kServiceName, ControlHandler, nullptr);
   if (!g_service.handle) return;
   ReportStatus(SERVICE_START_PENDING, 0, 10000);
-  g_service.stop = ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
+  g_service.stop =
+      ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
   if (!g_service.stop) {
     ReportStatus(SERVICE_STOPPED, ::GetLastError(), 0);
     return;
@@ -120,15 +119,16 @@ void WaitServiceStopped(DWORD limitMs) {
 }
 
 int Usage() {
-  std::fprintf(stderr,
-               "lindqvar-service.exe is the Windows service \"LindqvarAgent\"; start it with\n"
-               "  net start LindqvarAgent\n"
-               "Other uses:\n"
-               "  lindqvar-service.exe --console          run in the foreground until Ctrl-C\n"
-               "  lindqvar-service.exe --setup install    restrict the settings key's (and, outside\n"
-               "                                          Program Files, the program folder's) access\n"
-               "  lindqvar-service.exe --setup stopped    wait until the service has stopped\n"
-               "  lindqvar-service.exe --setup remove     the same, then remove its registry and logs\n");
+  std::fprintf(
+      stderr,
+      "lindqvar-service.exe is the Windows service \"LindqvarAgent\"; start it with\n"
+      "  net start LindqvarAgent\n"
+      "Other uses:\n"
+      "  lindqvar-service.exe --console          run in the foreground until Ctrl-C\n"
+      "  lindqvar-service.exe --setup install    restrict the settings key's (and, outside\n"
+      "                                          Program Files, the program folder's) access\n"
+      "  lindqvar-service.exe --setup stopped    wait until the service has stopped\n"
+      "  lindqvar-service.exe --setup remove     the same, then remove its registry and logs\n");
   return 2;
 }
 
@@ -142,7 +142,8 @@ int Main(int argc, char** argv) {
   }
   const std::string mode = argv[1];
   if (mode == "--console" && argc == 2) {
-    g_service.stop = ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
+    g_service.stop =
+        ::CreateEventW(lindqvar::win32::CProtectedSecurity().get(), TRUE, FALSE, nullptr);
     ::SetConsoleCtrlHandler(ConsoleHandler, TRUE);
     return static_cast<int>(Supervise(g_service.stop));
   }

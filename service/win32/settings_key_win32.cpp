@@ -25,7 +25,7 @@ struct LocalTraits {
   static Handle Invalid() { return nullptr; }
   static void Close(Handle h) { ::LocalFree(h); }
 };
-using ScopedLocal = win32::ScopedGeneric<LocalTraits>;
+using ScopedLocal = win32::CScopedGeneric<LocalTraits>;
 
 constexpr REGSAM k64 = KEY_WOW64_64KEY;
 
@@ -67,8 +67,8 @@ uint32_t ProtectSettingsKey() {
   PACL dacl = nullptr;
   if (!::GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted)) return ::GetLastError();
   return ::SetSecurityInfo(key.get(), SE_REGISTRY_KEY,
-                           DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                           nullptr, nullptr, dacl, nullptr);
+                           DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                           nullptr, dacl, nullptr);
 }
 
 std::wstring SettingsKeyAccess() {
@@ -79,8 +79,8 @@ std::wstring SettingsKeyAccess() {
   }
   ScopedLocal sd;
   if (::GetSecurityInfo(key.get(), SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                        nullptr, nullptr, reinterpret_cast<PSECURITY_DESCRIPTOR*>(sd.receive())) !=
-      ERROR_SUCCESS) {
+                        nullptr, nullptr,
+                        reinterpret_cast<PSECURITY_DESCRIPTOR*>(sd.receive())) != ERROR_SUCCESS) {
     return {};
   }
   ScopedLocal text;
@@ -147,8 +147,8 @@ uint32_t ProtectInstallFolder() {
   if (IsWithinFolder(win32::U(folder.c_str()), programFiles)) return 0;
   ScopedLocal sd;
   if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
-          kInstallFolderSddl, SDDL_REVISION_1, reinterpret_cast<PSECURITY_DESCRIPTOR*>(sd.receive()),
-          nullptr)) {
+          kInstallFolderSddl, SDDL_REVISION_1,
+          reinterpret_cast<PSECURITY_DESCRIPTOR*>(sd.receive()), nullptr)) {
     return ::GetLastError();
   }
   BOOL present = FALSE, defaulted = FALSE;

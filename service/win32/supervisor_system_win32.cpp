@@ -105,14 +105,14 @@ std::unique_ptr<IAgentProcess> CSupervisorSystemWin32::StartAgent(const std::str
 }
 
 bool CSupervisorSystemWin32::WatchSettings() {
-  if (!m_settingsKey &&
-      ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(win32::kAgentKey), 0,
-                      KEY_NOTIFY | KEY_QUERY_VALUE | k64, m_settingsKey.receive()) != ERROR_SUCCESS) {
+  if (!m_settingsKey && ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, W(win32::kAgentKey), 0,
+                                        KEY_NOTIFY | KEY_QUERY_VALUE | k64,
+                                        m_settingsKey.receive()) != ERROR_SUCCESS) {
     return false;
   }
-  const LSTATUS rc = ::RegNotifyChangeKeyValue(
-      m_settingsKey.get(), FALSE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
-      m_settingsChanged.get(), TRUE);
+  const LSTATUS rc = ::RegNotifyChangeKeyValue(m_settingsKey.get(), FALSE,
+                                               REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
+                                               m_settingsChanged.get(), TRUE);
   if (rc != ERROR_SUCCESS) {
     // Deleted under us: open it afresh next time.
     m_settingsKey.Set(nullptr);

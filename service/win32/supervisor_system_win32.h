@@ -21,8 +21,7 @@ class CSupervisorSystemWin32 : public ISupervisorSystem {
   uint32_t CreateControlEvent(const std::string& name) override;
   void SignalControlEvent() override;
   uint32_t SetDesiredStatus(const std::string& key, uint32_t status) override;
-  std::unique_ptr<IAgentProcess> StartAgent(const std::string& arguments,
-                                            uint32_t& error) override;
+  std::unique_ptr<IAgentProcess> StartAgent(const std::string& arguments, uint32_t& error) override;
   bool WatchSettings() override;
   SettingsSnapshot ReadSettings() override;
   Wake Wait(IAgentProcess* agent, uint32_t milliseconds) override;

@@ -59,7 +59,7 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   EXPECT_TRUE(fake.support.HasLine("Failed to open registry key for LINDQState update. Error: 2"));
   EXPECT_TRUE(m.Settings().Servers().empty());
   // The threads still start and still stop.
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), CWorkerThread::kStillActive);
   m.Stop();
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
 }
@@ -145,12 +145,12 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
   CSessionManager m(P());
   m.Start();
   ASSERT_TRUE(testing::WaitUntil([&] {
-    return m.ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive &&
-           m.ThreadExitCode(CWorkerThreads::kAddressWatchThread) != WorkerThread::kStillActive;
+    return m.ThreadExitCode(CWorkerThreads::kNotificationThread) != CWorkerThread::kStillActive &&
+           m.ThreadExitCode(CWorkerThreads::kAddressWatchThread) != CWorkerThread::kStillActive;
   }));
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 0u);
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressWatchThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), WorkerThread::kStillActive);
+  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), CWorkerThread::kStillActive);
   EXPECT_TRUE(fake.support.HasLine("NotifyAddrChange error...50"));
   m.Stop();
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), 1u);
@@ -558,13 +558,13 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   // The notification thread was still inside the send: the manager was
   // handed over instead of waiting for it.
   ASSERT_TRUE(left);
-  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kNotificationThread), WorkerThread::kStillActive);
+  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kNotificationThread), CWorkerThread::kStillActive);
   EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
   // The process ends without destroying the manager: the state is already
   // NOT_CONFIGURED, and the send failing afterwards leaves it so.
   EXPECT_EQ(RegistryState(), kNotConfigured);
   EXPECT_TRUE(testing::WaitUntil([&] {
-    return left->ThreadExitCode(CWorkerThreads::kNotificationThread) != WorkerThread::kStillActive;
+    return left->ThreadExitCode(CWorkerThreads::kNotificationThread) != CWorkerThread::kStillActive;
   }));
   EXPECT_EQ(RegistryState(), kNotConfigured);
   left.reset();  // joins the sender once its read has timed out

@@ -23,7 +23,7 @@ class FakeUserToken : public IUserToken {
  public:
   FakeUserToken(std::string domain, std::string user, bool impersonation = false)
       : domain(std::move(domain)), user(std::move(user)), impersonation(impersonation) {}
-  void* native() const override { return const_cast<FakeUserToken*>(this); }
+  void* Native() const override { return const_cast<FakeUserToken*>(this); }
   std::string domain, user;
   bool impersonation;
 };

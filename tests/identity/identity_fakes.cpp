@@ -121,7 +121,7 @@ ConsoleStart FakeConsoleRunner::Start(IUserToken& token, const std::string& prog
                                       const std::string& arguments,
                                       std::unique_ptr<IConsolePipe>& pipe) {
   commandLines.push_back(program + " " + arguments);
-  lastToken = reinterpret_cast<intptr_t>(token.native());
+  lastToken = reinterpret_cast<intptr_t>(token.Native());
   if (result.failure != ConsoleStartFailure::kNone) return result;
   pipe = std::make_unique<ScriptedPipe>(script, peeks, reads);
   return {};

@@ -26,7 +26,7 @@ class FakeToken : public IUserToken {
   ~FakeToken() override {
     if (m_open) ++m_closed;
   }
-  void* native() const override { return reinterpret_cast<void*>(static_cast<intptr_t>(m_id)); }
+  void* Native() const override { return reinterpret_cast<void*>(static_cast<intptr_t>(m_id)); }
   int id() const { return m_id; }
   void Abandon() { m_open = false; }
 

@@ -73,15 +73,15 @@ TEST(Event, WaitsWakeForASetFromAnotherThread) {
   EXPECT_EQ(answered.load(), 200);
 }
 
-TEST(WorkerThread, ReportsStillActiveThenTheRoutineResult) {
+TEST(CWorkerThread, ReportsStillActiveThenTheRoutineResult) {
   CEvent release(RP::kManual, IS::kNotSignaled);
-  WorkerThread t;
+  CWorkerThread t;
   EXPECT_FALSE(t.Started());
   t.Start([&] {
     return release.Wait(kBound) == WaitResult::kSignaled ? 7u : 8u;
   });
   EXPECT_TRUE(t.Started());
-  EXPECT_EQ(t.ExitCode(), WorkerThread::kStillActive);
+  EXPECT_EQ(t.ExitCode(), CWorkerThread::kStillActive);
   release.Set();
   t.Join();
   EXPECT_EQ(t.ExitCode(), 7u);

@@ -19,7 +19,7 @@ CSocket Listen(const char* address, SocketAddress& bound) {
   SocketAddress at;
   EXPECT_TRUE(SocketAddress::FromLiteral(address, 0, at));
   CSocket s = CSocket::Open(at.family);
-  EXPECT_TRUE(s.valid());
+  EXPECT_TRUE(s.Valid());
   EXPECT_TRUE(s.Bind(at));
   EXPECT_TRUE(s.Listen(4));
   EXPECT_TRUE(s.LocalAddress(bound));
@@ -45,7 +45,7 @@ TEST_P(SocketTest, NonBlockingConnectAcceptAndStreamBothWays) {
 
   SocketAddress peer;
   CSocket server = listener.Accept(2000, &peer);
-  ASSERT_TRUE(server.valid());
+  ASSERT_TRUE(server.Valid());
   EXPECT_EQ(bound.family, peer.family);
   EXPECT_EQ(bound.AddressText(), peer.AddressText());
 
@@ -65,7 +65,7 @@ TEST_P(SocketTest, NonBlockingConnectAcceptAndStreamBothWays) {
 
   client.ShutdownBoth();
   client.Close();
-  EXPECT_FALSE(client.valid());
+  EXPECT_FALSE(client.Valid());
   EXPECT_EQ(0, server.Receive(buffer, sizeof buffer));
 }
 
@@ -84,7 +84,7 @@ TEST_P(SocketTest, AConnectionToAClosedPortIsReportedAsFailed) {
 TEST_P(SocketTest, AcceptWithoutACallerTimesOut) {
   SocketAddress bound;
   CSocket listener = Listen(GetParam(), bound);
-  EXPECT_FALSE(listener.Accept(20).valid());
+  EXPECT_FALSE(listener.Accept(20).Valid());
 }
 
 INSTANTIATE_TEST_SUITE_P(Loopback, SocketTest, ::testing::Values("127.0.0.1", "::1"));

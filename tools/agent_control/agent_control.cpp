@@ -55,8 +55,7 @@ int Signal(const char* name) {
   return 1;
 }
 
-constexpr wchar_t kDetectorClass[] =
-    L"244AD2FA-BD34-4EE9-9C06-54D337C8ED71_session_detector_class";
+constexpr wchar_t kDetectorClass[] = L"244AD2FA-BD34-4EE9-9C06-54D337C8ED71_session_detector_class";
 
 BOOL CALLBACK AddName(LPWSTR name, LPARAM names) {
   reinterpret_cast<std::vector<std::wstring>*>(names)->push_back(name);

@@ -151,16 +151,20 @@ struct StageText {
 constexpr StageText kStageTexts[] = {
     {"resolve", "the server's name does not resolve (and no earlier address is known)"},
     {"socket", "no socket could be created"},
-    {"connect", "no TCP connection: nothing listens there, the connection was refused, or a "
-                "firewall drops it"},
+    {"connect",
+     "no TCP connection: nothing listens there, the connection was refused, or a "
+     "firewall drops it"},
     {"verify", "server verification is on and the server's certificate failed it (see above)"},
-    {"hello", "no hello from the server: the TLS handshake failed (does the server accept the "
-              "agent's client certificate?) or the server said nothing in time"},
-    {"hello-parse", "the server's first message was not a hello the agent accepts (another "
-                    "message, or a version text of 32 bytes or more)"},
+    {"hello",
+     "no hello from the server: the TLS handshake failed (does the server accept the "
+     "agent's client certificate?) or the server said nothing in time"},
+    {"hello-parse",
+     "the server's first message was not a hello the agent accepts (another "
+     "message, or a version text of 32 bytes or more)"},
     {"hello-ack", "no hello acknowledgement from the server"},
     {"hello-reject", "the server rejected the hello: check the preshared key"},
-    {"event-ack", "no event acknowledgement: the server closed or stopped answering after the hello"},
+    {"event-ack",
+     "no event acknowledgement: the server closed or stopped answering after the hello"},
     {"done", ""},
 };
 static_assert(std::size(kStageTexts) == static_cast<size_t>(ExchangeStage::kDone) + 1);
@@ -197,8 +201,8 @@ class CDiagObserver : public IExchangeObserver {
                                        : "with VerifyServer 0 the agent connects all the same");
     }
     if (r.stage > ExchangeStage::kHelloParse)
-      std::fprintf(m_out, "      hello from \"%s\" (id %u, flags %u: %s)\n", r.serverVersion.c_str(),
-                   r.helloId, r.helloFlags,
+      std::fprintf(m_out, "      hello from \"%s\" (id %u, flags %u: %s)\n",
+                   r.serverVersion.c_str(), r.helloId, r.helloFlags,
                    (r.helloFlags & 1) ? "preshared-key digest required" : "no digest required");
     if (r.stage > ExchangeStage::kHelloReject || r.stage == ExchangeStage::kDone)
       std::fprintf(m_out, "      hello accepted\n");
@@ -207,7 +211,8 @@ class CDiagObserver : public IExchangeObserver {
     if (r.stage == ExchangeStage::kDone && m_eventMode) {
       if (r.eventAckRecognised) {
         std::fprintf(m_out, "      event acknowledged: result %u", r.eventResult);
-        if (r.keepAliveInterval) std::fprintf(m_out, ", keep-alive interval %u s", r.keepAliveInterval);
+        if (r.keepAliveInterval)
+          std::fprintf(m_out, ", keep-alive interval %u s", r.keepAliveInterval);
         std::fprintf(m_out, "\n");
         if (r.eventResult == 2 && !m_relay)
           std::fprintf(m_out,
@@ -420,8 +425,8 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
     return false;
   }
   if (o.command == "report" && !firstDeliveryOption.empty()) {
-    error = "report reads the agent's own settings; " + firstDeliveryOption +
-            " is for check and send";
+    error =
+        "report reads the agent's own settings; " + firstDeliveryOption + " is for check and send";
     return false;
   }
   if (o.json && o.command != "report") {
@@ -440,7 +445,7 @@ bool ParseArguments(const std::vector<std::string>& args, DiagOptions& out, std:
 int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* registry,
             std::FILE* out, ISecurityPackage* ntlm, IImpersonation* impersonation) {
   CSocketLibraryScope sockets;
-  if (!sockets.ok()) {
+  if (!sockets.Ok()) {
     std::fprintf(out, "The socket library cannot start.\n");
     return kExitSetup;
   }
@@ -472,17 +477,18 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
     if (system) std::fprintf(out, "Preshared key from the agent's settings\n");
   }
   if (servers.empty()) {
-    std::fprintf(out,
-                 "No server is configured: give --server or --servers%s.\n",
+    std::fprintf(out, "No server is configured: give --server or --servers%s.\n",
                  system ? ", or set \"Servers\" in the agent's settings" : "");
     return kExitNotConfigured;
   }
   if (key.empty())
-    std::fprintf(out, "WARNING: the preshared key is empty; servers that require a digest will "
-                      "reject the hello\n");
+    std::fprintf(out,
+                 "WARNING: the preshared key is empty; servers that require a digest will "
+                 "reject the hello\n");
   else if (key.size() > 16)
-    std::fprintf(out, "NOTE: the preshared key is longer than 16 bytes; only its first 16 bytes "
-                      "count\n");
+    std::fprintf(out,
+                 "NOTE: the preshared key is longer than 16 bytes; only its first 16 bytes "
+                 "count\n");
 
   if (!DescribeClientIdentity(out, support.cfg_is_fips_mode_enabled())) return kExitSetup;
 
@@ -498,7 +504,9 @@ int RunDiag(const DiagOptions& options, ISupportLibrary* system, IRegistry* regi
   for (const std::string& problem : verification.problems)
     std::fprintf(out, "WARNING: %s\n", problem.c_str());
   std::fprintf(out, "Server verification %s%s", verification.verify ? "on" : "off",
-               options.verifyServer ? " (--verify-server)" : registry ? " (VerifyServer)" : "");
+               options.verifyServer ? " (--verify-server)"
+               : registry           ? " (VerifyServer)"
+                                    : "");
   if (verification.pinsConfigured)
     std::fprintf(out, ", pin list of %zu fingerprint(s)%s", verification.pins.size(),
                  options.pinsGiven ? " (--pin)" : " (ServerCertificateSha256)");

@@ -24,35 +24,35 @@
 namespace lindqvar::diag {
 
 enum ExitCode : int {
-  kExitOk = 0,            // every server passed
-  kExitSomeFailed = 1,    // at least one server passed, at least one failed
-  kExitAllFailed = 2,     // no server passed
-  kExitUsage = 3,         // the command line is wrong
-  kExitNotConfigured = 4, // no server is configured
+  kExitOk = 0,             // every server passed
+  kExitSomeFailed = 1,     // at least one server passed, at least one failed
+  kExitAllFailed = 2,      // no server passed
+  kExitUsage = 3,          // the command line is wrong
+  kExitNotConfigured = 4,  // no server is configured
   // 5 is not used: it meant a hello that ended the agent, which no hello does now.
-  kExitSetup = 6,         // the program cannot start (sockets, certificate material)
+  kExitSetup = 6,            // the program cannot start (sockets, certificate material)
   kExitNothingReported = 7,  // report: the agent would report nothing now (the output says why)
 };
 
 struct DiagOptions {
-  std::string command;                    // "check", "send" or "report"
-  bool json = false;                      // report: JSON instead of text
-  std::string serverList;                 // --servers: the settings' own format
-  std::vector<std::string> servers;       // --server HOST[:PORT]
+  std::string command;               // "check", "send" or "report"
+  bool json = false;                 // report: JSON instead of text
+  std::string serverList;            // --servers: the settings' own format
+  std::vector<std::string> servers;  // --server HOST[:PORT]
   bool keyGiven = false;
-  SecretString key;                       // UTF-8, wiped when released
+  SecretString key;  // UTF-8, wiped when released
   // The one event of `send`: a single session record with the user, domain,
   // workstation and addresses given (time 0: when it is sent).
   SessionRecord event{.logon = 1};
   uint32_t session = 1;
-  std::string clientGuid;                 // empty: the system's, if any
+  std::string clientGuid;  // empty: the system's, if any
   bool fips = false;
-  bool verifyServer = false;              // --verify-server: as with VerifyServer 1
+  bool verifyServer = false;  // --verify-server: as with VerifyServer 1
   bool pinsGiven = false;
-  std::string pins;                       // --pin: fingerprints, ";"-separated
+  std::string pins;  // --pin: fingerprints, ";"-separated
   // NTLM relay with explicit credentials (--ntlm-user, --ntlm-password-file);
   // without them the session's user's own credentials.
-  std::string ntlmUser;                   // "DOMAIN\\user"
+  std::string ntlmUser;  // "DOMAIN\\user"
   std::string ntlmPassword;
   uint32_t timeoutMs = 5000;
   bool verbose = false;

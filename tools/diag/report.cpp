@@ -41,8 +41,8 @@ struct ServerFinding {
   uint32_t port = 0;
   std::vector<std::string> answers;  // what the name resolves to (the literal itself for one)
   int resolveError = 0;
-  std::string connectsTo;            // the address the agent connects to; empty: none
-  bool fallback = false;             // it is the last address obtained, not this name's
+  std::string connectsTo;  // the address the agent connects to; empty: none
+  bool fallback = false;   // it is the last address obtained, not this name's
 };
 
 struct SessionFinding {
@@ -51,8 +51,8 @@ struct SessionFinding {
   bool current = false;
   bool hasUser = false;
   CTerminalSession record;
-  std::string excludedBy;             // the ExcludedUsers entry, empty when none
-  SessionRecord sent;                 // the record of a logon, as the servers would get it
+  std::string excludedBy;  // the ExcludedUsers entry, empty when none
+  SessionRecord sent;      // the record of a logon, as the servers would get it
 };
 
 struct Findings {
@@ -72,8 +72,8 @@ struct Findings {
   std::vector<std::string> exclusionProblems;
   bool resendLogoff = false;
 
-  std::string hostName;  // ANSI
-  std::string dnsDomain;  // ANSI
+  std::string hostName;                         // ANSI
+  std::string dnsDomain;                        // ANSI
   std::string deviceUuid, vrxSerial, tenantId;  // ANSI
   AddressExplanation addresses;
 
@@ -126,8 +126,9 @@ const char* ServiceStateName(ServiceRunState s) {
 }
 
 const char* SessionStateName(SessionState s) {
-  constexpr const char* kNames[] = {"active", "connected", "connect-query", "shadow",
-                                    "disconnected", "idle", "listen", "reset", "down", "init"};
+  constexpr const char* kNames[] = {"active",       "connected", "connect-query", "shadow",
+                                    "disconnected", "idle",      "listen",        "reset",
+                                    "down",         "init"};
   const auto i = static_cast<size_t>(s);
   return i < std::size(kNames) ? kNames[i] : "unknown";
 }
@@ -209,8 +210,9 @@ std::string DomainLookupText(const UserLookupOutcome& o) {
   }
   std::string text = "the domain lookup failed (error " + std::to_string(o.domainError) + ")";
   if (o.domainError == 1314)
-    text += ": reading a session's user token needs the privilege of the account the agent "
-            "runs as (LocalSystem); run this tool as that account";
+    text +=
+        ": reading a session's user token needs the privilege of the account the agent "
+        "runs as (LocalSystem); run this tool as that account";
   return text;
 }
 
@@ -351,8 +353,8 @@ void Judge(Findings& f) {
     why.push_back("the current session " + std::to_string(f.current->id) +
                   " is excluded by the ExcludedUsers entry " + f.current->excludedBy);
   } else if (!f.current->hasUser) {
-    why.push_back("the current session " + std::to_string(f.current->id) + " has no user: " +
-                  LookupText(f.current->record.Lookup(), f.preferAzure));
+    why.push_back("the current session " + std::to_string(f.current->id) +
+                  " has no user: " + LookupText(f.current->record.Lookup(), f.preferAzure));
   }
 }
 
@@ -384,13 +386,14 @@ void PrintText(const Findings& f, std::FILE* out) {
   std::fprintf(out, "  preshared key: %s\n", f.keySet ? "set" : "not set");
   size_t n = 0;
   for (const ServerFinding& s : f.servers) {
-    std::fprintf(out, "  server %zu: %s port %u: ", ++n, s.host.empty() ? "(empty name)" : s.host.c_str(),
-                 s.port);
+    std::fprintf(out, "  server %zu: %s port %u: ", ++n,
+                 s.host.empty() ? "(empty name)" : s.host.c_str(), s.port);
     if (!s.answers.empty())
       std::fprintf(out, "resolves to %s; the agent connects to %s\n", Joined(s.answers).c_str(),
                    s.connectsTo.c_str());
     else if (s.fallback)
-      std::fprintf(out, "does not resolve (error %d); the agent uses the last address it obtained, %s\n",
+      std::fprintf(out,
+                   "does not resolve (error %d); the agent uses the last address it obtained, %s\n",
                    s.resolveError, s.connectsTo.c_str());
     else
       std::fprintf(out, "does not resolve (error %d); the agent cannot connect\n", s.resolveError);
@@ -400,7 +403,8 @@ void PrintText(const Findings& f, std::FILE* out) {
   if (f.verification.pinsConfigured)
     std::fprintf(out, ", pin list of %zu fingerprint(s)", f.verification.pins.size());
   std::fprintf(out, "\n");
-  for (const std::string& p : f.verification.problems) std::fprintf(out, "  WARNING: %s\n", p.c_str());
+  for (const std::string& p : f.verification.problems)
+    std::fprintf(out, "  WARNING: %s\n", p.c_str());
   std::vector<std::string> patterns;
   for (const auto& p : f.exclusions.Patterns()) patterns.push_back(WideToUtf8(p.text));
   std::fprintf(out, "  ExcludedUsers: %s\n", Joined(patterns).c_str());
@@ -409,11 +413,11 @@ void PrintText(const Findings& f, std::FILE* out) {
                f.resendLogoff ? "on: a logoff that reached no server is sent again"
                               : "off: a logoff that reached no server is not sent again");
 
-  std::fprintf(out, "Machine\n  host name %s, DNS domain %s\n", OrNone(Utf8FromAnsi(f.hostName)).c_str(),
-               OrNone(Utf8FromAnsi(f.dnsDomain)).c_str());
+  std::fprintf(out, "Machine\n  host name %s, DNS domain %s\n",
+               OrNone(Utf8FromAnsi(f.hostName)).c_str(), OrNone(Utf8FromAnsi(f.dnsDomain)).c_str());
   std::fprintf(out, "  device UUID %s, management-server serial %s, tenant id %s\n",
-               OrNone(Utf8FromAnsi(f.deviceUuid)).c_str(), OrNone(Utf8FromAnsi(f.vrxSerial)).c_str(),
-               OrNone(Utf8FromAnsi(f.tenantId)).c_str());
+               OrNone(Utf8FromAnsi(f.deviceUuid)).c_str(),
+               OrNone(Utf8FromAnsi(f.vrxSerial)).c_str(), OrNone(Utf8FromAnsi(f.tenantId)).c_str());
 
   const AddressExplanation& a = f.addresses;
   std::fprintf(out, "Addresses (host name %s", OrNone(Utf8FromAnsi(a.hostName)).c_str());
@@ -429,13 +433,15 @@ void PrintText(const Findings& f, std::FILE* out) {
     std::fprintf(out, "  the host name does not resolve (error %d)\n", a.resolveError);
   for (const AddressDecision& d : a.decisions) {
     const bool sent = d.verdict == AddressVerdict::kReported;
-    std::fprintf(out, "  %s %s%s%s\n", sent ? "sent    " : "left out", AddressText(d.address).c_str(),
+    std::fprintf(out, "  %s %s%s%s\n", sent ? "sent    " : "left out",
+                 AddressText(d.address).c_str(),
                  d.source == AddressSource::kVpnAdapter ? " (VPN adapter)" : "",
                  sent ? "" : (": " + VerdictText(d, a.addressCategory)).c_str());
   }
   if (a.decisions.empty()) std::fprintf(out, "  none\n");
 
-  std::fprintf(out, "Sessions%s\n", f.enumerated ? "" : " (the system's session list could not be read)");
+  std::fprintf(out, "Sessions%s\n",
+               f.enumerated ? "" : " (the system's session list could not be read)");
   for (const SessionFinding& s : f.sessions) {
     std::fprintf(out, "  session %u (%s%s): ", s.id,
                  s.state ? SessionStateName(*s.state) : "console session, not listed by the system",
@@ -454,14 +460,15 @@ void PrintText(const Findings& f, std::FILE* out) {
   std::fprintf(out, "Now\n");
   if (f.nothingBecause.empty()) {
     const SessionRecord& r = f.current->sent;
-    std::fprintf(out,
-                 "  the agent reports session %u: user %s, domain %s, workstation %s, addresses %s\n",
-                 f.current->id, r.user.c_str(), r.domain.c_str(), r.workstation.c_str(),
-                 Joined([&] {
-                   auto all = r.IPv4Text();
-                   for (auto& t : r.IPv6Text()) all.push_back(t);
-                   return all;
-                 }()).c_str());
+    std::fprintf(
+        out, "  the agent reports session %u: user %s, domain %s, workstation %s, addresses %s\n",
+        f.current->id, r.user.c_str(), r.domain.c_str(), r.workstation.c_str(),
+        Joined([&] {
+          auto all = r.IPv4Text();
+          for (auto& t : r.IPv6Text()) all.push_back(t);
+          return all;
+        }())
+            .c_str());
     if (!r.azureAccount.empty())
       std::fprintf(out, "  with the Azure AD account attribute %s\n", r.azureAccount.c_str());
   } else {
@@ -692,7 +699,7 @@ void PrintJson(const Findings& f, std::FILE* out) {
 int RunReport(const DiagOptions& options, const Platform& platform, IServiceStatus* services,
               std::FILE* out, std::FILE* logOut) {
   CSocketLibraryScope sockets;
-  if (!sockets.ok()) {
+  if (!sockets.Ok()) {
     std::fprintf(out, "The socket library cannot start.\n");
     return kExitSetup;
   }

@@ -128,9 +128,7 @@ std::string JsonTable(const CLogonTable& table) {
   return out + "]}";
 }
 
-std::string TextListening(const SocketAddress& address) {
-  return "Listening on " + address.Text();
-}
+std::string TextListening(const SocketAddress& address) { return "Listening on " + address.Text(); }
 
 std::string TextConnection(const ConnectionReport& r) {
   std::string out = "#" + std::to_string(r.number) + " " + r.peer + " -> " + r.listener;
@@ -159,9 +157,10 @@ std::string TextConnection(const ConnectionReport& r) {
       out += std::string("    ") + (rec.logon ? "logged on:  " : "withdrawn:  ") + Who(rec) + "\n";
   }
   if (r.eventAckSent)
-    out += "  event acknowledged with result " + std::to_string(r.eventResult) +
-           (r.keepAliveInterval ? ", keep-alive " + std::to_string(r.keepAliveInterval) + " s" : "") +
-           "\n";
+    out +=
+        "  event acknowledged with result " + std::to_string(r.eventResult) +
+        (r.keepAliveInterval ? ", keep-alive " + std::to_string(r.keepAliveInterval) + " s" : "") +
+        "\n";
   if (r.ntlmStarted) {
     out += "  NTLM relay, key " + std::to_string(r.ntlmKey) + ": " +
            (r.ntlmProven ? "proven " : "not proven ") +

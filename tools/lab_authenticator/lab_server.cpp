@@ -131,13 +131,14 @@ bool CLabAuthenticator::Start(std::string& error) {
 
   for (const SocketAddress& at : m_options.listen) {
     CSocket s = CSocket::Open(at.family);
-    if (!s.valid()) {
+    if (!s.Valid()) {
       error = "cannot create a socket for " + at.Text();
       return false;
     }
     s.SetReuseAddress();
     if (!s.Bind(at) || !s.Listen(64)) {
-      error = "cannot listen on " + at.Text() + " (error " + std::to_string(LastSocketError()) + ")";
+      error =
+          "cannot listen on " + at.Text() + " (error " + std::to_string(LastSocketError()) + ")";
       return false;
     }
     SocketAddress bound;
@@ -217,11 +218,11 @@ void CLabAuthenticator::AcceptLoop(size_t listener) {
   while (!m_stopping.load()) {
     SocketAddress peer;
     CSocket s = m_listeners[listener].Accept(100, &peer);
-    if (!s.valid()) continue;
+    if (!s.Valid()) continue;
     std::lock_guard<std::mutex> lock(m_mutex);
     ReapWorkers();
     const uint64_t number = ++m_accepted;
-    m_open.push_back(s.native());
+    m_open.push_back(s.Native());
     auto done = std::make_shared<std::atomic<bool>>(false);
     Worker w;
     w.done = done;
@@ -250,13 +251,14 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
     Linger(socket, m_options.stallMs);
     report.end = "stalled before TLS";
   } else if (SSL* ssl = SSL_new(m_ctx)) {
-    SSL_set_fd(ssl, static_cast<int>(socket.native()));
+    SSL_set_fd(ssl, static_cast<int>(socket.Native()));
     const bool accepted =
         fault == Fault::kDribbleTls ? DribbledAccept(ssl, socket) : SSL_accept(ssl) == 1;
     if (accepted) {
       report.tlsUp = true;
       report.tlsVersion = SSL_get_version(ssl);
-      if (const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name)) report.serverName = sni;
+      if (const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name))
+        report.serverName = sni;
       if (X509* client = SSL_get1_peer_certificate(ssl)) {
         char subject[256] = {};
         X509_NAME_oneline(X509_get_subject_name(client), subject, sizeof subject);
@@ -281,7 +283,7 @@ void CLabAuthenticator::Serve(CSocket socket, SocketAddress peer, std::string li
 
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_open.erase(std::remove(m_open.begin(), m_open.end(), socket.native()), m_open.end());
+    m_open.erase(std::remove(m_open.begin(), m_open.end(), socket.Native()), m_open.end());
   }
   socket.ShutdownBoth();
   socket.Close();
@@ -344,7 +346,7 @@ bool CLabAuthenticator::DribbledAccept(SSL* ssl, CSocket& socket) {
   }
   // The client speaks next only after the hello, so nothing is left over.
   if (BIO_pending(in) != 0) return false;
-  BIO* wire = BIO_new_socket(static_cast<int>(socket.native()), BIO_NOCLOSE);
+  BIO* wire = BIO_new_socket(static_cast<int>(socket.Native()), BIO_NOCLOSE);
   if (!wire) return false;
   SSL_set_bio(ssl, wire, wire);
   return true;
@@ -368,8 +370,10 @@ std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Faul
     const uint32_t announced = fault == Fault::kOversizedFrame ? m_options.oversizedLength : 5;
     const uint8_t frame[6] = {static_cast<uint8_t>(announced >> 24),
                               static_cast<uint8_t>(announced >> 16),
-                              static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced),
-                              MSG_HELLO, TYPE_GROUP};
+                              static_cast<uint8_t>(announced >> 8),
+                              static_cast<uint8_t>(announced),
+                              MSG_HELLO,
+                              TYPE_GROUP};
     SSL_write(ssl, frame, sizeof frame);
     return fault == Fault::kOversizedFrame ? "sent an oversized frame" : "sent a short frame";
   }
@@ -406,7 +410,8 @@ std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Faul
   } else {
     static const std::array<uint8_t, 16> kZero{};
     accepted = true;
-    report.digest = digestSeen && reply.digest == kZero ? DigestCheck::kZero : DigestCheck::kNotRequired;
+    report.digest =
+        digestSeen && reply.digest == kZero ? DigestCheck::kZero : DigestCheck::kNotRequired;
   }
   HelloAck ack{accepted ? 1u : 0u};
   if (m_options.helloResult >= 0) ack.result = static_cast<uint32_t>(m_options.helloResult);
@@ -456,7 +461,9 @@ std::string CLabAuthenticator::Dialogue(SSL* ssl, ConnectionReport& report, Faul
 std::string CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, Fault fault) {
   CDecoder in;
   std::string negotiate, authenticate, error;
-  auto keepFrame = [&] { report.ntlmFrames.emplace_back(in.Buffer(), in.Buffer() + in.TotalLength()); };
+  auto keepFrame = [&] {
+    report.ntlmFrames.emplace_back(in.Buffer(), in.Buffer() + in.TotalLength());
+  };
   if (!ReadMessage(ssl, in, m_options.maxMessage)) return "no NTLM message 1";
   keepFrame();
   NtlmToken first{MSG_NTLM_NEGOTIATE};
@@ -478,9 +485,10 @@ std::string CLabAuthenticator::NtlmDialogue(SSL* ssl, ConnectionReport& report, 
   if (fault == Fault::kNtlmWrongReply) {
     NtlmResult{0}.Write(out);
   } else {
-    const std::string text = fault == Fault::kNtlmBadChallenge
-                                 ? "%%%%"
-                                 : Base64Text(challenge.data(), static_cast<uint32_t>(challenge.size()));
+    const std::string text =
+        fault == Fault::kNtlmBadChallenge
+            ? "%%%%"
+            : Base64Text(challenge.data(), static_cast<uint32_t>(challenge.size()));
     NtlmToken{MSG_NTLM_CHALLENGE, report.ntlmKey, text}.Write(out);
   }
   if (!WriteMessage(ssl, out, fault)) return "NTLM message 2 could not be sent";

@@ -74,14 +74,14 @@ struct LabOptions {
   std::string certFile;               // server certificate (chain) PEM
   std::string keyFile;                // server key PEM (no pass phrase)
   std::string presharedKey;
-  uint32_t helloFlags = 1;       // bit 0: a digest is required
-  int64_t helloId = -1;          // -1: a random value per connection
-  int64_t helloResult = -1;      // -1: 1 when the digest checks out, else 0
+  uint32_t helloFlags = 1;   // bit 0: a digest is required
+  int64_t helloId = -1;      // -1: a random value per connection
+  int64_t helloResult = -1;  // -1: 1 when the digest checks out, else 0
   uint32_t eventResult = 1;
   uint32_t keepAliveInterval = 0;  // 0: not sent
   Fault fault = Fault::kNone;
-  uint32_t faultConnections = 0;   // the fault hits this many connections (refuse-logoff:
-                                   // logoffs) first; 0: all
+  uint32_t faultConnections = 0;  // the fault hits this many connections (refuse-logoff:
+                                  // logoffs) first; 0: all
   uint32_t oversizedLength = 64u << 20;
   uint32_t stallMs = 60000;        // longest stall
   uint32_t dribbleMs = 2000;       // dribble faults: pause before each byte
@@ -129,9 +129,9 @@ struct ConnectionReport {
   bool ntlmProven = false;
   std::string ntlmUser;
   std::string ntlmDomain;
-  uint32_t ntlmResult = 0;    // what message 141 said, when sent
+  uint32_t ntlmResult = 0;  // what message 141 said, when sent
   bool ntlmResultSent = false;
-  std::string ntlmEnd;        // "proven", "not proven", or what ended it early
+  std::string ntlmEnd;  // "proven", "not proven", or what ended it early
   // The agent's NTLM messages as received, for tests; never printed.
   std::vector<std::vector<uint8_t>> ntlmFrames;
   std::string end;  // "complete", or what ended the dialogue early

@@ -80,9 +80,7 @@ class COutput : public ILabSink {
   void OnConnection(const ConnectionReport& r) override {
     Print(m_json ? JsonConnection(r) : TextConnection(r));
   }
-  void OnTable(const CLogonTable& t) override {
-    Print(m_json ? JsonTable(t) : t.FormatText());
-  }
+  void OnTable(const CLogonTable& t) override { Print(m_json ? JsonTable(t) : t.FormatText()); }
 
  private:
   static void Print(const std::string& line) {
@@ -159,7 +157,8 @@ int main(int argc, char** argv) {
       json = true;
     } else if (arg == "--listen") {
       SocketAddress a;
-      if (!value(v) || !ParseListen(v, a)) return Fail("--listen needs ADDRESS[:PORT] with an IP literal");
+      if (!value(v) || !ParseListen(v, a))
+        return Fail("--listen needs ADDRESS[:PORT] with an IP literal");
       options.listen.push_back(a);
     } else if (arg == "--pki") {
       if (!value(v)) return Fail("--pki needs a directory");
@@ -194,26 +193,38 @@ int main(int argc, char** argv) {
     } else if (arg == "--flags" || arg == "--hello-id" || arg == "--hello-result" ||
                arg == "--event-result" || arg == "--keepalive" || arg == "--fault-connections" ||
                arg == "--oversized-length" || arg == "--stall-ms" || arg == "--dribble-ms" ||
-               arg == "--io-timeout-ms" ||
-               arg == "--exit-after") {
-      if (!value(v) || !ParseNumber(v, n)) return Fail(arg + " needs a number from 0 to 4294967295");
+               arg == "--io-timeout-ms" || arg == "--exit-after") {
+      if (!value(v) || !ParseNumber(v, n))
+        return Fail(arg + " needs a number from 0 to 4294967295");
       const auto u = static_cast<uint32_t>(n);
-      if (arg == "--flags") options.helloFlags = u;
-      else if (arg == "--hello-id") options.helloId = n;
-      else if (arg == "--hello-result") options.helloResult = n;
-      else if (arg == "--event-result") options.eventResult = u;
-      else if (arg == "--keepalive") options.keepAliveInterval = u;
-      else if (arg == "--fault-connections") options.faultConnections = u;
-      else if (arg == "--oversized-length") options.oversizedLength = u;
-      else if (arg == "--stall-ms") options.stallMs = u;
-      else if (arg == "--dribble-ms") options.dribbleMs = u;
-      else if (arg == "--io-timeout-ms") options.ioTimeoutMs = u;
-      else exitAfter = n;
+      if (arg == "--flags")
+        options.helloFlags = u;
+      else if (arg == "--hello-id")
+        options.helloId = n;
+      else if (arg == "--hello-result")
+        options.helloResult = n;
+      else if (arg == "--event-result")
+        options.eventResult = u;
+      else if (arg == "--keepalive")
+        options.keepAliveInterval = u;
+      else if (arg == "--fault-connections")
+        options.faultConnections = u;
+      else if (arg == "--oversized-length")
+        options.oversizedLength = u;
+      else if (arg == "--stall-ms")
+        options.stallMs = u;
+      else if (arg == "--dribble-ms")
+        options.dribbleMs = u;
+      else if (arg == "--io-timeout-ms")
+        options.ioTimeoutMs = u;
+      else
+        exitAfter = n;
     } else {
       return Fail("unknown option " + arg + "; see --help");
     }
   }
-  if (options.listen.empty()) return Fail("say where to listen with --listen (e.g. --listen 127.0.0.1:0)");
+  if (options.listen.empty())
+    return Fail("say where to listen with --listen (e.g. --listen 127.0.0.1:0)");
   if (!pki.empty()) {
     if (options.caFile.empty()) options.caFile = pki + "/ca.pem";
     if (options.certFile.empty()) options.certFile = pki + "/server.pem";
@@ -221,7 +232,9 @@ int main(int argc, char** argv) {
   }
   if (options.caFile.empty() || options.certFile.empty() || options.keyFile.empty())
     return Fail("no certificates: give --pki DIR or --ca, --cert and --key");
-  if (!pskGiven) std::fprintf(stderr, "lindqvar-lab-authenticator: no preshared key given; using an empty one\n");
+  if (!pskGiven)
+    std::fprintf(stderr,
+                 "lindqvar-lab-authenticator: no preshared key given; using an empty one\n");
   options.presharedKey = psk;
 
   CSocketLibraryScope sockets;

@@ -16,7 +16,8 @@ gss_OID_desc kNtlmMechanism = {10, const_cast<char*>("\x2b\x06\x01\x04\x01\x82\x
 
 std::string GssError(OM_uint32 major, OM_uint32 minor) {
   std::string text;
-  for (auto [status, type] : {std::pair{major, GSS_C_GSS_CODE}, std::pair{minor, GSS_C_MECH_CODE}}) {
+  for (auto [status, type] :
+       {std::pair{major, GSS_C_GSS_CODE}, std::pair{minor, GSS_C_MECH_CODE}}) {
     if (!status) continue;
     OM_uint32 context = 0, ignored = 0;
     gss_buffer_desc message = GSS_C_EMPTY_BUFFER;
@@ -45,7 +46,8 @@ bool Field(const std::string& m, size_t at, bool unicode, std::string& out) {
   }
   std::u16string wide;
   for (size_t i = 0; i + 1 < raw.size(); i += 2)
-    wide.push_back(static_cast<char16_t>(static_cast<uint8_t>(raw[i]) | static_cast<uint8_t>(raw[i + 1]) << 8));
+    wide.push_back(static_cast<char16_t>(static_cast<uint8_t>(raw[i]) |
+                                         static_cast<uint8_t>(raw[i + 1]) << 8));
   out = WideToUtf8(wide);
   return true;
 }
@@ -57,7 +59,8 @@ class CGssAcceptance : public INtlmAcceptance {
     if (m_context != GSS_C_NO_CONTEXT) gss_delete_sec_context(&minor, &m_context, GSS_C_NO_BUFFER);
   }
 
-  bool Challenge(const std::string& negotiate, std::string& challenge, std::string& error) override {
+  bool Challenge(const std::string& negotiate, std::string& challenge,
+                 std::string& error) override {
     const OM_uint32 major = Step(negotiate, challenge, nullptr, error);
     return major == GSS_S_CONTINUE_NEEDED && !challenge.empty();
   }
@@ -77,15 +80,15 @@ class CGssAcceptance : public INtlmAcceptance {
   }
 
  private:
-  OM_uint32 Step(const std::string& in, std::string& out, std::string* initiator, std::string& error) {
+  OM_uint32 Step(const std::string& in, std::string& out, std::string* initiator,
+                 std::string& error) {
     OM_uint32 minor = 0, ignored = 0;
     gss_buffer_desc input{in.size(), const_cast<char*>(in.data())};
     gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
     gss_name_t source = GSS_C_NO_NAME;
-    const OM_uint32 major =
-        gss_accept_sec_context(&minor, &m_context, GSS_C_NO_CREDENTIAL, &input,
-                               GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr, &output, nullptr,
-                               nullptr, nullptr);
+    const OM_uint32 major = gss_accept_sec_context(&minor, &m_context, GSS_C_NO_CREDENTIAL, &input,
+                                                   GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr,
+                                                   &output, nullptr, nullptr, nullptr);
     out.assign(static_cast<const char*>(output.value), output.length);
     gss_release_buffer(&ignored, &output);
     if (GSS_ERROR(major)) error = GssError(major, minor);
