@@ -33,18 +33,24 @@ class ManagerTest : public ::testing::Test {
   testing::FakeAgentPlatform fake;
 };
 
+// Construction writes NOT_CONFIGURED, Init raises it once servers are
+// configured, and destruction writes NOT_CONFIGURED again.
 TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
   Configure(u"10.0.0.5:9001;10.0.0.6");
   fake.network.domain = u"corp.example.test";
-  CSessionManager m(P());
-  EXPECT_EQ(m.Init(), 1u);
-  EXPECT_EQ(m.State(), kConfiguredUnreachable);
-  EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
-  ASSERT_EQ(m.Settings().Servers().size(), 2u);
-  EXPECT_EQ(m.Settings().PresharedKey(), "psk");
-  EXPECT_EQ(m.DomainName(), "corp.example.test");
-  EXPECT_EQ(fake.network.startups, 1);
-  EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
+  {
+    CSessionManager m(P());
+    EXPECT_EQ(RegistryState(), kNotConfigured);
+    EXPECT_EQ(m.Init(), 1u);
+    EXPECT_EQ(m.State(), kConfiguredUnreachable);
+    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
+    ASSERT_EQ(m.Settings().Servers().size(), 2u);
+    EXPECT_EQ(m.Settings().PresharedKey(), "psk");
+    EXPECT_EQ(m.DomainName(), "corp.example.test");
+    EXPECT_EQ(fake.network.startups, 1);
+    EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
+  }
+  EXPECT_EQ(RegistryState(), kNotConfigured);
 }
 
 TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
@@ -62,20 +68,6 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), CWorkerThread::kStillActive);
   m.Stop();
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
-}
-
-TEST_F(ManagerTest, ConstructionInitAndDestructionWriteTheState) {
-  fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
-  fake.support.SetSettings(1, u"", u"k");
-  {
-    CSessionManager m(P());
-    EXPECT_EQ(RegistryState(), kNotConfigured);
-    m.Init();
-    // An empty text still parses to one entry with an empty host.
-    EXPECT_EQ(m.Settings().Servers().size(), 1u);
-    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
-  }
-  EXPECT_EQ(RegistryState(), kNotConfigured);
 }
 
 // A failed or empty domain answer is an error and leaves the name empty even
