@@ -363,11 +363,6 @@ TEST_F(DeliveryTest, ALabThatTrustsAnotherCaRefusesTheAgent) {
   EXPECT_NE(std::string::npos, r.tlsError.find("certificate")) << r.tlsError;
 }
 
-class FipsSupport : public FakeSupport {
- public:
-  bool cfg_is_fips_mode_enabled() override { return true; }
-};
-
 TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
   const TestIdentity weak = MakeIdentity("RSA", 1024, nullptr, "SHA256", "pass");
   CTestMaterial material(ReadFile(PkiFile("ca.pem")), weak.certificatePem, weak.keyPem, "pass",

@@ -308,9 +308,6 @@ TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
   EXPECT_EQ(userName, record.UserName());
   EXPECT_EQ("CORP.EXAMPLE.TEST", record.Domain());
   EXPECT_EQ("", record.TenantId());
-  EXPECT_TRUE(support.HasLine("iResult:1"));
-  EXPECT_TRUE(support.HasLine("GetTSSessionUserName() result, strUsername:" + userName +
-                              ", strDomain:CORP.EXAMPLE.TEST"));
   // The Azure lookup ran too, as the session's user.
   EXPECT_TRUE(support.HasLine(
       "GetAZureSessionUserInfo(), username:elias.nord, domain:tailspin.example, "
@@ -319,7 +316,6 @@ TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 1));
   EXPECT_EQ("elias.nord", record.UserName());
   EXPECT_EQ("0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07", record.TenantId());
-  EXPECT_TRUE(support.HasLine("Got both AD and Azure user logon info, prefer user Azure"));
 }
 
 TEST_F(UserLookupUnderWine, LocalAccountNeedsAzure) {
@@ -331,12 +327,9 @@ TEST_F(UserLookupUnderWine, LocalAccountNeedsAzure) {
   {
     StandIn standIn(kNotJoined);
     EXPECT_EQ(0u, LoadSessionUser(system, record, session, log, 0));
-    EXPECT_TRUE(support.HasLine("iResult:2"));
-    EXPECT_TRUE(support.HasLine("Failed to get username for session ID:" + std::to_string(session)));
   }
   StandIn standIn(kJoined);
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));
-  EXPECT_TRUE(support.HasLine("Got only Azure user logon info"));
   EXPECT_EQ("elias.nord", record.UserName());
   EXPECT_EQ("tailspin.example", record.Domain());
 }
@@ -390,16 +383,10 @@ TEST_F(IdentifiersUnderWine, SerialAndTenantRules) {
   EXPECT_EQ("VRX-3318-PRIMARY", ids.VrxSerial());
   EXPECT_EQ("tenant-eu-7", ids.VrxTenantId());
 
-  // Another letter case in the GUID: the secondary, with its ping server.
-  Set(kEsnacKeyPath, L"hvq_sn", L"{3a7c55e1-0d4b-4c1e-9e2f-6b8d1c0a4f93};VRX-3318-PRIMARY");
-  Set(kEsnacKeyPath, L"secondary_sn", L"VRX-9001-SECONDARY");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("", ids.VrxSerial());
-  Set(kEsnacKeyPath, L"SecondaryPingServer", L"mgmt-b.example.test");
-  ids.LoadVrxSerial();
-  EXPECT_EQ("VRX-9001-SECONDARY", ids.VrxSerial());
-
+  // (Which serial is taken is the native IdentifiersTest.SerialRows' table.)
   // A value of an odd number of bytes is read, its last byte a unit of its own.
+  Set(kEsnacKeyPath, L"hvq_sn", L"other;VRX-1");
+  Set(kEsnacKeyPath, L"SecondaryPingServer", L"mgmt-b.example.test");
   Set(kEsnacKeyPath, L"secondary_sn", std::string("V\0R\0X\0-\0" "7\0" "7\0Z", 13));
   ids.LoadVrxSerial();
   EXPECT_EQ("VRX-77Z", ids.VrxSerial());
