@@ -171,10 +171,16 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
 
 // --- reporting to a lab authenticator ------------------------------------------
 
+// The lab's options for key "psk", changed by `change`.
+lab::LabOptions Lab(const std::function<void(lab::LabOptions&)>& change) {
+  lab::LabOptions o = testing::CLabFixture::Options("psk");
+  change(o);
+  return o;
+}
+
 class ReportingTest : public ManagerTest {
  protected:
-  explicit ReportingTest(lab::LabOptions options = testing::CLabFixture::Options("psk"))
-      : lab(options) {
+  explicit ReportingTest(lab::LabOptions options = Lab([](auto&) {})) : lab(options) {
     Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
     fake.network.hostName = "ws1";
     fake.network.names["ws1"] = {FakeNetwork::V4(10, 0, 0, 5)};
@@ -260,13 +266,11 @@ TEST_F(ReportingTest, StartWithoutAReportableSessionSendsNothing) {
 
 class NtlmReportingTest : public ReportingTest {
  protected:
-  static lab::LabOptions NtlmOptions() {
-    auto o = testing::CLabFixture::Options("psk");
-    o.eventResult = 2;
-    o.ntlm = std::make_shared<testing::ScriptedAcceptor>(std::set<std::string>{"CORP\\mlind"});
-    return o;
-  }
-  NtlmReportingTest() : ReportingTest(NtlmOptions()) {}
+  NtlmReportingTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) {
+          o.eventResult = 2;
+          o.ntlm = std::make_shared<testing::ScriptedAcceptor>(std::set<std::string>{"CORP\\mlind"});
+        })) {}
 };
 
 TEST_F(NtlmReportingTest, ALogonWhoseAcknowledgementAsksForNtlmProvesTheSessionsUser) {
@@ -314,12 +318,7 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
 
 class TimersTest : public ReportingTest {
  protected:
-  static lab::LabOptions WithKeepAlive() {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.keepAliveInterval = 2;
-    return o;
-  }
-  TimersTest() : ReportingTest(WithKeepAlive()) {
+  TimersTest() : ReportingTest(Lab([](lab::LabOptions& o) { o.keepAliveInterval = 2; })) {
     User(1, u"anna");
     fake.sessions.sessions = {{1, SessionState::kActive}};  // reported at start
   }
@@ -353,12 +352,8 @@ const KeepAliveRow kKeepAliveRows[] = {
 class KeepAliveWaitTest : public ReportingTest,
                           public ::testing::WithParamInterface<KeepAliveRow> {
  protected:
-  static lab::LabOptions Serving(uint32_t seconds) {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.keepAliveInterval = seconds;
-    return o;
-  }
-  KeepAliveWaitTest() : ReportingTest(Serving(GetParam().served)) {
+  KeepAliveWaitTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) { o.keepAliveInterval = GetParam().served; })) {
     User(1, u"anna");
     fake.sessions.sessions = {{1, SessionState::kActive}};  // its logon brings the interval
     fake.timings.keepAliveUnitMs = GetParam().unitMs;
@@ -500,14 +495,12 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
 // send to it ends within the limits of one message, so Stop is not held up.
 class SilentServerTest : public ReportingTest, public ::testing::WithParamInterface<lab::Fault> {
  protected:
-  static lab::LabOptions Silent(lab::Fault fault) {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.fault = fault;
-    o.stallMs = 1500;
-    o.dribbleMs = 100;
-    return o;
-  }
-  SilentServerTest() : ReportingTest(Silent(GetParam())) {
+  SilentServerTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) {
+          o.fault = GetParam();
+          o.stallMs = 1500;
+          o.dribbleMs = 100;
+        })) {
     User(5, u"anna");
     fake.timings.socketTimeoutMs = 1000;
   }
