@@ -141,6 +141,7 @@ TEST(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReadsAndAMissingProg
   // a program of that name sits in this program's folder (searched first).
   EXPECT_EQ("dsregcmd.exe /status\n" + SystemProgramPath("dsregcmd.exe"), standIn.CommandLine());
   // A program that cannot be started.
+  output.clear();
   EXPECT_EQ(-2, RunExternalProgram(runner, ShortTimings(), *token, "lindqvar-no-such-tool.exe",
                                    "/status", output));
   EXPECT_EQ("", output);
