@@ -140,9 +140,10 @@ TEST_F(ManagerTest, WindowCreationFailureEndsOnlyTheNotificationThread) {
     return m.ThreadExitCode(CWorkerThreads::kNotificationThread) != CWorkerThread::kStillActive &&
            m.ThreadExitCode(CWorkerThreads::kAddressWatchThread) != CWorkerThread::kStillActive;
   }));
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressWatchThread), 0u);
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), CWorkerThread::kStillActive);
+  EXPECT_EQ(std::make_tuple(m.ThreadExitCode(CWorkerThreads::kNotificationThread),
+                            m.ThreadExitCode(CWorkerThreads::kAddressWatchThread),
+                            m.ThreadExitCode(CWorkerThreads::kResendThread)),
+            std::make_tuple(0u, 0u, CWorkerThread::kStillActive));
   EXPECT_TRUE(fake.support.HasLine("NotifyAddrChange error...50"));
   m.Stop();
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kResendThread), 1u);
@@ -189,11 +190,7 @@ class ReportingTest : public ManagerTest {
     fake.timings.keepAliveUnitMs = 1000;  // no keep-alive report unless a test asks for one
   }
   void User(uint32_t session, const std::u16string& name) {
-    testing::FakeAccounts::User u;
-    u.sid = testing::DomainSid(1000 + session);
-    u.name = name;
-    u.domain = u"CORP";
-    fake.accounts.SetUser(session, u);
+    fake.accounts.SetUser(session, {testing::DomainSid(1000 + session), name, u"CORP"});
   }
   bool HasLineStarting(const std::string& prefix) {
     for (const auto& l : fake.support.Lines())
@@ -223,11 +220,8 @@ TEST_F(ReportingTest, StartReportsTheLastActiveSessionOfTheEnumeration) {
   ASSERT_EQ(reports.size(), 1u);
   ASSERT_EQ(reports[0].records.size(), 1u);
   const SessionRecord& r = reports[0].records[0];
-  EXPECT_EQ(r.user, "MLIND");
-  EXPECT_EQ(r.domain, "CORP");
-  EXPECT_EQ(r.workstation, "WS1.CORP.EXAMPLE");
-  EXPECT_EQ(r.logon, 1u);
-  EXPECT_EQ(r.IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
+  EXPECT_EQ(std::make_tuple(r.user, r.domain, r.workstation, r.logon, r.IPv4Text()),
+            std::make_tuple("MLIND", "CORP", "WS1.CORP.EXAMPLE", 1u, std::vector<std::string>{"10.0.0.5"}));
   EXPECT_EQ(RegistryState(), kConfiguredReachable);
   for (const char* line :
        {"m_count:1, m_count6:0", "Succeeded to call WTSEnumerateSessions, dwSICount:4",
@@ -281,8 +275,7 @@ TEST_F(NtlmReportingTest, ALogonWhoseAcknowledgementAsksForNtlmProvesTheSessions
   m.Start();
   const auto r = lab.WaitReports(1)[0];
   m.Stop();
-  EXPECT_EQ(r.ntlmEnd, "proven");
-  EXPECT_EQ(r.ntlmKey, 100001u);
+  EXPECT_EQ(std::tie(r.ntlmEnd, r.ntlmKey), std::make_tuple("proven", 100001u));
   EXPECT_TRUE(fake.support.HasLine("NTLM auth succeeded"));
   EXPECT_EQ(RegistryState(), kConfiguredReachable);
 }
@@ -454,8 +447,7 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
   m.ReloadSettings();
   EXPECT_EQ(m.Events().SendSessionEvent(1, 1, 0), 1u);
-  EXPECT_EQ(m.Events().ResendPending(), 0u);
-  EXPECT_EQ(m.Events().ResendTries(), 0u);
+  EXPECT_EQ(std::make_tuple(m.Events().ResendPending(), m.Events().ResendTries()), std::make_tuple(0u, 0u));
   // The server goes again, and a logoff fails (ResendLogoff 1): the timer
   // re-sends it 20 times and drops it; the logon's re-sends stay at 20.
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
@@ -483,10 +475,9 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
   const auto reports = lab.WaitReports(2);
   m.Stop();
   ASSERT_EQ(reports.size(), 2u);
-  ASSERT_EQ(reports[1].records.size(), 2u);
-  EXPECT_EQ(reports[1].records[0].IPv4Text(), (std::vector<std::string>{"10.0.0.5"}));
-  EXPECT_EQ(reports[1].records[0].logon, 0u);
-  EXPECT_EQ(reports[1].records[1].IPv4Text(), (std::vector<std::string>{"10.0.0.9"}));
+  ASSERT_EQ(Users(reports[1]), (std::vector<std::string>{"ANNA:0", "ANNA:1"}));
+  EXPECT_EQ(std::make_tuple(reports[1].records[0].IPv4Text(), reports[1].records[1].IPv4Text()),
+            std::make_tuple(std::vector<std::string>{"10.0.0.5"}, std::vector<std::string>{"10.0.0.9"}));
   EXPECT_EQ(Records("3"), 1u);
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kAddressHandlerThread), 1u);
 }

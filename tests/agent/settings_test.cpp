@@ -62,10 +62,7 @@ TEST(ServerListParse, ItemsPortsAndSeparators) {
 
 TEST(ServerListParse, LongHostIsCutTo127AndTheListIsReplaced) {
   const std::string longHost(200, 'h');
-  auto items = Parse(longHost + ".x:5");
-  ASSERT_EQ(items.size(), 1u);
-  EXPECT_EQ(items[0].host, std::string(127, 'h'));
-  EXPECT_EQ(items[0].port, 5u);
+  EXPECT_EQ(Parse(longHost + ".x:5"), (std::vector<Item>{{std::string(127, 'h'), 5}}));
 
   ServerList list;
   ParseServerList("a.b;c.d;e.f", list);
@@ -79,12 +76,9 @@ TEST(SettingsRecord, FieldsAreReadAtTheirOffsets) {
   std::u16string key(70, u'k');  // longer than the record has room for
   support.SetSettings(1, u"a.b:1", key, 3, 1);
   SettingsRecordView v = ReadSettingsRecord(support);
-  EXPECT_EQ(v.enabled, 1u);
-  EXPECT_EQ(v.addressCategory, 3u);
-  EXPECT_EQ(v.preferAzure, 1u);
-  EXPECT_EQ(v.serverList, u"a.b:1");
   // The key field runs to the end of the 660-byte record: 66 units.
-  EXPECT_EQ(v.presharedKey, std::u16string(66, u'k'));
+  EXPECT_EQ(std::tie(v.enabled, v.addressCategory, v.preferAzure, v.serverList, v.presharedKey),
+            std::make_tuple(1u, 3u, 1u, u"a.b:1", std::u16string(66, u'k')));
 
   uint8_t raw[settings_record::kSize] = {};
   raw[16] = 'x';
@@ -92,9 +86,7 @@ TEST(SettingsRecord, FieldsAreReadAtTheirOffsets) {
   raw[530] = 0xE9;  // U+00E9
   raw[4] = 7;
   v = DecodeSettingsRecord(raw);
-  EXPECT_EQ(v.enabled, 7u);
-  EXPECT_EQ(v.serverList, u"x");
-  EXPECT_EQ(v.presharedKey, u"p\u00e9");
+  EXPECT_EQ(std::tie(v.enabled, v.serverList, v.presharedKey), std::make_tuple(7u, u"x", u"p\u00e9"));
 }
 
 class SettingsChange : public ::testing::Test {
@@ -150,9 +142,8 @@ TEST_F(SettingsChange, ApplySetsTheLevelOnlyWithALogHandleAndReplacesEverything)
 
   support.SetSettings(1, u"x.y:1", u"new key", 2, 1);
   settings.Apply(support, log);
-  EXPECT_EQ(settings.AddressCategory(), 2u);
-  EXPECT_EQ(settings.PreferAzure(), 1u);
-  EXPECT_EQ(settings.PresharedKey(), "new key");
+  EXPECT_EQ(std::make_tuple(settings.AddressCategory(), settings.PreferAzure(), settings.PresharedKey()),
+            std::make_tuple(2u, 1u, "new key"));
   ASSERT_EQ(settings.Servers().size(), 1u);
   EXPECT_EQ(settings.Servers()[0]->port, 1u);
   EXPECT_TRUE(support.HasLine("Brannock config:x.y:1"));
@@ -215,15 +206,14 @@ TEST(ServerVerificationValues, DefaultOffAndWhatEachValueTurnsInto) {
     }
     if (c.pinType)
       registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, kServerPinsValue, c.pinType, c.pins);
+    SCOPED_TRACE(c.what);
     const ServerVerification v = ReadServerVerification(registry);
-    EXPECT_EQ(c.verifyOn, v.verify) << c.what;
-    EXPECT_EQ(c.pinsConfigured, v.pinsConfigured) << c.what;
-    EXPECT_EQ(c.validPins, v.pins.size()) << c.what;
-    EXPECT_EQ(c.problems, v.problems.size()) << c.what;
-    EXPECT_EQ(c.resendLogoff, ReadResendLogoff(registry)) << c.what;
+    EXPECT_EQ(std::make_tuple(c.verifyOn, c.pinsConfigured, c.validPins, c.problems, c.resendLogoff),
+              std::make_tuple(v.verify, v.pinsConfigured, v.pins.size(), v.problems.size(),
+                              ReadResendLogoff(registry)));
     if (c.validPins == 2) {
-      EXPECT_EQ(std::string(64, 'A'), Sha256Text(v.pins[0])) << c.what;
-      EXPECT_EQ(std::string(64, 'B'), Sha256Text(v.pins[1])) << c.what;
+      EXPECT_EQ(std::make_tuple(Sha256Text(v.pins[0]), Sha256Text(v.pins[1])),
+                std::make_tuple(std::string(64, 'A'), std::string(64, 'B')));
     }
   }
 }

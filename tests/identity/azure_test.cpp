@@ -47,14 +47,11 @@ TEST(ParseConsoleOutputTest, Rows) {
       {std::string("  TenantId : first\n\0  TenantId : second\n", 40), -1, u"", u"", u"first"},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.output.substr(0, 80));
     std::u16string user, domain, tenant;
-    const std::string shown = row.output.substr(0, 80);
-    EXPECT_EQ(row.result, ParseConsoleOutput(row.output, user, domain, tenant)) << shown;
-    EXPECT_EQ(row.tenant, tenant) << shown;
-    if (row.result == 0) {
-      EXPECT_EQ(row.user, user) << shown;
-      EXPECT_EQ(row.domain, domain) << shown;
-    }
+    EXPECT_EQ(row.result, ParseConsoleOutput(row.output, user, domain, tenant));
+    EXPECT_EQ(row.tenant, tenant);
+    if (row.result == 0) EXPECT_EQ(std::tie(row.user, row.domain), std::tie(user, domain));
   }
 }
 
@@ -113,9 +110,7 @@ TEST_F(RunExternalProgramTest, OutputBeyondTheLimitIsRefused) {
 TEST_F(RunExternalProgramTest, FailedReadsRetryAtOnceAndAFailedPeekEnds) {
   runner.script = {PipeStep{"abc", 0, false, true}, PipeStep{"", 0, true}, PipeStep{"never"}};
   ASSERT_EQ(0, Run());
-  EXPECT_EQ("abc", output);
-  EXPECT_EQ(2, *runner.reads);
-  EXPECT_EQ(3, *runner.peeks);
+  EXPECT_EQ(std::make_tuple("abc", 2, 3), std::make_tuple(output, *runner.reads, *runner.peeks));
 }
 
 TEST_F(RunExternalProgramTest, StartFailures) {
@@ -134,12 +129,7 @@ TEST_F(RunExternalProgramTest, StartFailures) {
 
 class AzureLookupTest : public ::testing::Test, protected FakeUserLookup {
  protected:
-  AzureLookupTest() {
-    FakeAccounts::User user;
-    user.sid = DomainSid(1300);
-    user.linkedTokenId = 9;
-    accounts.SetUser(1, user);
-  }
+  AzureLookupTest() { accounts.SetUser(1, {DomainSid(1300), u"", u"", false, false, 9}); }
   int32_t Lookup(uint32_t session = 1) {
     return GetAZureSessionUserInfo(system, log, session, user, domain, tenant);
   }
@@ -151,9 +141,9 @@ TEST_F(AzureLookupTest, SuccessRunsTheToolWithTheLinkedTokenAndClosesIt) {
   runner.script = {PipeStep{"  TenantId : t-1\r\n  Executing Account Name : a\\b, c@d.example\r\n"}};
   ASSERT_EQ(kAzureOk, Lookup());
   EXPECT_EQ("dsregcmd.exe /status", runner.commandLines.at(0));
-  EXPECT_EQ(9, runner.lastToken.value());
-  EXPECT_EQ(1, accounts.tokensClosed.load());     // the linked token, closed at the end
-  EXPECT_EQ(1, accounts.tokensAbandoned.load());  // the token it replaced stays open
+  // The linked token is used and closed at the end; the token it replaced stays open.
+  EXPECT_EQ(std::make_tuple(9, 1, 1), std::make_tuple(runner.lastToken.value(), accounts.tokensClosed.load(),
+                                                      accounts.tokensAbandoned.load()));
   EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is successful"));
   EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), username:c, domain:d.example, tenantID:t-1"));
 }
@@ -180,8 +170,7 @@ TEST_F(AzureLookupTest, FailureResults) {
     EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=" +
                                 std::to_string(error)));
   }
-  EXPECT_EQ(3u, runner.commandLines.size());
-  EXPECT_EQ(3, accounts.tokensClosed.load());
+  EXPECT_EQ(std::make_tuple(3u, 3), std::make_tuple(runner.commandLines.size(), accounts.tokensClosed.load()));
 }
 
 }  // namespace

@@ -79,9 +79,7 @@ TEST_F(IdentifiersTest, SerialRows) {
     ids.LoadVrxSerial();
     EXPECT_EQ(row.serial, ids.VrxSerial()) << WideToUtf8(row.primary);
     EXPECT_EQ(*row.serial ? 0u : 1u, support.CountLines("Failed to get VRX SN") - failures);
-    if (*row.serial) {
-      EXPECT_TRUE(support.HasLine(std::string("VRX SN:") + row.serial));
-    }
+    if (*row.serial) EXPECT_TRUE(support.HasLine(std::string("VRX SN:") + row.serial));
   }
   EXPECT_EQ(0, support.OpenKeys());
 }
@@ -91,8 +89,7 @@ TEST_F(IdentifiersTest, MissingKeyClearsSerialButKeepsTenant) {
   Value(u"tenantid", u"tenant-77");
   ids.LoadVrxSerial();
   ids.LoadVrxTenantId();
-  EXPECT_EQ("VRX-1", ids.VrxSerial());
-  EXPECT_EQ("tenant-77", ids.VrxTenantId());
+  EXPECT_EQ(std::make_tuple("VRX-1", "tenant-77"), std::make_tuple(ids.VrxSerial(), ids.VrxTenantId()));
 
   registry.RemoveKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
   ids.LoadVrxSerial();
@@ -123,9 +120,7 @@ TEST_F(IdentifiersTest, SerialNeedsTheParentKeyOpenedThroughTheLibrary) {
   registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
   ids.LoadVrxSerial();
   EXPECT_EQ("VRX-1", ids.VrxSerial());
-  for (uint32_t access : registry.AccessMasks()) {
-    EXPECT_EQ(reg_access::kRead | reg_access::kWow64_64Key, access);
-  }
+  for (uint32_t access : registry.AccessMasks()) EXPECT_EQ(reg_access::kRead | reg_access::kWow64_64Key, access);
 }
 
 }  // namespace

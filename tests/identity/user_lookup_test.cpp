@@ -30,11 +30,7 @@ class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
   // environment when `dnsDomain` is set.
   void DomainUser(const std::u16string& domain, const std::u16string& dnsDomain = u"",
                   uint32_t rid = 1107, std::optional<std::u16string> sessionDnsDomain = {}) {
-    FakeAccounts::User user;
-    user.sid = DomainSid(rid);
-    user.name = userName;
-    user.domain = domain;
-    user.sessionDnsDomain = std::move(sessionDnsDomain);
+    const FakeAccounts::User user{DomainSid(rid), userName, domain, false, false, 0, sessionDnsDomain};
     accounts.SetUser(2, user);
     if (!dnsDomain.empty()) {
       std::u16string sidText;
@@ -215,10 +211,7 @@ TEST_F(UserLookupTest, TokenLookupResults) {
   EXPECT_TRUE(support.HasLine("Failed to call WTSQueryUserToken for session ID:4,error:5"));
   EXPECT_EQ(nullptr, token);
 
-  FakeAccounts::User user;
-  user.sid = DomainSid(1107);
-  user.linkedTokenId = 77;
-  accounts.SetUser(2, user);
+  accounts.SetUser(2, {DomainSid(1107), u"", u"", false, false, 77});
   ASSERT_EQ(0, QuerySessionUserToken(accounts, log, 2, &token, false));
   EXPECT_NE(77, static_cast<FakeToken&>(*token).id());
   // The linked token replaces the first one, which is left open.
@@ -260,16 +253,11 @@ TEST_F(UserLookupTest, AccountFailures) {
   EXPECT_TRUE(support.HasLine("Failed to get token for session ID:2,error:0"));
 
   accounts.hasQueryUserToken = true;
-  FakeAccounts::User broken;
-  broken.sid = DomainSid(1);
-  broken.tokenInformationFails = true;
-  accounts.SetUser(5, broken);
+  accounts.SetUser(5, {DomainSid(1), u"", u"", false, /*tokenInformationFails=*/true});
   EXPECT_EQ(0, GetSessionAccount(system, log, 5, user, domain, 1));
   EXPECT_TRUE(support.HasLine("Failed to get token information for session ID:5,error:6"));
 
-  broken.tokenInformationFails = false;
-  broken.lookupFails = true;
-  accounts.SetUser(5, broken);
+  accounts.SetUser(5, {DomainSid(1), u"", u"", /*lookupFails=*/true});
   const size_t lines = support.Lines().size();
   EXPECT_EQ(0, GetSessionAccount(system, log, 5, user, domain, 1));
   EXPECT_EQ(lines, support.Lines().size());

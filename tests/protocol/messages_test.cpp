@@ -91,16 +91,14 @@ TEST(Messages, WriteTheWireBytesAndReadThemBack) {
   EXPECT_EQ(eventAck.Hex(), "0000001ab8060000000ac003000000020000000ac1030000005a");
   EventAck eack;
   ASSERT_TRUE(eack.Read(eventAck.decoder));
-  EXPECT_EQ(2u, eack.result);
-  EXPECT_EQ(90u, eack.keepAliveInterval);
+  EXPECT_EQ(std::make_tuple(2u, 90u), std::tie(eack.result, eack.keepAliveInterval));
   EXPECT_EQ(Received(EventAck{1}).Hex(), "00000010b8060000000ac00300000001");
 
   Received negotiate(NtlmToken{MSG_NTLM_NEGOTIATE, 100001, "TkVH"});
   EXPECT_EQ(negotiate.Hex(), "0000001a88060000000a0103000186a10000000aa001546b5648");
   NtlmToken token{MSG_NTLM_NEGOTIATE};
   ASSERT_TRUE(token.Read(negotiate.decoder));
-  EXPECT_EQ(100001u, token.id);
-  EXPECT_EQ("TkVH", token.token);
+  EXPECT_EQ(std::make_tuple(100001u, "TkVH"), std::tie(token.id, token.token));
 
   // The result word goes out so that the agent, reading it without
   // byte-order conversion, sees 1 (on the little-endian machines it runs on).
@@ -133,11 +131,10 @@ TEST(Messages, WriteTheWireBytesAndReadThemBack) {
   ASSERT_TRUE(read.Read(event.decoder));
   ASSERT_EQ(2u, read.records.size());
   EXPECT_EQ("M\xC3\x9CLLER", read.records[0].user);
-  EXPECT_EQ((std::vector<std::string>{"10.0.0.6", "10.0.0.7"}), read.records[1].IPv4Text());
-  EXPECT_EQ(std::vector<std::string>{"2001:db8::"}, read.records[1].IPv6Text());
-  EXPECT_EQ("S-1", read.records[1].vrxSerial);
-  EXPECT_EQ(1u, read.records[1].logon);
-  EXPECT_EQ(kSessionRecordFixedValue, read.records[1].fixedValue);
+  const SessionRecord& r = read.records[1];
+  EXPECT_EQ(std::make_tuple(std::vector<std::string>{"10.0.0.6", "10.0.0.7"}, std::vector<std::string>{"2001:db8::"},
+                            "S-1", 1u, kSessionRecordFixedValue),
+            std::make_tuple(r.IPv4Text(), r.IPv6Text(), r.vrxSerial, r.logon, r.fixedValue));
 }
 
 // What the readers take from a message: rows of hand-written attributes.
@@ -179,10 +176,8 @@ TEST(Messages, ReadersTakeWhatTheFormatGives) {
                                                             {ATTR_ID, TYPE_U32, U32(77)},
                                                             {ATTR_DIGEST, TYPE_BYTES, {9, 9, 9}},
                                                             {ATTR_VERSION_TEXT, TYPE_STRING, Text(std::string(31, 'v'))}}));
-  EXPECT_TRUE(helloOk);
-  EXPECT_EQ(77u, hello.id);
-  EXPECT_EQ((std::array<uint8_t, 16>{9, 9, 9}), hello.digest);
-  EXPECT_EQ(3u, hello.digestLength);
+  EXPECT_EQ(std::make_tuple(true, 77u, std::array<uint8_t, 16>{9, 9, 9}, 3u),
+            std::tie(helloOk, hello.id, hello.digest, hello.digestLength));
   for (size_t size : {32u, 4096u})
     EXPECT_FALSE(read(Hello{}, Message(MSG_HELLO, {{ATTR_VERSION_TEXT, TYPE_STRING, Text(std::string(size, 'v'))}})).first) << size;
   EXPECT_FALSE(read(Hello{}, Message(MSG_HELLO_ACK, {{ATTR_HELLO_RESULT, TYPE_U32, U32(1)}})).first);
@@ -197,9 +192,7 @@ TEST(Messages, ReadersTakeWhatTheFormatGives) {
   auto [ackOk, ack] = read(EventAck{}, Message(MSG_EVENT_ACK, {{ATTR_EVENT_RESULT, TYPE_U32, U32(2)},
                                                                {ATTR_KEEPALIVE_INTERVAL, TYPE_U32, U32(60)},
                                                                {ATTR_KEEPALIVE_INTERVAL, TYPE_U32, U32(0)}}));
-  EXPECT_TRUE(ackOk);
-  EXPECT_EQ(2u, ack.result);
-  EXPECT_EQ(60u, ack.keepAliveInterval);
+  EXPECT_EQ(std::make_tuple(true, 2u, 60u), std::tie(ackOk, ack.result, ack.keepAliveInterval));
   EXPECT_FALSE(read(EventAck{}, Message(MSG_HELLO_ACK, {{ATTR_EVENT_RESULT, TYPE_U32, U32(1)}})).first);
 
   // NTLM: a token only from bytes or a string, the result only from a u32
@@ -207,8 +200,7 @@ TEST(Messages, ReadersTakeWhatTheFormatGives) {
   auto [tokenOk, token] = read(NtlmToken{MSG_NTLM_CHALLENGE},
                                Message(MSG_NTLM_CHALLENGE, {{ATTR_NTLM_TOKEN, TYPE_STRING, Text("Q0g=")},
                                                             {ATTR_NTLM_TOKEN, TYPE_U32, U32(5)}}));
-  EXPECT_TRUE(tokenOk);
-  EXPECT_EQ("Q0g=", token.token);
+  EXPECT_EQ(std::make_tuple(true, "Q0g="), std::tie(tokenOk, token.token));
   EXPECT_FALSE(read(NtlmToken{MSG_NTLM_CHALLENGE}, Message(MSG_NTLM_RESULT, {})).first);
   EXPECT_EQ(-1, read(NtlmResult{}, Message(MSG_NTLM_RESULT, {{ATTR_NTLM_STATUS, TYPE_BYTES, U32(1)}})).second.status);
 
@@ -219,8 +211,7 @@ TEST(Messages, ReadersTakeWhatTheFormatGives) {
                                                                    {ATTR_USER, TYPE_STRING, Text("BOB")},
                                                                    {ATTR_IPV4, TYPE_BYTES, U32(1)},
                                                                    {ATTR_IPV6, TYPE_BYTES, U32(1)}}));
-  EXPECT_TRUE(eventOk);
-  ASSERT_EQ(1u, event.records.size());
+  ASSERT_TRUE(eventOk && event.records.size() == 1u);
   EXPECT_EQ("BOB", event.records[0].user);
   EXPECT_TRUE(event.records[0].ipv4.empty() && event.records[0].ipv6.empty());
   EXPECT_EQ(0u, event.records[0].fixedValue);  // as received

@@ -19,9 +19,8 @@ class NtlmPackageTest : public ::testing::Test {
                                token);
   }
   void ExpectNothingHeld() {
-    EXPECT_EQ(0u, package.LiveCredentials());
-    EXPECT_EQ(0u, package.LiveContexts());
-    EXPECT_EQ(0u, package.LiveBuffers());
+    EXPECT_EQ(std::make_tuple(0u, 0u, 0u),
+              std::make_tuple(package.LiveCredentials(), package.LiveContexts(), package.LiveBuffers()));
   }
 
   FakeSecurityPackage package;
@@ -174,12 +173,10 @@ TEST_F(NtlmPackageTest, PurgeFiltersByThePredecessorsKeyAndByAge) {
   for (const Row& row : rows) {
     SCOPED_TRACE(::testing::Message() << row.key << "/" << row.age);
     std::string token;
-    now = 1000;
-    ntlm.MakeFirstToken(5, 1, token, &alice);
-    now = 1100;
-    ntlm.MakeFirstToken(7, 2, token, &alice);
-    now = 1200;
-    ntlm.MakeFirstToken(5, 3, token, &alice);
+    for (const auto& [k1, k2, at] : {std::tuple(5u, 1u, 1000u), {7u, 2u, 1100u}, {5u, 3u, 1200u}}) {
+      now = at;
+      ntlm.MakeFirstToken(k1, k2, token, &alice);
+    }
     now = 1300;
     printed.clear();
     ntlm.Purge(row.key, row.age);

@@ -88,18 +88,14 @@ TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays
     const size_t stepsBefore = package.Bindings().size();
     ASSERT_TRUE(agent.Deliver(7));
     const auto r = lab.WaitReports(key - 100000).back();
-    EXPECT_EQ("complete", r.end);
-    EXPECT_EQ("proven", r.ntlmEnd);
-    EXPECT_EQ("alice", r.ntlmUser);
-    EXPECT_EQ("CORP", r.ntlmDomain);
-    EXPECT_EQ(key, r.ntlmKey);
+    EXPECT_EQ(std::make_tuple("complete", "proven", "alice", "CORP", key),
+              std::tie(r.end, r.ntlmEnd, r.ntlmUser, r.ntlmDomain, r.ntlmKey));
     // The agent's messages, byte for byte: its key and its tokens as base64.
     ASSERT_EQ(2u, r.ntlmFrames.size());
     EXPECT_EQ(NtlmFrame(136, key, "TkVHT1RJQVRF"), r.ntlmFrames[0]);
     const std::string answer = "AUTHENTICATE CORP\\alice CHALLENGE-" + std::to_string(key - 100000);
     EXPECT_EQ(NtlmFrame(138, key, Base64Text(answer.data(), uint32_t(answer.size()))), r.ntlmFrames[1]);
-    EXPECT_EQ(key, relay.LastKey());
-    EXPECT_EQ(1, relay.LastOutcome().result);
+    EXPECT_EQ(std::make_tuple(key, 1), std::make_tuple(relay.LastKey(), relay.LastOutcome().result));
     const auto steps = package.Bindings();
     ASSERT_EQ(stepsBefore + 2, steps.size());
     for (size_t i = stepsBefore; i < steps.size(); ++i) {
@@ -114,10 +110,10 @@ TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays
                           "guess the password from it; switch VerifyServer on with pinned "
                           "certificates"));
   // The tokens were made as the session's user on the relay's own thread.
-  EXPECT_EQ(3, impersonation.threadTokensSet.load());
-  EXPECT_EQ("", FakeImpersonation::ThreadUser());
-  EXPECT_EQ(0u, ntlm.ExchangeCount());
-  EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
+  EXPECT_EQ(std::make_tuple(3, "", 0u, 0u),
+            std::make_tuple(impersonation.threadTokensSet.load(), FakeImpersonation::ThreadUser(),
+                            ntlm.ExchangeCount(),
+                            package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers()));
   ExpectNoSecretLogged();
 }
 
@@ -160,9 +156,7 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
     EXPECT_TRUE(agent.Deliver(row.session));
     const auto r = lab.WaitReports(1)[0];
     EXPECT_EQ(row.labEnd != nullptr, r.ntlmStarted);
-    if (row.labEnd) {
-      EXPECT_EQ(row.labEnd, r.ntlmEnd);
-    }
+    if (row.labEnd) EXPECT_EQ(row.labEnd, r.ntlmEnd);
     const auto lines = agent.support.Lines();
     size_t relayLines = 0;
     for (size_t i = before; i < lines.size(); ++i)
@@ -171,13 +165,11 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
                             "NTLM auth"})
         relayLines += lines[i].text.rfind(t, 0) == 0;
     EXPECT_EQ(row.text ? 1u : 0u, relayLines);
-    if (row.text) {
-      EXPECT_EQ(1u, LinesWith(row.text));
-    }
+    if (row.text) EXPECT_EQ(1u, LinesWith(row.text));
     // A key is taken only once the user's token is in hand.
-    EXPECT_EQ(keyBefore + (row.keyTaken ? 1 : 0), relay.LastKey());
-    EXPECT_EQ(0u, ntlm.ExchangeCount());
-    EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
+    EXPECT_EQ(std::make_tuple(keyBefore + (row.keyTaken ? 1 : 0), 0u, 0u),
+              std::make_tuple(relay.LastKey(), ntlm.ExchangeCount(),
+                              package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers()));
   }
   ExpectNoSecretLogged();
 }

@@ -49,8 +49,7 @@ TEST(AesRoutine, MatchesTheAesKnownAnswerWithAZeroIvAndPadsAWholeBlock) {
 
   CSecureBuffer back;
   ASSERT_EQ(0, Aes128Cbc(key, cipher.Data(), static_cast<uint32_t>(cipher.Size()), 0, back));
-  EXPECT_EQ(0, std::memcmp(plain, back.Data(), sizeof plain));
-  EXPECT_EQ(16u, back.Size());
+  EXPECT_EQ(Hex(plain, sizeof plain), Hex(back.Data(), back.Size()));
 }
 
 TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
@@ -87,10 +86,9 @@ TEST(CertificateRegion, ParseRejectsEveryTruncation) {
   }
   CertificateMaterial m;
   ASSERT_TRUE(ParseCertificateRegion(region.data(), region.size(), m));
-  EXPECT_EQ(3u, m.caBundle.length);
-  EXPECT_EQ(0u, m.clientCertificate.length);
-  EXPECT_EQ(16u, m.alternativePassPhrase.length);
-  EXPECT_EQ(region.data() + region.size() - 16, m.alternativePassPhrase.data);
+  EXPECT_EQ(std::make_tuple(3u, 0u, 16u, region.data() + region.size() - 16),
+            std::make_tuple(m.caBundle.length, m.clientCertificate.length,
+                            m.alternativePassPhrase.length, m.alternativePassPhrase.data));
   for (size_t size = 0; size < region.size(); ++size)
     EXPECT_FALSE(ParseCertificateRegion(region.data(), size, m)) << "size " << size;
 }
@@ -105,8 +103,7 @@ TEST(CertificateRegion, BuiltInMaterialIsScrambledEncryptedAndComplete) {
   EXPECT_EQ(std::string::npos,
             std::string(reinterpret_cast<const char*>(m.clientKey.data), m.clientKey.length)
                 .find("PRIVATE KEY"));
-  EXPECT_EQ(16u, m.passPhrase.length);
-  EXPECT_EQ(32u, m.alternativePassPhrase.length);
+  EXPECT_EQ(std::make_tuple(16u, 32u), std::make_tuple(m.passPhrase.length, m.alternativePassPhrase.length));
   EXPECT_NE(std::string::npos, Decrypted(m, m.caBundle).find("-----BEGIN CERTIFICATE-----"));
   EXPECT_NE(std::string::npos, Decrypted(m, m.clientKey).find("ENCRYPTED PRIVATE KEY"));
 }

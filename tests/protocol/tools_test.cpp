@@ -43,45 +43,41 @@ std::vector<std::string> Addresses(const CLogonTable& t, const std::string& user
   return {"<absent>"};
 }
 
-TEST(LogonTable, ALogonReportsTheUserAtExactlyItsAddresses) {
+// One table through a script of records: a logon reports the user at exactly
+// its addresses (a keep-alive replaces them), an address belongs to one user
+// (losing the last one drops the entry), and a withdrawing record removes its
+// addresses and, without any, the user; one for a user not there changes nothing.
+TEST(LogonTable, RecordsMoveAddressesBetweenUsers) {
+  const std::string a = "192.0.2.10", b = "192.0.2.11", c = "192.0.2.12";
+  const struct {
+    uint32_t logon;
+    const char* user;
+    std::vector<std::string> v4, v6;
+    const char* checked;  // the user whose addresses follow
+    std::vector<std::string> addresses;
+    size_t entries;
+  } steps[] = {
+      {1, "ALICE", {a, b}, {"fe80::1"}, "ALICE", {a, b, "fe80::1"}, 1},
+      {1, "ALICE", {c}, {}, "ALICE", {c}, 1},
+      {1, "ALICE", {a, b}, {}, "ALICE", {a, b}, 1},
+      {1, "BOB", {a}, {}, "ALICE", {b}, 2},
+      {1, "BOB", {a, b}, {}, "ALICE", {"<absent>"}, 1},
+      {0, "BOB", {a}, {}, "BOB", {b}, 1},
+      {0, "BOB", {b}, {}, "BOB", {"<absent>"}, 0},
+      {1, "ALICE", {a}, {}, "ALICE", {a}, 1},
+      {0, "CAROL", {}, {}, "ALICE", {a}, 1},
+      {0, "ALICE", {}, {}, "ALICE", {"<absent>"}, 0},
+  };
   CLogonTable t;
-  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}, {"fe80::1"}), "agent", 100);
-  EXPECT_EQ((std::vector<std::string>{"192.0.2.10", "192.0.2.11", "fe80::1"}), Addresses(t, "ALICE"));
-  // A keep-alive with new addresses replaces them.
-  t.Apply(Record(1, "ALICE", {"192.0.2.12"}), "agent", 200);
-  EXPECT_EQ(std::vector<std::string>{"192.0.2.12"}, Addresses(t, "ALICE"));
-  ASSERT_EQ(1u, t.Entries().size());
-  EXPECT_EQ(100, t.Entries()[0].since);
-  EXPECT_EQ(200, t.Entries()[0].lastSeen);
-}
-
-TEST(LogonTable, AnAddressBelongsToOneUser) {
-  CLogonTable t;
-  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}), "a", 1);
-  t.Apply(Record(1, "BOB", {"192.0.2.10"}), "a", 2);
-  EXPECT_EQ(std::vector<std::string>{"192.0.2.11"}, Addresses(t, "ALICE"));
-  EXPECT_EQ("BOB", t.FindByAddress("192.0.2.10")->user);
-  // Losing the last address to another user drops the entry.
-  t.Apply(Record(1, "BOB", {"192.0.2.10", "192.0.2.11"}), "a", 3);
-  EXPECT_EQ(std::vector<std::string>{"<absent>"}, Addresses(t, "ALICE"));
-  EXPECT_EQ(1u, t.Entries().size());
-}
-
-TEST(LogonTable, AWithdrawingRecordRemovesItsAddressesAndThenTheUser) {
-  CLogonTable t;
-  t.Apply(Record(1, "ALICE", {"192.0.2.10", "192.0.2.11"}), "a", 1);
-  // An address change: the old addresses withdrawn, then the new ones.
-  t.Apply(Record(0, "ALICE", {"192.0.2.10"}), "a", 2);
-  EXPECT_EQ(std::vector<std::string>{"192.0.2.11"}, Addresses(t, "ALICE"));
-  t.Apply(Record(0, "ALICE", {"192.0.2.11"}), "a", 3);
-  EXPECT_TRUE(t.Entries().empty());
-  // A logoff without addresses removes the user, and one for a user who is
-  // not there changes nothing.
-  t.Apply(Record(1, "ALICE", {"192.0.2.10"}), "a", 4);
-  t.Apply(Record(0, "CAROL", {}), "a", 5);
-  EXPECT_EQ(1u, t.Entries().size());
-  t.Apply(Record(0, "ALICE", {}), "a", 6);
-  EXPECT_TRUE(t.Entries().empty());
+  for (size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE(i);
+    t.Apply(Record(steps[i].logon, steps[i].user, steps[i].v4, steps[i].v6), "agent", 100 * (i + 1));
+    EXPECT_EQ(steps[i].addresses, Addresses(t, steps[i].checked));
+    EXPECT_EQ(steps[i].entries, t.Entries().size());
+    const std::time_t since = 100, lastSeen = 200;  // ALICE's first logon, then the keep-alive
+    if (i == 1) EXPECT_EQ(std::tie(since, lastSeen), std::tie(t.Entries()[0].since, t.Entries()[0].lastSeen));
+    if (i == 3) EXPECT_EQ("BOB", t.FindByAddress(a)->user);
+  }
   EXPECT_NE(std::string::npos, t.FormatText().find("nobody"));
 }
 

@@ -216,8 +216,7 @@ TEST(DecoderTest, WalksFlatThroughNestedGroupsWithValuesInPlace) {
   Bytes b = Contents(e);
 
   CDecoder d(b.data(), static_cast<uint32_t>(b.size()));
-  EXPECT_EQ(d.message_code(), MSG_EVENT);
-  EXPECT_EQ(d.peek_code(), MSG_EVENT);
+  EXPECT_EQ(std::make_tuple(d.message_code(), d.peek_code()), std::make_tuple(MSG_EVENT, MSG_EVENT));
   // Each item as code/type=value; 132 is both the envelope's code and the
   // tenant id's: the type tells them apart. Values are read in place.
   std::vector<std::string> seen;
@@ -252,16 +251,14 @@ TEST(DecoderTest, WalksFlatThroughNestedGroupsWithValuesInPlace) {
 TEST(DecoderTest, EmptyAndTinyBuffers) {
   CDecoder empty;
   EXPECT_EQ(empty.next(), nullptr);
-  EXPECT_EQ(empty.message_code(), 0);
-  EXPECT_EQ(empty.peek_code(), 0);
+  EXPECT_EQ(std::make_tuple(empty.message_code(), empty.peek_code()), std::make_tuple(0, 0));
   CDecoder nullBuffer(nullptr, 100);
   EXPECT_EQ(nullBuffer.TotalLength(), 0u);
   EXPECT_EQ(nullBuffer.next(), nullptr);
 
   uint8_t five[5] = {0, 0, 0, 5, 128};
   CDecoder d(five, 5);
-  EXPECT_EQ(d.message_code(), 128);
-  EXPECT_EQ(d.peek_code(), 128);
+  EXPECT_EQ(std::make_tuple(d.message_code(), d.peek_code()), std::make_tuple(128, 128));
   EXPECT_EQ(d.next(), nullptr);  // no room for a header
 }
 
@@ -308,8 +305,7 @@ TEST(DecoderTest, GroupLengthIsNotUsedByTheWalk) {
     ++n;
     if (d.Code() == ATTR_EVENT_RESULT) result = d.ValueU32();
   }
-  EXPECT_EQ(n, 3);
-  EXPECT_EQ(result, 2u);
+  EXPECT_EQ(std::make_tuple(n, result), std::make_tuple(3, 2u));
 }
 
 // --- receive framing -----------------------------------------------------------

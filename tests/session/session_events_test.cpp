@@ -266,9 +266,8 @@ TEST_F(SessionFixture, WithoutAddressesNothingIsSentAndTheResendFlagRises) {
   ASSERT_EQ(table.AddSession(1), 1u);
   EXPECT_EQ(events.SendSessionEvent(1, 1, 0), 0u);
   EXPECT_TRUE(host.deliveries.empty());
-  EXPECT_EQ(events.ResendPending(), 1u);
-  EXPECT_EQ(events.CurrentSession(), 1u);
-  EXPECT_EQ(events.Logon(), 1u);
+  EXPECT_EQ(std::make_tuple(events.ResendPending(), events.CurrentSession(), events.Logon()),
+            std::make_tuple(1u, 1u, 1u));
 }
 
 TEST_F(SessionFixture, EveryDeliveryWritesItsLogRecord) {
@@ -322,17 +321,13 @@ TEST_F(SessionFixture, KeepAliveAndResendReportTheLoggedOnSessionOnly) {
   // A re-send counts a try; its failure leaves the report pending.
   host.accept = false;
   events.ResendLogonEvent();
-  EXPECT_EQ(events.ResendTries(), 1u);
-  EXPECT_EQ(events.ResendPending(), 1u);
+  EXPECT_EQ(std::make_tuple(events.ResendTries(), events.ResendPending()), std::make_tuple(1u, 1u));
   SetAddresses({});
   events.SendKeepAliveEvent();  // no address
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:1"}));
-  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:0, "
-                               "m_dwCurrentSession:0"),
-            1u);
-  EXPECT_EQ(support.CountLines("CSessionManager::SendKeepAliveEvent:934, m_bLogon:1, "
-                               "m_dwCurrentSession:1"),
-            2u);
+  const std::string keepAlive = "CSessionManager::SendKeepAliveEvent:934, m_bLogon:";
+  EXPECT_EQ(support.CountLines(keepAlive + "0, m_dwCurrentSession:0"), 1u);
+  EXPECT_EQ(support.CountLines(keepAlive + "1, m_dwCurrentSession:1"), 2u);
   EXPECT_TRUE(support.HasLine("CSessionManager::ResendLogonEvent:1002, m_bLogon:1, "
                               "m_dwCurrentSession:1"));
   // Records: the logon (1) and the keep-alive (5); the re-send writes none.
@@ -481,11 +476,7 @@ class AzureRecordTest : public SessionFixture,
 
 TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
   const AzureRecordRow& row = GetParam();
-  FakeAccounts::User user;
-  user.sid = DomainSid(1002);
-  user.name = u"user2";
-  user.domain = row.adDomain;
-  accounts.SetUser(2, user);
+  accounts.SetUser(2, {DomainSid(1002), u"user2", row.adDomain});
   console.script = {PipeStep{row.joined
                                  ? "             AzureAdJoined : YES\r\n"
                                    "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
@@ -499,8 +490,7 @@ TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
   ASSERT_EQ(events.SendSessionEvent(2, 1, 0), 1u);
   ASSERT_EQ(host.deliveries.size(), 1u);
   const SessionRecord& r = host.deliveries[0].records.back();
-  EXPECT_EQ(r.user, row.user);
-  EXPECT_EQ(r.azureAccount, row.azureAccount);
+  EXPECT_EQ(std::tie(r.user, r.azureAccount), std::make_tuple(row.user, row.azureAccount));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, AzureRecordTest, ::testing::ValuesIn(kAzureRecordRows), RowName);
@@ -529,16 +519,15 @@ TEST(SessionMessage, LogDomainTextHasBothTickVariants) {
   r.serverIPv4 = 0;
   r.tickCount = 42;
   r.threadId = 7;
-  r.delivered = true;
-  EXPECT_EQ(SessionLogDomainText(r),
-            "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,succeeded to send session info, "
-            "TICC:42, TID:7");
-  r.delivered = false;
-  EXPECT_EQ(SessionLogDomainText(r),
-            "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,failed to send session info, "
-            "TICC:42, TID:7");
-  r.tickLogging = false;
-  EXPECT_EQ(SessionLogDomainText(r), "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,TID:7");
+  const std::string head = "CORP,Workstation Name:ws1,IP:10.0.0.5,BRK:0.0.0.0,";
+  for (const auto& [delivered, tick, tail] :
+       {std::tuple(true, true, "succeeded to send session info, TICC:42, TID:7"),
+        std::tuple(false, true, "failed to send session info, TICC:42, TID:7"),
+        std::tuple(false, false, "TID:7")}) {
+    r.delivered = delivered;
+    r.tickLogging = tick;
+    EXPECT_EQ(SessionLogDomainText(r), head + tail);
+  }
 }
 
 }  // namespace

@@ -143,11 +143,7 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
   }
   // Session `id` gets user USER<id> of domain CORP.
   void AddUser(uint32_t id) {
-    FakeAccounts::User user;
-    user.sid = DomainSid(1000 + id);
-    user.name = u"user" + AnsiToWide(std::to_string(id));
-    user.domain = u"CORP";
-    accounts.SetUser(id, user);
+    accounts.SetUser(id, {DomainSid(1000 + id), u"user" + AnsiToWide(std::to_string(id)), u"CORP"});
   }
   // The ExcludedUsers list, as the registry value holds it.
   void Exclude(std::initializer_list<std::u16string> patterns) {
