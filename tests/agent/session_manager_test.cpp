@@ -42,13 +42,12 @@ TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
     CSessionManager m(P());
     EXPECT_EQ(RegistryState(), kNotConfigured);
     EXPECT_EQ(m.Init(), 1u);
-    EXPECT_EQ(m.State(), kConfiguredUnreachable);
-    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
-    ASSERT_EQ(m.Settings().Servers().size(), 2u);
-    EXPECT_EQ(m.Settings().PresharedKey(), "psk");
-    EXPECT_EQ(m.DomainName(), "corp.example.test");
-    EXPECT_EQ(fake.network.startups, 1);
-    EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
+    // The NTLM package is prepared by Init too.
+    EXPECT_EQ(std::make_tuple(m.State(), RegistryState(), m.Settings().Servers().size(),
+                              m.Settings().PresharedKey(), m.DomainName(), fake.network.startups.load(),
+                              m.NtlmPackage()->PackageName()),
+              std::make_tuple(kConfiguredUnreachable, kConfiguredUnreachable, 2u, "psk",
+                              "corp.example.test", 1, u"NTLM"));
   }
   EXPECT_EQ(RegistryState(), kNotConfigured);
 }
@@ -104,11 +103,9 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   }
   EXPECT_EQ(fake.support.CatalogueEvents(),
             (std::vector<uint32_t>{kEventStarting, kEventStopping}));
-  EXPECT_EQ(fake.support.OpenLogs(), 0);
-  EXPECT_EQ(m.Sessions().PendingSessionCount(), 0u);
-  EXPECT_TRUE(m.Settings().Servers().empty());
-  EXPECT_EQ(fake.network.cleanups, 1);
-  EXPECT_EQ(fake.window.destroyed, 1);
+  EXPECT_EQ(std::make_tuple(fake.support.OpenLogs(), m.Sessions().PendingSessionCount(),
+                            m.Settings().Servers().size(), fake.network.cleanups.load(), fake.window.destroyed.load()),
+            std::make_tuple(0, 0u, 0u, 1, 1));
 }
 
 TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
@@ -503,9 +500,9 @@ TEST_P(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
   fake.window.Post(NotificationKind::kSessionLogon, 5);
   WaitForLine("SendAndReceive(), Local IP:");
   m.Stop();
-  EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kNotificationThread), 1u);
+  EXPECT_EQ(std::make_tuple(m.ThreadExitCode(CWorkerThreads::kNotificationThread), m.State()),
+            std::make_tuple(1u, kConfiguredUnreachable));
   EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
-  EXPECT_EQ(m.State(), kConfiguredUnreachable);
 }
 
 TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) {
@@ -580,9 +577,8 @@ class AgentMainTest : public ManagerTest {
 TEST_F(AgentMainTest, WithoutTheSwitchNothingStarts) {
   Configure(u"a.b");
   EXPECT_EQ(Run({"agent", "-S", "name"}), 0);
-  EXPECT_TRUE(createdNames.empty());
-  EXPECT_TRUE(fake.support.Lines().empty());
-  EXPECT_TRUE(fake.support.CatalogueEvents().empty());
+  EXPECT_EQ(std::make_tuple(createdNames.size(), fake.support.Lines().size(), fake.support.CatalogueEvents().size()),
+            std::make_tuple(0u, 0u, 0u));
 }
 
 TEST_F(AgentMainTest, StopStatusRunsStopAndEndsWithZero) {
@@ -591,11 +587,9 @@ TEST_F(AgentMainTest, StopStatusRunsStopAndEndsWithZero) {
   std::thread parent([this] { Signal(); });
   EXPECT_EQ(Run({"agent", " -s", "  Global\\Agent_Ctl_7\t"}), 0);
   parent.join();
-  EXPECT_EQ(createdNames, (std::vector<std::string>{"Global\\Agent_Ctl_7"}));
-  EXPECT_EQ(fake.support.LastStatusKey(), u"7");
-  EXPECT_EQ(fake.support.CatalogueEvents(),
-            (std::vector<uint32_t>{kEventStarting, kEventStopping}));
-  EXPECT_EQ(RegistryState(), kNotConfigured);
+  EXPECT_EQ(std::make_tuple(createdNames, fake.support.LastStatusKey(), fake.support.CatalogueEvents(), RegistryState()),
+            std::make_tuple(std::vector<std::string>{"Global\\Agent_Ctl_7"}, u"7",
+                            std::vector<uint32_t>{kEventStarting, kEventStopping}, kNotConfigured));
 }
 
 TEST_F(AgentMainTest, UnchangedRereadKeepsRunningChangedOneEndsWithoutStop) {

@@ -78,17 +78,18 @@ TEST_F(AddressDiscoveryTest, ResolverWalkKeepsFourOfEachAndDropsLocalForms) {
                       Packed(V4(172, 16, 0, 4))}),
             ipv4);  // the fifth, 10.9.9.9, is dropped
   ASSERT_EQ(4u, count6);
-  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})), ipv6[0]);
-  EXPECT_EQ(Bytes16(V6({0xfec0, 0, 0, 0, 0, 0, 0, 1})), ipv6[1]);  // site-local is not link-local
-  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 3})), ipv6[3]);
+  // Site-local fec0::1 is not link-local.
+  EXPECT_EQ(std::make_tuple(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1})), Bytes16(V6({0xfec0, 0, 0, 0, 0, 0, 0, 1})),
+                            Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 3}))),
+            std::make_tuple(ipv6[0], ipv6[1], ipv6[3]));
 
   EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress is called\n"));
   EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:192.168.1.3\n"));
   EXPECT_TRUE(support.HasLine("CSessionManager::GetAllIPAddress:1368 IPv6 address:fec0::1\n"));
-  EXPECT_EQ(4u, support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::1\n") +
-                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:fec0::1\n") +
-                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::2\n") +
-                    support.CountLines("CSessionManager::GetAllIPAddress:1368 IPv6 address:2001:db8::3\n"));
+  size_t v6Lines = 0;
+  for (const char* a : {"2001:db8::1", "fec0::1", "2001:db8::2", "2001:db8::3"})
+    v6Lines += support.CountLines(std::string("CSessionManager::GetAllIPAddress:1368 IPv6 address:") + a + "\n");
+  EXPECT_EQ(4u, v6Lines);
   EXPECT_TRUE(support.HasLine("CSessionManager::GetIPAddress:1227 count:4, count6:4\n"));
   // The manager's first collection: the same addresses, without log lines.
   const size_t lines = support.Lines().size();
@@ -98,16 +99,13 @@ TEST_F(AddressDiscoveryTest, ResolverWalkKeepsFourOfEachAndDropsLocalForms) {
 
 TEST_F(AddressDiscoveryTest, NothingFoundAndAbsentLists) {
   ipv4.fill(7);
-  Lookup();  // the host name does not resolve
-  EXPECT_EQ(0u, count4);
-  EXPECT_EQ(0u, count6);
-  EXPECT_EQ(IPv4List{}, ipv4);  // zero-filled before the lookup
+  Lookup();  // the host name does not resolve; the list is zero-filled before the lookup
+  EXPECT_EQ(std::make_tuple(0u, 0u, IPv4List{}), std::make_tuple(count4, count6, ipv4));
 
   network.names["pc7"] = {V4(10, 0, 0, 1)};
   count4 = count6 = 5;
   discovery.GetIPAddress(nullptr, count4, &ipv6, count6);
-  EXPECT_EQ(0u, count4);
-  EXPECT_EQ(0u, count6);
+  EXPECT_EQ(std::make_tuple(0u, 0u), std::make_tuple(count4, count6));
   EXPECT_FALSE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:10.0.0.1\n"));
 }
 
@@ -133,10 +131,8 @@ TEST_F(AddressDiscoveryTest, VpnFirstWhenTheCategoryAsksForIt) {
              kVpnAdapterDescriptionNdis);
   Lookup();
   EXPECT_TRUE(support.HasLine("VPN is up\n"));
-  ASSERT_EQ(1u, count4);
-  EXPECT_EQ(Packed(V4(10, 212, 0, 9)), ipv4[0]);
-  ASSERT_EQ(1u, count6);
-  EXPECT_EQ(Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x77})), ipv6[0]);
+  EXPECT_EQ(std::make_tuple(1u, Packed(V4(10, 212, 0, 9)), 1u, Bytes16(V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x77}))),
+            std::make_tuple(count4, ipv4[0], count6, ipv6[0]));
   // The VPN's addresses are not logged one by one.
   EXPECT_FALSE(support.HasLine("CSessionManager::GetAllIPAddress:1356 IPv4 address:10.212.0.9\n"));
 
@@ -147,12 +143,10 @@ TEST_F(AddressDiscoveryTest, VpnFirstWhenTheCategoryAsksForIt) {
 
 TEST_F(AddressDiscoveryTest, VirtualAdapterClassification) {
   const std::array<uint8_t, 6> plain = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
-  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VMware Virtual Ethernet Adapter for VMnet8", plain, {})));
-  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VMwareX", plain, {})));
-  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("vmware adapter", plain, {})));
-  EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("VirtualBox Host-Only Ethernet Adapter", plain, {})));
-  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("VirtualBo", plain, {})));
-  EXPECT_EQ(0u, discovery.IsVirtualAdapter(Info("Intel(R) Ethernet", plain, {})));
+  for (const auto& [description, virtualOne] :
+       {std::pair("VMware Virtual Ethernet Adapter for VMnet8", 1u), {"VMwareX", 1u}, {"vmware adapter", 0u},
+        {"VirtualBox Host-Only Ethernet Adapter", 1u}, {"VirtualBo", 0u}, {"Intel(R) Ethernet", 0u}})
+    EXPECT_EQ(virtualOne, discovery.IsVirtualAdapter(Info(description, plain, {}))) << description;
   EXPECT_EQ(1u, discovery.IsVirtualAdapter(Info("Intel(R) Ethernet", {0x44, 0x45, 0x53, 0, 0, 1}, {})));
   // The endpoint client's own VPN adapters are never virtual.
   for (const auto& mac : kOwnVpnAdapterMacs) {
@@ -172,12 +166,10 @@ TEST_F(AddressDiscoveryTest, HyperVExternalSwitchIsReportedInternalIsNot) {
   discovery.LoadHyperVExternalPorts();
   const auto ports = discovery.HyperVExternalPorts();
   ASSERT_EQ(3u, ports.size());
-  EXPECT_TRUE(ports[0].hasMac);
-  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0x0a, 0x0b, 0x0c}), ports[0].mac);
-  EXPECT_EQ(u"External Switch", ports[0].elementName);
-  EXPECT_FALSE(ports[1].hasMac);
-  EXPECT_EQ(u"", ports[1].elementName);  // only read after a parsed address
-  EXPECT_FALSE(ports[2].hasMac);
+  EXPECT_EQ(std::make_tuple(true, std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0x0a, 0x0b, 0x0c}, u"External Switch"),
+            std::make_tuple(ports[0].hasMac, ports[0].mac, ports[0].elementName));
+  // The element name is only read after a parsed address.
+  EXPECT_EQ(std::make_tuple(false, u"", false), std::make_tuple(ports[1].hasMac, ports[1].elementName, ports[2].hasMac));
   EXPECT_TRUE(support.HasLine("Mac address:00155D0A0B0C\n"));
   EXPECT_TRUE(support.HasLine("ElementName:External Switch\n"));
   EXPECT_TRUE(support.HasLine("Description:Port on NIC\n"));
@@ -216,14 +208,13 @@ TEST_F(AddressDiscoveryTest, ExcludedListTakesEachVirtualAdaptersFirstAddress) {
   discovery.BuildVirtualAdapterList();
   const auto excluded = discovery.ExcludedAddresses();
   ASSERT_EQ(2u, excluded.size());  // the first address, once per entry of the list
-  EXPECT_EQ(Packed(V4(192, 168, 50, 1)), Packed(excluded[0]));
-  EXPECT_EQ(Packed(V4(192, 168, 50, 1)), Packed(excluded[1]));
+  EXPECT_EQ(std::make_tuple(Packed(V4(192, 168, 50, 1)), Packed(V4(192, 168, 50, 1))),
+            std::make_tuple(Packed(excluded[0]), Packed(excluded[1])));
 
   network.names["pc7"] = {V4(192, 168, 50, 1), V4(192, 168, 51, 1), V4(192, 168, 70, 1),
                           V4(192, 168, 60, 1), V4(192, 168, 1, 3)};
   Lookup();
-  EXPECT_EQ(4u, count4);
-  EXPECT_EQ(Packed(V4(192, 168, 51, 1)), ipv4[0]);
+  EXPECT_EQ(std::make_tuple(4u, Packed(V4(192, 168, 51, 1))), std::make_tuple(count4, ipv4[0]));
 
   // A failed adapter query leaves the list empty, not stale.
   adapters.infoError = 232;
@@ -287,11 +278,9 @@ TEST_F(AddressDiscoveryTest, ExplanationNamesTheReasonForEveryAddress) {
     const size_t explainLines = support.Lines().size() - lines;
     lines = support.Lines().size();
     Lookup();
-    EXPECT_EQ(explainLines, support.Lines().size() - lines);
-    EXPECT_EQ(count4, why.reported.count4);
-    EXPECT_EQ(count6, why.reported.count6);
-    EXPECT_TRUE(ipv4 == why.reported.ipv4 && ipv6 == why.reported.ipv6);
-    EXPECT_EQ(category != 0, why.vpnFirst);
+    EXPECT_EQ(std::make_tuple(explainLines, count4, count6, ipv4, ipv6, category != 0),
+              std::make_tuple(support.Lines().size() - lines, why.reported.count4, why.reported.count6,
+                              why.reported.ipv4, why.reported.ipv6, why.vpnFirst));
 
     std::vector<Row> expected;
     for (const Row& row : rows)
@@ -302,11 +291,9 @@ TEST_F(AddressDiscoveryTest, ExplanationNamesTheReasonForEveryAddress) {
     ASSERT_EQ(expected.size(), why.decisions.size());
     for (size_t i = 0; i < expected.size(); ++i) {
       const AddressDecision& d = why.decisions[i];
-      SCOPED_TRACE(AddressText(expected[i].address));
-      EXPECT_EQ(AddressText(expected[i].address), AddressText(d.address));
-      EXPECT_EQ(expected[i].source, d.source);
-      EXPECT_EQ(expected[i].verdict, d.verdict);
-      EXPECT_EQ(expected[i].adapter, d.adapter);
+      EXPECT_EQ(std::make_tuple(AddressText(expected[i].address), expected[i].source, expected[i].verdict,
+                                std::string(expected[i].adapter)),
+                std::make_tuple(AddressText(d.address), d.source, d.verdict, d.adapter));
     }
   }
 }
