@@ -80,12 +80,9 @@ TEST(SidToTextTest, Rows) {
     uint32_t length = row.length;
     SetLastErrorCode(0);
     SCOPED_TRACE(WideToUtf8(row.text));
-    EXPECT_EQ(row.result, SidToText(row.sid, text, length));
-    EXPECT_EQ(row.text, text);
-    EXPECT_EQ(row.lengthAfter, length);
-    if (row.lengthAfter > row.length) {
-      EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
-    }
+    const uint32_t result = SidToText(row.sid, text, length);
+    EXPECT_EQ(std::make_tuple(row.result, row.text, row.lengthAfter), std::make_tuple(result, text, length));
+    if (row.lengthAfter > row.length) EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
   }
   EXPECT_FALSE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(16, 1))));
   EXPECT_TRUE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(15, 1))));
@@ -145,9 +142,9 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   for (const auto& row : rows) {
     std::u16string value;
     uint32_t length = 99;
-    EXPECT_EQ(row.result, RegQueryStringValue(key, row.name, value, &length)) << WideToUtf8(row.name);
-    EXPECT_EQ(row.length, length) << WideToUtf8(row.name);
-    EXPECT_EQ(row.value, value);
+    const uint32_t result = RegQueryStringValue(key, row.name, value, &length);
+    EXPECT_EQ(std::make_tuple(row.result, row.value, row.length), std::make_tuple(result, value, length))
+        << WideToUtf8(row.name);
   }
   std::u16string value;
   EXPECT_EQ(1u, RegQueryStringValue(key, u"plain", value, nullptr));  // no length asked for
@@ -216,24 +213,22 @@ TEST_F(UserLookupTest, TokenLookupResults) {
   EXPECT_NE(77, static_cast<FakeToken&>(*token).id());
   // The linked token replaces the first one, which is left open.
   ASSERT_EQ(0, QuerySessionUserToken(accounts, log, 2, &token, true));
-  EXPECT_EQ(77, static_cast<FakeToken&>(*token).id());
-  EXPECT_EQ(1, accounts.tokensAbandoned.load());
-  EXPECT_EQ(1, accounts.tokensClosed.load());  // the one of the earlier call, on reassignment
+  // The one of the earlier call is closed on reassignment.
+  EXPECT_EQ(std::make_tuple(77, 1, 1), std::make_tuple(static_cast<FakeToken&>(*token).id(),
+                                                       accounts.tokensAbandoned.load(), accounts.tokensClosed.load()));
 
   // Without the function nothing is asked and nothing is said.
   const size_t lines = support.Lines().size();
   accounts.hasQueryUserToken = false;
   EXPECT_EQ(-1, QuerySessionUserToken(accounts, log, 2, &token, false));
-  EXPECT_EQ(nullptr, token);
-  EXPECT_EQ(lines, support.Lines().size());
+  EXPECT_EQ(std::make_tuple(nullptr, lines), std::make_tuple(token.get(), support.Lines().size()));
 }
 
 TEST_F(UserLookupTest, AccountDomainAndKindOfAccount) {
   std::u16string user, domain;
   DomainUser(u"FABRIKAM", u"FABRIKAM.EXAMPLE.TEST");
   EXPECT_EQ(kTsDomainAccount, GetTSSessionUserName(system, log, 2, user, domain, 1));
-  EXPECT_EQ(u"mlind", user);
-  EXPECT_EQ(u"FABRIKAM.EXAMPLE.TEST", domain);
+  EXPECT_EQ(std::make_tuple(u"mlind", u"FABRIKAM.EXAMPLE.TEST"), std::tie(user, domain));
   EXPECT_EQ(kTsDomainAccount, GetTSSessionUserName(system, log, 2, user, domain, 0));
   EXPECT_EQ(u"FABRIKAM", domain);  // the SID lookup's domain when DNS is not asked for
 
@@ -242,8 +237,7 @@ TEST_F(UserLookupTest, AccountDomainAndKindOfAccount) {
   EXPECT_EQ(kTsNoUser, GetTSSessionUserName(system, log, 3, user, domain, 1));
 
   // Every token this lookup took is still open.
-  EXPECT_EQ(0, accounts.tokensClosed.load());
-  EXPECT_EQ(3, accounts.tokensAbandoned.load());
+  EXPECT_EQ(std::make_tuple(0, 3), std::make_tuple(accounts.tokensClosed.load(), accounts.tokensAbandoned.load()));
 }
 
 TEST_F(UserLookupTest, AccountFailures) {
@@ -260,8 +254,7 @@ TEST_F(UserLookupTest, AccountFailures) {
   accounts.SetUser(5, {DomainSid(1), u"", u"", /*lookupFails=*/true});
   const size_t lines = support.Lines().size();
   EXPECT_EQ(0, GetSessionAccount(system, log, 5, user, domain, 1));
-  EXPECT_EQ(lines, support.Lines().size());
-  EXPECT_EQ(0, accounts.tokensClosed.load());
+  EXPECT_EQ(std::make_tuple(lines, 0), std::make_tuple(support.Lines().size(), accounts.tokensClosed.load()));
 }
 
 // The whole lookup for session 2 (6 has nobody): the AD and Azure AD
@@ -348,15 +341,10 @@ TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {
   }
   AzureAnswers(row.azure);
   ASSERT_EQ(row.result, LoadSessionUser(system, record, session, log, row.prefer));
-  EXPECT_EQ(row.userName, record.UserName());
-  EXPECT_EQ(row.domainName, record.Domain());
-  EXPECT_EQ(row.tenant, record.TenantId());
-  if (row.result == 1) {
-    EXPECT_EQ(session, record.SessionId());
-  }
-  EXPECT_EQ(row.source, record.Lookup().source);
-  EXPECT_EQ(row.domainResult, record.Lookup().domainResult);
-  EXPECT_EQ(row.azureResult, record.Lookup().azureResult);
+  EXPECT_EQ(std::make_tuple(row.userName, row.domainName, row.tenant, row.source, row.domainResult, row.azureResult),
+            std::make_tuple(record.UserName(), record.Domain(), record.TenantId(), record.Lookup().source,
+                            record.Lookup().domainResult, record.Lookup().azureResult));
+  if (row.result == 1) EXPECT_EQ(session, record.SessionId());
   std::map<std::string, size_t> expected;
   for (const char* line : row.lines) ++expected[line];
   for (const auto& [line, count] : expected) EXPECT_EQ(count, support.CountLines(line)) << line;
