@@ -41,14 +41,12 @@ TEST(AgentState, WritesThroughTheOpenedKeyEveryTimeAndLogsTheOutcome) {
     const bool stored =
         registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", value);
     const bool written = row.keyExists && row.setError == 0;
-    EXPECT_EQ(stored && value == row.state, written);  // a missing key is never created
-    EXPECT_EQ(registry.DwordWrites(), written ? 2u : 0u);
-    EXPECT_EQ(support.CountLines(row.line), 2u);
+    // A missing key is never created.
+    EXPECT_EQ(std::make_tuple(stored && value == row.state, registry.DwordWrites(), support.CountLines(row.line)),
+              std::make_tuple(written, written ? 2u : 0u, 2u));
     ASSERT_EQ(support.Lines().size(), 2u);
     EXPECT_EQ(support.Lines()[0].error, !written);
-    if (row.keyExists) {
-      EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);  // KEY_WRITE | WOW64_64
-    }
+    if (row.keyExists) EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);  // KEY_WRITE | WOW64_64
   }
 }
 

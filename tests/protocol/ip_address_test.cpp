@@ -24,17 +24,13 @@ IpAddress V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
 
 TEST(IpAddressTest, TextFollowsTheStoredAddress) {
   IpAddress a;
-  EXPECT_EQ(a.IsValid(), 0u);
-  EXPECT_EQ(a.Family(), 0);
-  EXPECT_STREQ(a.Text(), "0.0.0.0");
+  EXPECT_EQ(std::make_tuple(a.IsValid(), a.Family(), std::string(a.Text())), std::make_tuple(0u, 0, "0.0.0.0"));
   a = V4(10, 0, 0, 5);
-  EXPECT_EQ(a.Family(), kFamilyIPv4);
-  EXPECT_STREQ(a.Text(), "10.0.0.5");
+  EXPECT_EQ(std::make_tuple(a.Family(), std::string(a.Text())), std::make_tuple(kFamilyIPv4, "10.0.0.5"));
   // A new address after the text was made must not show the old text.
   const uint8_t loopback6[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   a.SetIPv6(loopback6);
-  EXPECT_EQ(a.Family(), kFamilyIPv6);
-  EXPECT_STREQ(a.Text(), "::1");
+  EXPECT_EQ(std::make_tuple(a.Family(), std::string(a.Text())), std::make_tuple(kFamilyIPv6, "::1"));
 }
 
 TEST(IpAddressTest, IPv6TextForms) {
@@ -59,16 +55,15 @@ TEST(IpAddressTest, IPv6TextForms) {
 
 TEST(AddressLiteralTest, AcceptedAndRefused) {
   for (const auto& row : kLiteralRows) {
+    SCOPED_TRACE(row.text);
     const std::string expected = row.Own();
     IpAddress out = V4(1, 2, 3, 4);
-    EXPECT_EQ(parse_address_literal(row.text, out), expected.empty() ? 0u : 1u) << row.text;
-    EXPECT_EQ(is_address_literal(row.text), expected.empty() ? 0u : 1u) << row.text;
+    EXPECT_EQ(parse_address_literal(row.text, out), expected.empty() ? 0u : 1u);
+    EXPECT_EQ(is_address_literal(row.text), expected.empty() ? 0u : 1u);
     // A refused text leaves the value untouched.
-    EXPECT_EQ(out.Text(), expected.empty() ? "1.2.3.4" : expected) << row.text;
-    if (!expected.empty()) {
-      EXPECT_EQ(out.Family(), expected.find(':') != std::string::npos ? kFamilyIPv6 : kFamilyIPv4)
-          << row.text;
-    }
+    EXPECT_EQ(out.Text(), expected.empty() ? "1.2.3.4" : expected);
+    if (!expected.empty())
+      EXPECT_EQ(out.Family(), expected.find(':') != std::string::npos ? kFamilyIPv6 : kFamilyIPv4);
   }
   EXPECT_EQ(is_address_literal(nullptr), 0u);
 }
