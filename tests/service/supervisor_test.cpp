@@ -178,8 +178,7 @@ TEST_F(SupervisorTest, AnAgentThatIgnoresTheStopIsEndedByForceAfterTheLimit) {
   EXPECT_EQ(J(sys.journal.begin() + 5, sys.journal.end()),
             (J{"status Service=3", "signal", "wait-agent 20000", "terminate 7", "wait-agent 20000",
                "state 0"}));
-  EXPECT_EQ(sys.events[2], id(ServiceEvent::kAgentKilled));
-  EXPECT_EQ(sys.now, 5000u + 20000u);
+  EXPECT_EQ(std::make_tuple(sys.events[2], sys.now), std::make_tuple(id(ServiceEvent::kAgentKilled), 5000u + 20000u));
 }
 
 TEST_F(SupervisorTest, ASettingsChangeIsPassedOnButTheAgentsOwnStateWriteIsNot) {
@@ -250,8 +249,8 @@ TEST_F(SupervisorTest, DisablingStopsTheAgentAndEnablingStartsAFreshOne) {
   ScriptedSystem off;
   off.settings = Settings(u"a.b", 0);
   CAgentSupervisor(off, off, timings).Run();
-  EXPECT_EQ(off.nextId, 7u);
-  EXPECT_EQ(off.texts[0], "The service started; Enabled is 0, so no agent runs.");
+  EXPECT_EQ(std::make_tuple(off.nextId, off.texts[0]),
+            std::make_tuple(7u, "The service started; Enabled is 0, so no agent runs."));
 }
 
 TEST_F(SupervisorTest, FailuresOfTheSystemCalls) {
@@ -263,8 +262,7 @@ TEST_F(SupervisorTest, FailuresOfTheSystemCalls) {
     ScriptedSystem r;
     r.eventError = error;
     EXPECT_EQ(CAgentSupervisor(r, r, timings).Run(), error);
-    EXPECT_EQ(r.journal, (J{"event Global\\LindqvarAgent_Service"}));
-    EXPECT_EQ(r.events, (E{id(event)}));
+    EXPECT_EQ(std::make_tuple(r.journal, r.events), std::make_tuple(J{"event Global\\LindqvarAgent_Service"}, E{id(event)}));
   }
 
   // The agent cannot start: retried with the back-off; a settings change
@@ -292,8 +290,8 @@ TEST_F(SupervisorTest, FailuresOfTheSystemCalls) {
             (J{"watch", "read", "status Service=1",
                "start -s Global\\LindqvarAgent_Service at 5000", "wait 5000", "watch", "read",
                "wait 5000", "watch", "read", "status Service=1"}));
-  EXPECT_EQ(m.journal[12], "signal");  // the key appeared: a re-read
-  EXPECT_EQ(m.events[0], id(ServiceEvent::kWatchFailed));
+  // The key appeared: a re-read.
+  EXPECT_EQ(std::make_tuple(m.journal[12], m.events[0]), std::make_tuple("signal", id(ServiceEvent::kWatchFailed)));
 }
 
 TEST(SettingsSnapshotTest, StateValueIgnoredAndEnabledReadAsTheAgentReadsIt) {
@@ -319,8 +317,7 @@ TEST(SettingsSnapshotTest, StateValueIgnoredAndEnabledReadAsTheAgentReadsIt) {
     s.Add(u"ENABLED", r.type, r.data);
     EXPECT_EQ(s.Enabled(), r.enabled);
   }
-  EXPECT_TRUE(SettingsSnapshot().Enabled());
-  EXPECT_TRUE(SettingsSnapshot::Missing().Enabled());
+  EXPECT_TRUE(SettingsSnapshot().Enabled() && SettingsSnapshot::Missing().Enabled());
 }
 
 TEST(InstallFolderTest, OnlyFoldersInsideProgramFilesGoUnprotected) {

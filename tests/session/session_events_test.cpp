@@ -146,9 +146,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   if (row.known != Known::kNoUser) AddUser(row.session);
   if (row.known == Known::kNotReady) notReady.insert(row.session);
   ASSERT_EQ(table.AddSession(1), 1u);
-  if (row.loggedOn) {
-    ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  }
+  if (row.loggedOn) ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
   for (uint32_t user = 1; user <= resend.keptBefore; ++user) {
     AddUser(user);
     Notify(K::kSessionLogon, user);
@@ -156,9 +154,7 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
     Notify(K::kSessionLogoff, user);
     host.accept = true;
   }
-  if (row.known == Known::kInTable) {
-    ASSERT_EQ(table.AddSession(row.session), 1u);
-  }
+  if (row.known == Known::kInTable) ASSERT_EQ(table.AddSession(row.session), 1u);
   if (row.excluded) Exclude({u"nobody", u"corp\\USER" + AnsiToWide(std::to_string(row.session))});
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
@@ -187,18 +183,13 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
     // For no session: nobody's NTLM proof for a departed user.
     for (size_t i = first; i < sent; ++i) EXPECT_EQ(host.deliveries[i].session, kNoSession);
   }
-  EXPECT_EQ(host.Summary(), row.sent);
-  EXPECT_EQ(events.Logon(), row.nextL);
-  EXPECT_EQ(events.CurrentSession(), row.nextC);
+  EXPECT_EQ(std::make_tuple(host.Summary(), events.Logon(), events.CurrentSession()),
+            std::make_tuple(row.sent, row.nextL, row.nextC));
   std::string logged;
   const auto lines = support.Lines();
   for (size_t i = linesBefore; i < lines.size(); ++i) logged += lines[i].text + "\n";
-  for (const std::string& l : row.lines) {
-    EXPECT_NE(logged.find(l), std::string::npos) << l;
-  }
-  for (const std::string& l : row.absent) {
-    EXPECT_EQ(logged.find(l), std::string::npos) << l;
-  }
+  for (const std::string& l : row.lines) EXPECT_NE(logged.find(l), std::string::npos) << l;
+  for (const std::string& l : row.absent) EXPECT_EQ(logged.find(l), std::string::npos) << l;
   // Only a not-ready logon parks its session.
   EXPECT_EQ(table.PendingSessionCount(),
             row.kind == K::kSessionLogon && row.known == Known::kNotReady ? 1u : 0u);
@@ -216,8 +207,7 @@ TEST_F(SessionFixture, LogoffRemovesTheEntryAndItsPendingRecordAfterSending) {
   ASSERT_EQ(table.AddSession(4), 1u);
   Notify(K::kSessionLogoff, 4);
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER4:0"}));
-  EXPECT_EQ(table.FindSession(4), nullptr);
-  EXPECT_EQ(table.PendingSessionCount(), 0u);
+  EXPECT_EQ(std::make_tuple(table.FindSession(4), table.PendingSessionCount()), std::make_tuple(nullptr, 0u));
 }
 
 TEST_F(SessionFixture, ResumeTriesFiveTimesThenLogsTheFailure) {
@@ -307,8 +297,7 @@ TEST_F(SessionFixture, AnExcludedSessionLeavesTheReportedOneAlone) {
   events.ResendLogonEvent();
   EXPECT_EQ(host.Summary(), (std::vector<std::string>{"USER1:1", "USER1:1", "USER1:0+USER1:1",
                                                       "USER1:1", "USER1:0"}));
-  EXPECT_EQ(events.Logon(), 0u);
-  EXPECT_EQ(table.FindSession(1), nullptr);
+  EXPECT_EQ(std::make_tuple(events.Logon(), table.FindSession(1)), std::make_tuple(0u, nullptr));
 }
 
 TEST_F(SessionFixture, KeepAliveAndResendReportTheLoggedOnSessionOnly) {
@@ -370,17 +359,14 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
   ASSERT_EQ(table.AddSession(1), 1u);
   SetAddresses(row.before);
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  if (row.withdrawn) {
-    ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
-  }
+  if (row.withdrawn) ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
   host.deliveries.clear();
   SetAddresses(row.now);
   host.accept = !row.firstFails;
   events.CheckAddressChange();
   host.accept = true;
   if (row.firstFails) events.CheckAddressChange();
-  EXPECT_EQ(host.Summary(), row.sent);
-  EXPECT_EQ(events.ResendPending(), row.resendPending);
+  EXPECT_EQ(std::make_tuple(host.Summary(), events.ResendPending()), std::make_tuple(row.sent, row.resendPending));
   if (!row.sent.empty()) {
     EXPECT_EQ(host.deliveries.back().records[1].IPv4Text(), row.newIPv4);
     EXPECT_TRUE(support.HasLine("old ip address:10.0.0.5"));
@@ -446,8 +432,7 @@ TEST_P(InFlightTest, AnAddressReportInFlightComesFirst) {
   host.ReleaseDelivery();
   round.Wait();
   other.Wait();
-  EXPECT_EQ(host.Summary(), row.sent);
-  EXPECT_EQ(events.Logon(), row.logon);
+  EXPECT_EQ(std::make_tuple(host.Summary(), events.Logon()), std::make_tuple(row.sent, row.logon));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows), RowName);

@@ -14,15 +14,14 @@ TEST_F(TableTest, GrowsByTenAndReusesTheLowestFreeSlot) {
     AddUser(id);
     ASSERT_EQ(table.AddSession(id), 1u) << id;
   }
-  EXPECT_EQ(table.Slots(), 20u);
-  EXPECT_EQ(table.SlotOf(11), 10);
+  EXPECT_EQ(std::make_tuple(table.Slots(), table.SlotOf(11)), std::make_tuple(20u, 10));
   EXPECT_EQ(table.RemoveSession(4), 1u);
   EXPECT_EQ(table.RemoveSession(4), 0u);
   EXPECT_EQ(table.RemoveSession(2), 1u);
   AddUser(12);
   ASSERT_EQ(table.AddSession(12), 1u);
-  EXPECT_EQ(table.SlotOf(12), 1);  // slot of session 2, below that of session 4
-  EXPECT_EQ(table.FindSession(12)->UserName(), "user12");
+  // The slot of session 2, below that of session 4.
+  EXPECT_EQ(std::make_tuple(table.SlotOf(12), table.FindSession(12)->UserName()), std::make_tuple(1, "user12"));
   EXPECT_TRUE(support.HasLine("session ID:12 has added to session table\n"));
 }
 
@@ -38,8 +37,7 @@ TEST_F(TableTest, AddingAKnownSessionSkipsTheLookupAndFailuresAddNothing) {
   notReady.insert(9);
   AddUser(9);
   EXPECT_EQ(table.AddSession(9), 2u);
-  EXPECT_EQ(table.FindSession(8), nullptr);
-  EXPECT_EQ(table.FindSession(9), nullptr);
+  EXPECT_EQ(std::make_tuple(table.FindSession(8), table.FindSession(9)), std::make_tuple(nullptr, nullptr));
 }
 
 TEST_F(TableTest, RetryRoundsSendReadySessionsDropFailuresAndGiveUpAfterThirty) {
@@ -59,8 +57,7 @@ TEST_F(TableTest, RetryRoundsSendReadySessionsDropFailuresAndGiveUpAfterThirty) 
 
   notReady.erase(5);
   table.RetryPendingSessions(send);
-  EXPECT_EQ(sent, (std::vector<uint32_t>{5}));
-  EXPECT_EQ(table.PendingSessionCount(), 2u);
+  EXPECT_EQ(std::make_tuple(sent, table.PendingSessionCount()), std::make_tuple(std::vector<uint32_t>{5}, 2u));
 
   for (int round = 3; round < 30; ++round) table.RetryPendingSessions(send);
   EXPECT_EQ(table.PendingSessionCount(), 2u);

@@ -81,25 +81,20 @@ TEST_F(Win32Platform, SettingsRecordAndDesiredStatusAreReadFromTheRegistry) {
   SetValue(kAgentKey, u"AddressCategory", 1);
   SetValue(kAgentKey, u"PreferAzure", 1);
   SettingsRecordView v = ReadSettingsRecord(m_support);
-  EXPECT_EQ(v.enabled, 1u);  // absent: enabled
-  EXPECT_EQ(v.addressCategory, 1u);
-  EXPECT_EQ(v.preferAzure, 1u);
-  EXPECT_EQ(v.serverList, u"10.0.0.5:9001;auth.example");
-  EXPECT_EQ(v.presharedKey, u"s3cret");
+  // Enabled absent: enabled.
+  EXPECT_EQ(std::tie(v.enabled, v.addressCategory, v.preferAzure, v.serverList, v.presharedKey),
+            std::make_tuple(1u, 1u, 1u, u"10.0.0.5:9001;auth.example", u"s3cret"));
 
   // Over-long texts are cut so that the record keeps its terminators.
   SetValue(kAgentKey, u"Servers", std::u16string(300, u'a'));
   SetValue(kAgentKey, u"PresharedKey", std::u16string(100, u'k'));
   SetValue(kAgentKey, u"Enabled", 0);
   v = ReadSettingsRecord(m_support);
-  EXPECT_EQ(v.enabled, 0u);
-  EXPECT_EQ(v.serverList.size(), 255u);
-  EXPECT_EQ(v.presharedKey.size(), 65u);
+  EXPECT_EQ(std::make_tuple(v.enabled, v.serverList.size(), v.presharedKey.size()), std::make_tuple(0u, 255u, 65u));
 
   ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kAgentKey));
   v = ReadSettingsRecord(m_support);  // no key: the record stays zero
-  EXPECT_EQ(v.enabled, 0u);
-  EXPECT_TRUE(v.serverList.empty());
+  EXPECT_EQ(std::make_tuple(v.enabled, v.serverList), std::make_tuple(0u, u""));
 
   // The desired status is read for the agent's component only.
   SetValue(std::u16string(kDesiredStatusKey) + u"\\25", u"7", 3);
@@ -288,15 +283,14 @@ TEST(Win32SessionWindow, TranslatesTheSystemsMessagesIntoNotifications) {
   ASSERT_TRUE(window.Create(sink));
   ASSERT_FALSE(QuitPosted());
   for (const TranslationRow& row : kTranslationRows) {
+    SCOPED_TRACE(row.name);
     sink.received.clear();
-    EXPECT_EQ(::SendMessageW(window.Window(), row.message, row.wParam, row.lParam), row.result)
-        << row.name;
-    EXPECT_EQ(sink.received.size(), row.kind != 0 ? 1u : 0u) << row.name;
+    EXPECT_EQ(::SendMessageW(window.Window(), row.message, row.wParam, row.lParam), row.result);
+    EXPECT_EQ(sink.received.size(), row.kind != 0 ? 1u : 0u);
     if (!sink.received.empty()) {
-      EXPECT_EQ(K(sink.received[0].kind), row.kind) << row.name;
-      EXPECT_EQ(sink.received[0].session, row.session) << row.name;
+      EXPECT_EQ(std::make_tuple(K(sink.received[0].kind), sink.received[0].session), std::make_tuple(row.kind, row.session));
     }
-    EXPECT_EQ(QuitPosted(), row.quit) << row.name;
+    EXPECT_EQ(QuitPosted(), row.quit);
   }
   window.DestroyAndUnregister();
 }

@@ -124,17 +124,21 @@ Timings ShortTimings() {
   return t;
 }
 
-TEST(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReadsAndAMissingProgramFails) {
+class ConsoleRunnerUnderWine : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(token); }
+  CConsoleRunnerWin32 runner;
+  std::string output;
+  const std::unique_ptr<IUserToken> token = UserToken();
+};
+
+TEST_F(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReadsAndAMissingProgramFails) {
   std::string expected;
   for (int i = 0; expected.size() < 5000; ++i) {
     expected += "        Line " + std::to_string(i) + " : " + std::string(40, static_cast<char>('a' + i % 26)) + "\r\n";
   }
   StandIn standIn(expected);
   standIn.Stderr("stderr text\r\n");
-  CConsoleRunnerWin32 runner;
-  std::string output;
-  const auto token = UserToken();
-  ASSERT_TRUE(token);
   ASSERT_EQ(0, RunExternalProgram(runner, ShortTimings(), *token, "dsregcmd.exe", "/status", output));
   EXPECT_EQ(expected + "stderr text\r\n", output);
   // The program seen by its name, started from the system folder although
@@ -147,15 +151,11 @@ TEST(ConsoleRunnerUnderWine, LongOutputArrivesWholeInSeveralReadsAndAMissingProg
   EXPECT_EQ("", output);
 }
 
-TEST(ConsoleRunnerUnderWine, LookupsLeaveNoHandlesBehind) {
+TEST_F(ConsoleRunnerUnderWine, LookupsLeaveNoHandlesBehind) {
   StandIn standIn(kNotJoined);
-  CConsoleRunnerWin32 runner;
   Timings quick;
   quick.consoleIdlePolls = 2;
   quick.consoleIdlePollMs = 10;
-  const auto token = UserToken();
-  ASSERT_TRUE(token);
-  std::string output;
   ASSERT_EQ(0, RunExternalProgram(runner, quick, *token, "dsregcmd.exe", "/status", output));
   const size_t before = OpenHandleCount();
   ASSERT_GT(before, 0u);
@@ -167,16 +167,12 @@ TEST(ConsoleRunnerUnderWine, LookupsLeaveNoHandlesBehind) {
   EXPECT_LE(after, before + 5) << before << " -> " << after;
 }
 
-TEST(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
+TEST_F(ConsoleRunnerUnderWine, ReadingEndsOnlyAfterFiveSecondsOfSilence) {
   // The product's idle rule: a 3-second gap does not end the reading, and
   // the end comes at least 5 seconds after the last byte even though the
   // program has long exited (the write end stays open, no broken pipe).
   StandIn standIn(std::string(kJoined) + kNotJoined);
   standIn.Pause(sizeof kJoined - 1, 3000);
-  CConsoleRunnerWin32 runner;
-  std::string output;
-  const auto token = UserToken();
-  ASSERT_TRUE(token);
   const ULONGLONG start = ::GetTickCount64();
   ASSERT_EQ(0, RunExternalProgram(runner, Timings{}, *token, "dsregcmd.exe", "/status", output));
   const ULONGLONG elapsed = ::GetTickCount64() - start;
@@ -287,13 +283,14 @@ TEST_F(UserLookupUnderWine, StringValuesAreReadAsStored) {
                                    reg_access::kRead, env));
     std::u16string value = u"unchanged";
     uint32_t length = 99;
-    EXPECT_EQ(row.result, RegQueryStringValue(*env, u"USERDNSDOMAIN", value, &length)) << row.bytes.size();
-    EXPECT_EQ(row.length, length) << row.bytes.size();
+    SCOPED_TRACE(row.bytes.size());
+    const uint32_t result = RegQueryStringValue(*env, u"USERDNSDOMAIN", value, &length);
+    EXPECT_EQ(std::make_tuple(row.result, row.length), std::make_tuple(result, length));
     if (row.result) {
-      EXPECT_EQ(row.text, value) << row.bytes.size();
+      EXPECT_EQ(row.text, value);
     }
     std::u16string domain;
-    EXPECT_EQ(row.result, GetUserDnsDomain(registry, sid, domain)) << row.bytes.size();
+    EXPECT_EQ(row.result, GetUserDnsDomain(registry, sid, domain));
   }
 }
 
@@ -306,17 +303,16 @@ TEST_F(UserLookupUnderWine, DomainUserFromTheVolatileEnvironment) {
   SetDnsDomain(L"CORP.EXAMPLE.TEST");
   StandIn standIn(kJoined);
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));
-  EXPECT_EQ(userName, record.UserName());
-  EXPECT_EQ("CORP.EXAMPLE.TEST", record.Domain());
-  EXPECT_EQ("", record.TenantId());
+  EXPECT_EQ(std::make_tuple(userName, "CORP.EXAMPLE.TEST", ""),
+            std::make_tuple(record.UserName(), record.Domain(), record.TenantId()));
   // The Azure lookup ran too, as the session's user.
   EXPECT_TRUE(support.HasLine(
       "GetAZureSessionUserInfo(), username:elias.nord, domain:tailspin.example, "
       "tenantID:0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07"));
 
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 1));
-  EXPECT_EQ("elias.nord", record.UserName());
-  EXPECT_EQ("0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07", record.TenantId());
+  EXPECT_EQ(std::make_tuple("elias.nord", "0b7e3c1a-55d2-4f0e-9a41-2c6d8e9f1a07"),
+            std::make_tuple(record.UserName(), record.TenantId()));
 }
 
 TEST_F(UserLookupUnderWine, LocalAccountNeedsAzure) {
@@ -331,8 +327,7 @@ TEST_F(UserLookupUnderWine, LocalAccountNeedsAzure) {
   }
   StandIn standIn(kJoined);
   ASSERT_EQ(1u, LoadSessionUser(system, record, session, log, 0));
-  EXPECT_EQ("elias.nord", record.UserName());
-  EXPECT_EQ("tailspin.example", record.Domain());
+  EXPECT_EQ(std::make_tuple("elias.nord", "tailspin.example"), std::make_tuple(record.UserName(), record.Domain()));
 }
 
 // The endpoint client's identifiers from Wine's registry, through our own
@@ -380,9 +375,8 @@ TEST_F(IdentifiersUnderWine, SerialAndTenantRules) {
   ids.LoadClientUuid();
   ids.LoadVrxSerial();
   ids.LoadVrxTenantId();
-  EXPECT_EQ("{3A7C55E1-0D4B-4C1E-9E2F-6B8D1C0A4F93}", ids.ClientUuid());
-  EXPECT_EQ("VRX-3318-PRIMARY", ids.VrxSerial());
-  EXPECT_EQ("tenant-eu-7", ids.VrxTenantId());
+  EXPECT_EQ(std::make_tuple("{3A7C55E1-0D4B-4C1E-9E2F-6B8D1C0A4F93}", "VRX-3318-PRIMARY", "tenant-eu-7"),
+            std::make_tuple(ids.ClientUuid(), ids.VrxSerial(), ids.VrxTenantId()));
 
   // (Which serial is taken is the native IdentifiersTest.SerialRows' table.)
   // A value of an odd number of bytes is read, its last byte a unit of its own.
@@ -396,19 +390,15 @@ TEST_F(IdentifiersUnderWine, SerialAndTenantRules) {
   ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(kEsnacKeyPath));
   ids.LoadVrxSerial();
   ids.LoadVrxTenantId();
-  EXPECT_EQ("", ids.VrxSerial());
-  EXPECT_EQ("tenant-eu-7", ids.VrxTenantId());
+  EXPECT_EQ(std::make_tuple("", "tenant-eu-7"), std::make_tuple(ids.VrxSerial(), ids.VrxTenantId()));
   EXPECT_TRUE(logSink.HasLine("Failed to get VRX SN"));
   EXPECT_FALSE(logSink.HasLine("Failed to get VRX tenant ID"));
 }
 
 bool HasUnicast(const AdapterAddresses& adapter, const ResolvedAddress& address) {
-  for (const ResolvedAddress& u : adapter.unicast) {
-    if (u.family == address.family && std::memcmp(u.bytes.data(), address.bytes.data(), 16) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(adapter.unicast.begin(), adapter.unicast.end(), [&](const ResolvedAddress& u) {
+    return u.family == address.family && std::memcmp(u.bytes.data(), address.bytes.data(), 16) == 0;
+  });
 }
 
 class AdaptersUnderWine : public ::testing::Test {
