@@ -56,8 +56,7 @@ TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
   CTestMaterial m("-----BEGIN CA-----", "certificate text", "key", "pass", "alternative");
   CSecureBuffer out;
   ASSERT_EQ(0, decrypt_blob(m.Get(), m.Get().clientCertificate, out));
-  EXPECT_EQ(16u, out.Size());
-  EXPECT_STREQ("certificate text", out.Text());
+  EXPECT_EQ(std::make_tuple(16u, std::string("certificate text")), std::make_tuple(out.Size(), std::string(out.Text())));
 
   // A ciphertext that is not whole blocks, a missing one, and one under a
   // different key all fail and leave nothing behind.
@@ -152,10 +151,10 @@ TEST(LoadClientIdentity, WhatEachMaterialAndModeInstalls) {
     UniqueCtx ctx = NewClientContext();
     // Security level 0, so that only the FIPS test can refuse the short key.
     SSL_CTX_set_security_level(ctx.get(), 0);
-    EXPECT_EQ(row.result, load_client_identity(ctx.get(), row.material, row.mode, row.support)) << row.name;
-    if (row.certificate >= 0)
-      EXPECT_EQ(row.certificate == 1, SSL_CTX_get0_certificate(ctx.get()) != nullptr) << row.name;
-    if (row.result == 0) EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get())) << row.name;
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(row.result, load_client_identity(ctx.get(), row.material, row.mode, row.support));
+    if (row.certificate >= 0) EXPECT_EQ(row.certificate == 1, SSL_CTX_get0_certificate(ctx.get()) != nullptr);
+    if (row.result == 0) EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
   }
 }
 
@@ -204,9 +203,9 @@ TEST(VlxX509IsFipsCompliant, JudgesKeyAndSignatureDigest) {
   };
   for (const Case& c : cases) {
     UniqueCert cert(ParseCertificate(MakeIdentity(c.type, c.bits, c.curve, c.digest).certificatePem));
-    ASSERT_NE(nullptr, cert) << c.type << " " << c.digest;
-    EXPECT_EQ(c.expected, VlxX509IsFipsCompliant(cert.get()))
-        << c.type << " " << (c.curve ? c.curve : std::to_string(c.bits)) << " " << c.digest;
+    SCOPED_TRACE(std::string(c.type) + " " + (c.curve ? c.curve : std::to_string(c.bits)) + " " + c.digest);
+    ASSERT_NE(nullptr, cert);
+    EXPECT_EQ(c.expected, VlxX509IsFipsCompliant(cert.get()));
   }
   EXPECT_EQ(0, VlxX509IsFipsCompliant(nullptr));
 }
