@@ -98,14 +98,11 @@ TEST_F(ManagerTest, StopEndsAllSixThreadsThenClosesTheLog) {
   m.Sessions().AddPendingSession(4);
   EXPECT_EQ(fake.support.OpenLogs(), 1);
   m.Stop();
-  for (size_t i = 0; i < CWorkerThreads::kThreadCount; ++i) {
+  for (size_t i = 0; i < CWorkerThreads::kThreadCount; ++i)
     EXPECT_EQ(m.ThreadExitCode(static_cast<CWorkerThreads::Index>(i)), 1u) << i;
-  }
-  EXPECT_EQ(fake.support.CatalogueEvents(),
-            (std::vector<uint32_t>{kEventStarting, kEventStopping}));
-  EXPECT_EQ(std::make_tuple(fake.support.OpenLogs(), m.Sessions().PendingSessionCount(),
+  EXPECT_EQ(std::make_tuple(fake.support.CatalogueEvents(), fake.support.OpenLogs(), m.Sessions().PendingSessionCount(),
                             m.Settings().Servers().size(), fake.network.cleanups.load(), fake.window.destroyed.load()),
-            std::make_tuple(0, 0u, 0u, 1, 1));
+            std::make_tuple(std::vector<uint32_t>{kEventStarting, kEventStopping}, 0, 0u, 0u, 1, 1));
 }
 
 TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
@@ -120,10 +117,9 @@ TEST_F(ManagerTest, NotificationThreadRetriesRegistrationAndDispatches) {
            fake.window.registerCalls >= 4;
   }));
   m.Stop();
-  EXPECT_EQ(fake.window.registerCalls, 4);  // no further tries once registered
-  // Two rounds ran unregistered and waited the pump interval; every later
-  // round sleeps until a message or the stop.
-  EXPECT_EQ(fake.window.timedWaits, 2);
+  // No further tries once registered. Two rounds ran unregistered and waited
+  // the pump interval; every later round sleeps until a message or the stop.
+  EXPECT_EQ(std::make_tuple(fake.window.registerCalls.load(), fake.window.timedWaits.load()), std::make_tuple(4, 2));
   EXPECT_GE(fake.window.untimedWaits, 1);
 }
 
@@ -527,11 +523,11 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   // The notification thread was still inside the send: the manager was
   // handed over instead of waiting for it.
   ASSERT_TRUE(left);
-  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kNotificationThread), CWorkerThread::kStillActive);
-  EXPECT_EQ(left->ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
   // The process ends without destroying the manager: the state is already
   // NOT_CONFIGURED, and the send failing afterwards leaves it so.
-  EXPECT_EQ(RegistryState(), kNotConfigured);
+  EXPECT_EQ(std::make_tuple(left->ThreadExitCode(CWorkerThreads::kNotificationThread),
+                            left->ThreadExitCode(CWorkerThreads::kKeepAliveThread), RegistryState()),
+            std::make_tuple(CWorkerThread::kStillActive, 1u, kNotConfigured));
   EXPECT_TRUE(testing::WaitUntil([&] {
     return left->ThreadExitCode(CWorkerThreads::kNotificationThread) != CWorkerThread::kStillActive;
   }));
