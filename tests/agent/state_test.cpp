@@ -46,7 +46,9 @@ TEST(AgentState, WritesThroughTheOpenedKeyEveryTimeAndLogsTheOutcome) {
               std::make_tuple(written, written ? 2u : 0u, 2u));
     ASSERT_EQ(support.Lines().size(), 2u);
     EXPECT_EQ(support.Lines()[0].error, !written);
-    if (row.keyExists) EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);  // KEY_WRITE | WOW64_64
+    if (row.keyExists) {
+      EXPECT_EQ(registry.AccessMasks().back(), 0x20106u);  // KEY_WRITE | WOW64_64
+    }
   }
 }
 

@@ -51,7 +51,9 @@ TEST(ParseConsoleOutputTest, Rows) {
     std::u16string user, domain, tenant;
     EXPECT_EQ(row.result, ParseConsoleOutput(row.output, user, domain, tenant));
     EXPECT_EQ(row.tenant, tenant);
-    if (row.result == 0) EXPECT_EQ(std::tie(row.user, row.domain), std::tie(user, domain));
+    if (row.result == 0) {
+      EXPECT_EQ(std::tie(row.user, row.domain), std::tie(user, domain));
+    }
   }
 }
 

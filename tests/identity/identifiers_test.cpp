@@ -79,7 +79,7 @@ TEST_F(IdentifiersTest, SerialRows) {
     ids.LoadVrxSerial();
     EXPECT_EQ(row.serial, ids.VrxSerial()) << WideToUtf8(row.primary);
     EXPECT_EQ(*row.serial ? 0u : 1u, support.CountLines("Failed to get VRX SN") - failures);
-    if (*row.serial) EXPECT_TRUE(support.HasLine(std::string("VRX SN:") + row.serial));
+    EXPECT_EQ(*row.serial != 0, support.HasLine(std::string("VRX SN:") + row.serial));
   }
   EXPECT_EQ(0, support.OpenKeys());
 }

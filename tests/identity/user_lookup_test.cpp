@@ -82,7 +82,9 @@ TEST(SidToTextTest, Rows) {
     SCOPED_TRACE(WideToUtf8(row.text));
     const uint32_t result = SidToText(row.sid, text, length);
     EXPECT_EQ(std::make_tuple(row.result, row.text, row.lengthAfter), std::make_tuple(result, text, length));
-    if (row.lengthAfter > row.length) EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
+    if (row.lengthAfter > row.length) {
+      EXPECT_EQ(kErrorInsufficientBuffer, LastErrorCode());
+    }
   }
   EXPECT_FALSE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(16, 1))));
   EXPECT_TRUE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(15, 1))));
@@ -344,7 +346,9 @@ TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {
   EXPECT_EQ(std::make_tuple(row.userName, row.domainName, row.tenant, row.source, row.domainResult, row.azureResult),
             std::make_tuple(record.UserName(), record.Domain(), record.TenantId(), record.Lookup().source,
                             record.Lookup().domainResult, record.Lookup().azureResult));
-  if (row.result == 1) EXPECT_EQ(session, record.SessionId());
+  if (row.result == 1) {
+    EXPECT_EQ(session, record.SessionId());
+  }
   std::map<std::string, size_t> expected;
   for (const char* line : row.lines) ++expected[line];
   for (const auto& [line, count] : expected) EXPECT_EQ(count, support.CountLines(line)) << line;

@@ -62,8 +62,9 @@ TEST(AddressLiteralTest, AcceptedAndRefused) {
     EXPECT_EQ(is_address_literal(row.text), expected.empty() ? 0u : 1u);
     // A refused text leaves the value untouched.
     EXPECT_EQ(out.Text(), expected.empty() ? "1.2.3.4" : expected);
-    if (!expected.empty())
+    if (!expected.empty()) {
       EXPECT_EQ(out.Family(), expected.find(':') != std::string::npos ? kFamilyIPv6 : kFamilyIPv4);
+    }
   }
   EXPECT_EQ(is_address_literal(nullptr), 0u);
 }

@@ -156,7 +156,9 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
     EXPECT_TRUE(agent.Deliver(row.session));
     const auto r = lab.WaitReports(1)[0];
     EXPECT_EQ(row.labEnd != nullptr, r.ntlmStarted);
-    if (row.labEnd) EXPECT_EQ(row.labEnd, r.ntlmEnd);
+    if (row.labEnd) {
+      EXPECT_EQ(row.labEnd, r.ntlmEnd);
+    }
     const auto lines = agent.support.Lines();
     size_t relayLines = 0;
     for (size_t i = before; i < lines.size(); ++i)
@@ -165,7 +167,9 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
                             "NTLM auth"})
         relayLines += lines[i].text.rfind(t, 0) == 0;
     EXPECT_EQ(row.text ? 1u : 0u, relayLines);
-    if (row.text) EXPECT_EQ(1u, LinesWith(row.text));
+    if (row.text) {
+      EXPECT_EQ(1u, LinesWith(row.text));
+    }
     // A key is taken only once the user's token is in hand.
     EXPECT_EQ(std::make_tuple(keyBefore + (row.keyTaken ? 1 : 0), 0u, 0u),
               std::make_tuple(relay.LastKey(), ntlm.ExchangeCount(),

@@ -75,8 +75,11 @@ TEST(LogonTable, RecordsMoveAddressesBetweenUsers) {
     EXPECT_EQ(steps[i].addresses, Addresses(t, steps[i].checked));
     EXPECT_EQ(steps[i].entries, t.Entries().size());
     const std::time_t since = 100, lastSeen = 200;  // ALICE's first logon, then the keep-alive
-    if (i == 1) EXPECT_EQ(std::tie(since, lastSeen), std::tie(t.Entries()[0].since, t.Entries()[0].lastSeen));
-    if (i == 3) EXPECT_EQ("BOB", t.FindByAddress(a)->user);
+    if (i == 1) {
+      EXPECT_EQ(std::tie(since, lastSeen), std::tie(t.Entries()[0].since, t.Entries()[0].lastSeen));
+    } else if (i == 3) {
+      EXPECT_EQ("BOB", t.FindByAddress(a)->user);
+    }
   }
   EXPECT_NE(std::string::npos, t.FormatText().find("nobody"));
 }

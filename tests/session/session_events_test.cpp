@@ -146,7 +146,9 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
   if (row.known != Known::kNoUser) AddUser(row.session);
   if (row.known == Known::kNotReady) notReady.insert(row.session);
   ASSERT_EQ(table.AddSession(1), 1u);
-  if (row.loggedOn) ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  if (row.loggedOn) {
+    ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
+  }
   for (uint32_t user = 1; user <= resend.keptBefore; ++user) {
     AddUser(user);
     Notify(K::kSessionLogon, user);
@@ -154,7 +156,9 @@ TEST_P(StateTableTest, SendsTheEventsAndMovesTheState) {
     Notify(K::kSessionLogoff, user);
     host.accept = true;
   }
-  if (row.known == Known::kInTable) ASSERT_EQ(table.AddSession(row.session), 1u);
+  if (row.known == Known::kInTable) {
+    ASSERT_EQ(table.AddSession(row.session), 1u);
+  }
   if (row.excluded) Exclude({u"nobody", u"corp\\USER" + AnsiToWide(std::to_string(row.session))});
   host.deliveries.clear();
   const size_t linesBefore = support.Lines().size();
@@ -359,7 +363,9 @@ TEST_P(AddressChangeTest, ReportsTheNewSetWhenAnIPv4AddressIsLeft) {
   ASSERT_EQ(table.AddSession(1), 1u);
   SetAddresses(row.before);
   ASSERT_EQ(events.SendSessionEvent(1, 1, 0), 1u);
-  if (row.withdrawn) ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
+  if (row.withdrawn) {
+    ASSERT_EQ(events.SendSessionEvent(1, 0, 0), 1u);
+  }
   host.deliveries.clear();
   SetAddresses(row.now);
   host.accept = !row.firstFails;
