@@ -46,7 +46,7 @@ class FakeAccounts : public IAccounts {
     bool tokenInformationFails = false;
     int linkedTokenId = 0;  // 0: no linked token
     // The logon session's DNS domain; unset: the session data is unavailable.
-    std::optional<std::u16string> sessionDnsDomain;
+    std::optional<std::u16string> sessionDnsDomain{};
   };
 
   // A session with this user; sessions not set fail with `queryError`.

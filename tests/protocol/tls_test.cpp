@@ -153,8 +153,12 @@ TEST(LoadClientIdentity, WhatEachMaterialAndModeInstalls) {
     SSL_CTX_set_security_level(ctx.get(), 0);
     SCOPED_TRACE(row.name);
     EXPECT_EQ(row.result, load_client_identity(ctx.get(), row.material, row.mode, row.support));
-    if (row.certificate >= 0) EXPECT_EQ(row.certificate == 1, SSL_CTX_get0_certificate(ctx.get()) != nullptr);
-    if (row.result == 0) EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
+    if (row.certificate >= 0) {
+      EXPECT_EQ(row.certificate == 1, SSL_CTX_get0_certificate(ctx.get()) != nullptr);
+    }
+    if (row.result == 0) {
+      EXPECT_EQ(1, SSL_CTX_check_private_key(ctx.get()));
+    }
   }
 }
 
