@@ -5,30 +5,23 @@
 namespace lindqvar {
 namespace {
 
+// Only leading spaces are skipped; then a dash and a lower-case s.
 TEST(ControlSwitch, OnlyDashAndTheLetterAfterItCount) {
-  EXPECT_TRUE(IsControlSwitch("-s"));
-  EXPECT_TRUE(IsControlSwitch("-stop"));
-  EXPECT_TRUE(IsControlSwitch("  -service"));
-  EXPECT_TRUE(IsControlSwitch(" -s"));
-  EXPECT_FALSE(IsControlSwitch("-S"));
-  EXPECT_FALSE(IsControlSwitch("/s"));
-  EXPECT_FALSE(IsControlSwitch("\t-s"));  // only spaces are skipped
-  EXPECT_FALSE(IsControlSwitch("s"));
-  EXPECT_FALSE(IsControlSwitch(""));
-  EXPECT_FALSE(IsControlSwitch("   "));
-  EXPECT_FALSE(IsControlSwitch("-"));
+  const std::pair<const char*, bool> rows[] = {
+      {"-s", true},   {"-stop", true}, {"  -service", true}, {" -s", true}, {"-S", false},
+      {"/s", false},  {"\t-s", false}, {"s", false},          {"", false},   {"   ", false},
+      {"-", false}};
+  for (const auto& [text, isSwitch] : rows) EXPECT_EQ(IsControlSwitch(text), isSwitch) << text;
 }
 
-TEST(ScanArguments, MissingSwitchOrNameGivesNothing) {
+TEST(ScanArguments, TheNameAfterTheFirstSwitchIsTrimmedAndKeyedElseNothing) {
   const char* none[] = {"agent"};
   EXPECT_FALSE(ScanArguments(1, none));
   const char* other[] = {"agent", "-S", "Global\\Ctl_1", "/s"};
   EXPECT_FALSE(ScanArguments(4, other));
   const char* last[] = {"agent", "x", "-s"};
   EXPECT_FALSE(ScanArguments(3, last));
-}
 
-TEST(ScanArguments, NameAfterTheFirstSwitchIsTrimmedAndKeyed) {
   const char* argv[] = {"agent", "-v", " -s", " \tGlobal\\Agent_Ctl_7\t ", "-s", "other"};
   auto args = ScanArguments(6, argv);
   ASSERT_TRUE(args);

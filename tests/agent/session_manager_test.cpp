@@ -33,18 +33,24 @@ class ManagerTest : public ::testing::Test {
   testing::FakeAgentPlatform fake;
 };
 
+// Construction writes NOT_CONFIGURED, Init raises it once servers are
+// configured, and destruction writes NOT_CONFIGURED again.
 TEST_F(ManagerTest, InitReadsSettingsAndRaisesStateWhenServersAreConfigured) {
   Configure(u"10.0.0.5:9001;10.0.0.6");
   fake.network.domain = u"corp.example.test";
-  CSessionManager m(P());
-  EXPECT_EQ(m.Init(), 1u);
-  EXPECT_EQ(m.State(), kConfiguredUnreachable);
-  EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
-  ASSERT_EQ(m.Settings().Servers().size(), 2u);
-  EXPECT_EQ(m.Settings().PresharedKey(), "psk");
-  EXPECT_EQ(m.DomainName(), "corp.example.test");
-  EXPECT_EQ(fake.network.startups, 1);
-  EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
+  {
+    CSessionManager m(P());
+    EXPECT_EQ(RegistryState(), kNotConfigured);
+    EXPECT_EQ(m.Init(), 1u);
+    EXPECT_EQ(m.State(), kConfiguredUnreachable);
+    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
+    ASSERT_EQ(m.Settings().Servers().size(), 2u);
+    EXPECT_EQ(m.Settings().PresharedKey(), "psk");
+    EXPECT_EQ(m.DomainName(), "corp.example.test");
+    EXPECT_EQ(fake.network.startups, 1);
+    EXPECT_EQ(m.NtlmPackage()->PackageName(), u"NTLM");  // prepared by Init
+  }
+  EXPECT_EQ(RegistryState(), kNotConfigured);
 }
 
 TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
@@ -62,20 +68,6 @@ TEST_F(ManagerTest, InitWithMissingSettingsKeyStopsEarly) {
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), CWorkerThread::kStillActive);
   m.Stop();
   EXPECT_EQ(m.ThreadExitCode(CWorkerThreads::kKeepAliveThread), 1u);
-}
-
-TEST_F(ManagerTest, ConstructionInitAndDestructionWriteTheState) {
-  fake.registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
-  fake.support.SetSettings(1, u"", u"k");
-  {
-    CSessionManager m(P());
-    EXPECT_EQ(RegistryState(), kNotConfigured);
-    m.Init();
-    // An empty text still parses to one entry with an empty host.
-    EXPECT_EQ(m.Settings().Servers().size(), 1u);
-    EXPECT_EQ(RegistryState(), kConfiguredUnreachable);
-  }
-  EXPECT_EQ(RegistryState(), kNotConfigured);
 }
 
 // A failed or empty domain answer is an error and leaves the name empty even
@@ -179,10 +171,16 @@ TEST_F(ManagerTest, RereadKeepsTheStateWhileTheListHasEntries) {
 
 // --- reporting to a lab authenticator ------------------------------------------
 
+// The lab's options for key "psk", changed by `change`.
+lab::LabOptions Lab(const std::function<void(lab::LabOptions&)>& change) {
+  lab::LabOptions o = testing::CLabFixture::Options("psk");
+  change(o);
+  return o;
+}
+
 class ReportingTest : public ManagerTest {
  protected:
-  explicit ReportingTest(lab::LabOptions options = testing::CLabFixture::Options("psk"))
-      : lab(options) {
+  explicit ReportingTest(lab::LabOptions options = Lab([](auto&) {})) : lab(options) {
     Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(lab.Port())));
     fake.network.hostName = "ws1";
     fake.network.names["ws1"] = {FakeNetwork::V4(10, 0, 0, 5)};
@@ -268,13 +266,11 @@ TEST_F(ReportingTest, StartWithoutAReportableSessionSendsNothing) {
 
 class NtlmReportingTest : public ReportingTest {
  protected:
-  static lab::LabOptions NtlmOptions() {
-    auto o = testing::CLabFixture::Options("psk");
-    o.eventResult = 2;
-    o.ntlm = std::make_shared<testing::ScriptedAcceptor>(std::set<std::string>{"CORP\\mlind"});
-    return o;
-  }
-  NtlmReportingTest() : ReportingTest(NtlmOptions()) {}
+  NtlmReportingTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) {
+          o.eventResult = 2;
+          o.ntlm = std::make_shared<testing::ScriptedAcceptor>(std::set<std::string>{"CORP\\mlind"});
+        })) {}
 };
 
 TEST_F(NtlmReportingTest, ALogonWhoseAcknowledgementAsksForNtlmProvesTheSessionsUser) {
@@ -322,12 +318,7 @@ TEST_F(ReportingTest, NotificationsReachTheServerThroughTheDetectorThread) {
 
 class TimersTest : public ReportingTest {
  protected:
-  static lab::LabOptions WithKeepAlive() {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.keepAliveInterval = 2;
-    return o;
-  }
-  TimersTest() : ReportingTest(WithKeepAlive()) {
+  TimersTest() : ReportingTest(Lab([](lab::LabOptions& o) { o.keepAliveInterval = 2; })) {
     User(1, u"anna");
     fake.sessions.sessions = {{1, SessionState::kActive}};  // reported at start
   }
@@ -361,12 +352,8 @@ const KeepAliveRow kKeepAliveRows[] = {
 class KeepAliveWaitTest : public ReportingTest,
                           public ::testing::WithParamInterface<KeepAliveRow> {
  protected:
-  static lab::LabOptions Serving(uint32_t seconds) {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.keepAliveInterval = seconds;
-    return o;
-  }
-  KeepAliveWaitTest() : ReportingTest(Serving(GetParam().served)) {
+  KeepAliveWaitTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) { o.keepAliveInterval = GetParam().served; })) {
     User(1, u"anna");
     fake.sessions.sessions = {{1, SessionState::kActive}};  // its logon brings the interval
     fake.timings.keepAliveUnitMs = GetParam().unitMs;
@@ -508,14 +495,12 @@ TEST_F(TimersTest, AnAddressChangeIsReportedAndStopEndsTheWaitBetweenRounds) {
 // send to it ends within the limits of one message, so Stop is not held up.
 class SilentServerTest : public ReportingTest, public ::testing::WithParamInterface<lab::Fault> {
  protected:
-  static lab::LabOptions Silent(lab::Fault fault) {
-    lab::LabOptions o = testing::CLabFixture::Options("psk");
-    o.fault = fault;
-    o.stallMs = 1500;
-    o.dribbleMs = 100;
-    return o;
-  }
-  SilentServerTest() : ReportingTest(Silent(GetParam())) {
+  SilentServerTest()
+      : ReportingTest(Lab([](lab::LabOptions& o) {
+          o.fault = GetParam();
+          o.stallMs = 1500;
+          o.dribbleMs = 100;
+        })) {
     User(5, u"anna");
     fake.timings.socketTimeoutMs = 1000;
   }

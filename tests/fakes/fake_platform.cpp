@@ -38,32 +38,12 @@ void FakeSupport::SetLogging(uint32_t enabled, uint32_t level) {
   PutU32(m_logging + logging_record::kLevel, level);
 }
 
-std::vector<FakeSupport::Line> FakeSupport::Lines() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_lines;
-}
-
 bool FakeSupport::HasLine(const std::string& text) const { return CountLines(text) > 0; }
 
 size_t FakeSupport::CountLines(const std::string& text) const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return static_cast<size_t>(
       std::count_if(m_lines.begin(), m_lines.end(), [&](const Line& l) { return l.text == text; }));
-}
-
-std::vector<uint32_t> FakeSupport::CatalogueEvents() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_events;
-}
-
-std::vector<uint32_t> FakeSupport::LevelsSet() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_levels;
-}
-
-std::u16string FakeSupport::LastStatusKey() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_lastKey;
 }
 
 LogHandle FakeSupport::log_initialize(std::u16string_view name) {
@@ -83,16 +63,10 @@ void FakeSupport::log_setlevel(LogHandle, uint32_t level) {
   m_levels.push_back(level);
 }
 
-void FakeSupport::log_debug(LogHandle, std::string_view line) {
+void FakeSupport::Record(bool error, std::string_view line) {
   if (!keepRecords) return;
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_lines.push_back({false, std::string(line)});
-}
-
-void FakeSupport::log_error(LogHandle, std::string_view line) {
-  if (!keepRecords) return;
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_lines.push_back({true, std::string(line)});
+  m_lines.push_back({error, std::string(line)});
 }
 
 void FakeSupport::LogW(uint32_t eventId, const char16_t*) {
@@ -108,11 +82,6 @@ void FakeSupport::LogW(uint32_t eventId, uint32_t level, std::span<const LogFiel
   std::lock_guard<std::mutex> lock(m_mutex);
   m_events.push_back(eventId);
   m_fieldEvents.push_back(std::move(text));
-}
-
-std::vector<std::string> FakeSupport::FieldEvents() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_fieldEvents;
 }
 
 uint32_t FakeSupport::get_desired_status(uint32_t component, std::u16string_view key) {
@@ -137,13 +106,6 @@ bool FakeSupport::cfg_get_velmora_guid(std::u16string& out) {
   return true;
 }
 
-SupportKeyHandle FakeSupport::reg_openkeyW(SupportHive, std::u16string_view) { return nullptr; }
-void FakeSupport::reg_closekeyW(SupportKeyHandle) {}
-bool FakeSupport::reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16string&,
-                                 uint32_t*) {
-  return false;
-}
-bool FakeSupport::reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) { return false; }
 bool FakeSupport::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) {
   std::lock_guard<std::mutex> lock(m_mutex);
   const auto it = sessionUsers.find(session);
@@ -167,52 +129,42 @@ class FakeRegistryKey : public IRegistryKey {
     ++m_registry.m_dwordWrites;
     return 0;
   }
-  uint32_t QueryString(std::u16string_view name, std::u16string& value) override {
+  // The named value of one of the key's maps: 1018 (ERROR_KEY_DELETED)
+  // when the key is gone, 2 when the value is not there.
+  template <class Map>
+  uint32_t Find(Map FakeRegistry::Values::*map, std::u16string_view name,
+                typename Map::mapped_type& value) {
     std::lock_guard<std::mutex> lock(m_registry.m_mutex);
     auto it = m_registry.m_keys.find(m_id);
     if (it == m_registry.m_keys.end()) return 1018;
-    auto v = it->second.strings.find(std::u16string(name));
-    if (v == it->second.strings.end()) return kErrorFileNotFound;
+    auto v = (it->second.*map).find(std::u16string(name));
+    if (v == (it->second.*map).end()) return kErrorFileNotFound;
     value = v->second;
     return 0;
   }
-  uint32_t QueryDword(std::u16string_view name, uint32_t& value) {
-    std::lock_guard<std::mutex> lock(m_registry.m_mutex);
-    auto it = m_registry.m_keys.find(m_id);
-    if (it == m_registry.m_keys.end()) return 1018;
-    auto v = it->second.dwords.find(std::u16string(name));
-    if (v == it->second.dwords.end()) return kErrorFileNotFound;
-    value = v->second;
-    return 0;
+  uint32_t QueryString(std::u16string_view name, std::u16string& value) override {
+    return Find(&FakeRegistry::Values::strings, name, value);
   }
   // A value stored as raw bytes comes as it is; strings come with their
   // terminator, DWORDs as four bytes.
   uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
-    {
-      std::lock_guard<std::mutex> lock(m_registry.m_mutex);
-      auto it = m_registry.m_keys.find(m_id);
-      if (it == m_registry.m_keys.end()) return 1018;
-      auto v = it->second.raw.find(std::u16string(name));
-      if (v != it->second.raw.end()) {
-        type = v->second.first;
-        data = v->second.second;
-        return 0;
-      }
-    }
+    std::pair<uint32_t, std::vector<uint8_t>> raw;
     std::u16string text;
-    uint32_t result = QueryString(name, text);
+    uint32_t dword = 0;
+    uint32_t result = Find(&FakeRegistry::Values::raw, name, raw);
     if (result == 0) {
+      std::tie(type, data) = raw;
+    } else if ((result = QueryString(name, text)) == 0) {
       type = 1;
       const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
       data.assign(bytes, bytes + (text.size() + 1) * sizeof(char16_t));
-      return 0;
+    } else if (Find(&FakeRegistry::Values::dwords, name, dword) == 0) {
+      type = 4;
+      const auto* bytes = reinterpret_cast<const uint8_t*>(&dword);
+      data.assign(bytes, bytes + sizeof dword);
+      result = 0;
     }
-    uint32_t dword = 0;
-    if (QueryDword(name, dword) != 0) return result;
-    type = 4;
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&dword);
-    data.assign(bytes, bytes + sizeof dword);
-    return 0;
+    return result;
   }
   uint32_t OpenSubKey(std::u16string_view path, uint32_t access,
                       std::unique_ptr<IRegistryKey>& key) override {
@@ -267,11 +219,6 @@ void FakeRegistry::SetValue(RegistryHive hive, const std::u16string& path,
   m_keys[{hive, Lower(path)}].raw[name] = {type, std::move(data)};
 }
 
-std::vector<uint32_t> FakeRegistry::AccessMasks() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_access;
-}
-
 uint32_t FakeRegistry::OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
                                std::unique_ptr<IRegistryKey>& key) {
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -309,11 +256,6 @@ IRegistryKey* FakeRegistry::SupportKey(SupportKeyHandle key) {
   return it == m_supportKeys.end() ? nullptr : it->second.get();
 }
 
-size_t FakeRegistry::OpenSupportKeys() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_supportKeys.size();
-}
-
 // --- network ----------------------------------------------------------------
 
 namespace {
@@ -333,14 +275,14 @@ class FakeWatch : public IAddressChangeWatch {
 int FakeNetwork::Resolve(const std::string& name, std::vector<ResolvedAddress>& out) {
   std::lock_guard<std::mutex> lock(m_namesLock);
   auto it = names.find(name);
-  if (it == names.end()) return resolveError;
+  if (it == names.end()) return 11001;  // WSAHOST_NOT_FOUND
   out = it->second;
   return 0;
 }
 
 bool FakeNetwork::PhysicalDnsDomain(std::u16string& d, uint32_t& error) {
   d = domain;  // a failed call may still leave text in the buffer
-  if (domainFails) error = domainError;
+  if (domainFails) error = 0;
   return !domainFails;
 }
 
@@ -356,13 +298,7 @@ void FakeNetwork::SetNames(const std::string& name, std::vector<ResolvedAddress>
 }
 
 ResolvedAddress FakeNetwork::V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
-  ResolvedAddress r;
-  r.family = kFamilyIPv4;
-  r.bytes[0] = a;
-  r.bytes[1] = b;
-  r.bytes[2] = c;
-  r.bytes[3] = d;
-  return r;
+  return {kFamilyIPv4, {a, b, c, d}};
 }
 
 ResolvedAddress FakeNetwork::V6(std::initializer_list<uint16_t> groups) {
@@ -457,11 +393,6 @@ int FakeWaits::WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
   }
   ++realWaits[side];
   return CEvent::WaitAny(first, second, milliseconds);
-}
-
-std::vector<uint32_t> FakeWaits::TimeOuts() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_timeOuts;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, uint32_t limitMs) {

@@ -31,21 +31,21 @@ class FakeSupport : public ISupportLibrary {
   void SetLogging(uint32_t enabled, uint32_t level);
   void SetDesiredStatus(uint32_t status) { m_desired = status; }
 
-  std::vector<Line> Lines() const;
+  std::vector<Line> Lines() const { return Locked(m_lines); }
   bool HasLine(const std::string& text) const;
   size_t CountLines(const std::string& text) const;
-  std::vector<uint32_t> CatalogueEvents() const;
+  std::vector<uint32_t> CatalogueEvents() const { return Locked(m_events); }
   // Events written with a level and pairs: "<id> <level> key=value key=value".
-  std::vector<std::string> FieldEvents() const;
-  std::vector<uint32_t> LevelsSet() const;
+  std::vector<std::string> FieldEvents() const { return Locked(m_fieldEvents); }
+  std::vector<uint32_t> LevelsSet() const { return Locked(m_levels); }
   int OpenLogs() const { return m_openLogs; }
-  std::u16string LastStatusKey() const;
+  std::u16string LastStatusKey() const { return Locked(m_lastKey); }
 
   LogHandle log_initialize(std::u16string_view name) override;
   void log_deinitialize(LogHandle handle) override;
   void log_setlevel(LogHandle handle, uint32_t level) override;
-  void log_debug(LogHandle handle, std::string_view line) override;
-  void log_error(LogHandle handle, std::string_view line) override;
+  void log_debug(LogHandle, std::string_view line) override { Record(false, line); }
+  void log_error(LogHandle, std::string_view line) override { Record(true, line); }
   void LogW(uint32_t eventId, const char16_t* data) override;
   void LogW(uint32_t eventId, uint32_t level, std::span<const LogField> fields) override;
   uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
@@ -53,11 +53,13 @@ class FakeSupport : public ISupportLibrary {
   void cfg_get_logging_info(uint8_t* record) override;
   bool cfg_is_fips_mode_enabled() override { return false; }
   bool cfg_get_velmora_guid(std::u16string& guid) override;
-  SupportKeyHandle reg_openkeyW(SupportHive hive, std::u16string_view path) override;
-  void reg_closekeyW(SupportKeyHandle key) override;
-  bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
-                      uint32_t* length) override;
-  bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
+  // No registry behind it: every key is missing.
+  SupportKeyHandle reg_openkeyW(SupportHive, std::u16string_view) override { return nullptr; }
+  void reg_closekeyW(SupportKeyHandle) override {}
+  bool reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16string&, uint32_t*) override {
+    return false;
+  }
+  bool reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) override { return false; }
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
   // False: log lines and events are dropped, so that a long run's memory is
@@ -68,6 +70,12 @@ class FakeSupport : public ISupportLibrary {
   std::map<uint32_t, std::pair<std::string, std::string>> sessionUsers;
 
  private:
+  template <class T>
+  T Locked(const T& value) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return value;
+  }
+  void Record(bool error, std::string_view line);
   mutable std::mutex m_mutex;
   uint8_t m_settings[settings_record::kSize] = {};
   uint8_t m_logging[logging_record::kSize] = {};
@@ -96,7 +104,10 @@ class FakeRegistry : public IRegistry {
   void SetValue(RegistryHive hive, const std::u16string& path, const std::u16string& name,
                 uint32_t type, std::vector<uint8_t> data);
   size_t DwordWrites() const { return m_dwordWrites; }
-  std::vector<uint32_t> AccessMasks() const;
+  std::vector<uint32_t> AccessMasks() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_access;
+  }
 
   uint32_t OpenKey(RegistryHive hive, std::u16string_view path, uint32_t access,
                    std::unique_ptr<IRegistryKey>& key) override;
@@ -107,7 +118,10 @@ class FakeRegistry : public IRegistry {
   SupportKeyHandle OpenSupportKey(std::u16string_view path, uint32_t access);
   void CloseSupportKey(SupportKeyHandle key);
   IRegistryKey* SupportKey(SupportKeyHandle key);
-  size_t OpenSupportKeys() const;
+  size_t OpenSupportKeys() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_supportKeys.size();
+  }
 
  private:
   friend class FakeRegistryKey;
@@ -145,9 +159,7 @@ class FakeNetwork : public INetwork {
 
   std::string hostName = "workstation";
   std::map<std::string, std::vector<ResolvedAddress>> names;
-  int resolveError = 11001;  // for names not in the map
   bool domainFails = false;
-  uint32_t domainError = 0;
   std::u16string domain;
   uint32_t armError = 0;  // what the address-change watch's Arm returns
   std::atomic<int> startups{0}, cleanups{0};
@@ -205,7 +217,10 @@ class FakeWaits : public IWaits {
   explicit FakeWaits(const FakeNetwork& network) : m_network(network) {}
   WaitResult Wait(CEvent& event, uint32_t milliseconds) override;
   int WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) override;
-  std::vector<uint32_t> TimeOuts() const;
+  std::vector<uint32_t> TimeOuts() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_timeOuts;
+  }
 
   // The next `count` waits of that thread fail with `error`, once Open() ran.
   void FailNext(Side side, int count, uint32_t error) {

@@ -1,17 +1,11 @@
 // The NTLM relay against the lab authenticator on 127.0.0.1, with the fake
 // package and a scripted acceptor that checks the fake's tokens.
-#include <gssapi/gssapi.h>
-#include <gssapi/gssapi_ext.h>
 #include <gtest/gtest.h>
-
-#include <cstdio>
-#include <fstream>
 
 #include <set>
 
 #include "protocol/ntlm/ntlm_relay.h"
 #include "protocol/wire/base64.h"
-#include "tools/lab_authenticator/ntlm_acceptor.h"
 #include "tests/protocol/tls_test_support.h"
 
 namespace lindqvar::testing {
@@ -186,72 +180,6 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
     EXPECT_EQ(0u, package.LiveCredentials() + package.LiveContexts() + package.LiveBuffers());
   }
   ExpectNoSecretLogged();
-}
-
-// The lab's real acceptor, fed by the same GSSAPI mechanism as initiator.
-namespace gss_check {
-
-gss_OID_desc kNtlm = {10, const_cast<char*>("\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a")};
-
-// NEGOTIATE, then AUTHENTICATE for the acceptance's challenge.
-bool Initiate(const std::string& who, const std::string& password, lab::INtlmAcceptance& acceptance,
-              std::string& user, std::string& domain) {
-  OM_uint32 minor = 0;
-  gss_OID_set_desc mechs = {1, &kNtlm};
-  gss_buffer_desc nameText{who.size(), const_cast<char*>(who.data())};
-  gss_buffer_desc targetText{8, const_cast<char*>("host@lab")};
-  gss_buffer_desc pw{password.size(), const_cast<char*>(password.data())};
-  gss_name_t name = GSS_C_NO_NAME, target = GSS_C_NO_NAME;
-  gss_cred_id_t cred = GSS_C_NO_CREDENTIAL;
-  gss_ctx_id_t ctx = GSS_C_NO_CONTEXT;
-  gss_import_name(&minor, &nameText, GSS_C_NT_USER_NAME, &name);
-  gss_import_name(&minor, &targetText, GSS_C_NT_HOSTBASED_SERVICE, &target);
-  EXPECT_EQ(GSS_S_COMPLETE, gss_acquire_cred_with_password(&minor, name, &pw, GSS_C_INDEFINITE, &mechs,
-                                                            GSS_C_INITIATE, &cred, nullptr, nullptr));
-  std::string token, challenge, error;
-  bool proven = false;
-  gss_buffer_desc in = GSS_C_EMPTY_BUFFER, out = GSS_C_EMPTY_BUFFER;
-  gss_init_sec_context(&minor, cred, &ctx, target, &kNtlm, 0, 0, nullptr, &in, nullptr, &out, nullptr, nullptr);
-  token.assign(static_cast<char*>(out.value), out.length);
-  gss_release_buffer(&minor, &out);
-  if (acceptance.Challenge(token, challenge, error)) {
-    in = {challenge.size(), challenge.data()};
-    gss_init_sec_context(&minor, cred, &ctx, target, &kNtlm, 0, 0, nullptr, &in, nullptr, &out, nullptr, nullptr);
-    token.assign(static_cast<char*>(out.value), out.length);
-    gss_release_buffer(&minor, &out);
-    proven = acceptance.Verify(token, user, domain, error);
-  }
-  gss_delete_sec_context(&minor, &ctx, GSS_C_NO_BUFFER);
-  gss_release_cred(&minor, &cred);
-  gss_release_name(&minor, &name);
-  gss_release_name(&minor, &target);
-  return proven;
-}
-
-}  // namespace gss_check
-
-TEST(NtlmAcceptor, TheAccountFileDecidesAndTheNamedUserIsReportedEitherWay) {
-  const std::string file = ::testing::TempDir() + "lindqvar-ntlm-users";
-  std::ofstream(file) << "WORKGROUP:alice:right-password\n";
-  std::string error;
-  ASSERT_EQ(nullptr, lab::MakeGssNtlmAcceptor(file + ".missing", error));
-  auto acceptor = lab::MakeGssNtlmAcceptor(file, error);
-  ASSERT_NE(nullptr, acceptor) << error;
-  struct Row {
-    const char* who;
-    const char* password;
-    bool proven;
-  } rows[] = {{"WORKGROUP\\alice", "right-password", true},
-              {"WORKGROUP\\alice", "wrong-password", false},
-              {"WORKGROUP\\bob", "right-password", false}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.who) + " " + row.password);
-    auto acceptance = acceptor->Begin(error);
-    std::string user, domain;
-    EXPECT_EQ(row.proven, gss_check::Initiate(row.who, row.password, *acceptance, user, domain));
-    EXPECT_EQ(row.who, domain + "\\" + user);
-  }
-  std::remove(file.c_str());
 }
 
 }  // namespace

@@ -78,16 +78,6 @@ TEST(DecryptBlob, YieldsNulTerminatedTextWithItsLengthAndRejectsBadInput) {
 
 // --- the scrambled region -----------------------------------------------------
 
-TEST(CertificateRegion, ScramblingIsItsOwnInverseAndHidesTheLayout) {
-  std::vector<uint8_t> data(64);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
-  const std::vector<uint8_t> original = data;
-  ScrambleRegion(data.data(), data.size(), 12345);
-  EXPECT_NE(original, data);
-  ScrambleRegion(data.data(), data.size(), 12345);
-  EXPECT_EQ(original, data);
-}
-
 TEST(CertificateRegion, ParseRejectsEveryTruncation) {
   // key, then five items of 3, 0, 1, 2 and 16 bytes.
   std::vector<uint8_t> region(16, 0xAB);
@@ -133,11 +123,6 @@ TEST(CertificateRegion, BuiltInMaterialIsTheDevelopmentPki) {
 #endif
 
 // --- loading into a context -----------------------------------------------------
-
-class FipsSupport : public FakeSupport {
- public:
-  bool cfg_is_fips_mode_enabled() override { return true; }
-};
 
 // The identity that ends up in a context: the mode picks the pass phrase,
 // FIPS mode keeps a non-compliant certificate out, and only RSA keys load.

@@ -108,6 +108,12 @@ class CLabFixture {
   uint16_t m_port = 0;
 };
 
+// A support library that says FIPS mode is on.
+class FipsSupport : public FakeSupport {
+ public:
+  bool cfg_is_fips_mode_enabled() override { return true; }
+};
+
 // A port on 127.0.0.1 where nothing listens (bound, then closed).
 uint16_t ClosedPort();
 

@@ -26,23 +26,21 @@
 namespace lindqvar::win32 {
 namespace {
 
-void SetValue(const std::u16string& path, const std::u16string& name, DWORD v) {
+void SetValue(const std::u16string& path, const std::u16string& name, DWORD type, const void* data,
+              size_t size) {
   ScopedRegKey k;
   ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                               k.receive(), nullptr),
             ERROR_SUCCESS);
-  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, REG_DWORD, reinterpret_cast<BYTE*>(&v), 4),
+  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, type, static_cast<const BYTE*>(data),
+                             static_cast<DWORD>(size)),
             ERROR_SUCCESS);
 }
-
+void SetValue(const std::u16string& path, const std::u16string& name, DWORD v) {
+  SetValue(path, name, REG_DWORD, &v, 4);
+}
 void SetValue(const std::u16string& path, const std::u16string& name, const std::u16string& v) {
-  ScopedRegKey k;
-  ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              k.receive(), nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, REG_SZ, reinterpret_cast<const BYTE*>(v.c_str()),
-                             static_cast<DWORD>((v.size() + 1) * 2)),
-            ERROR_SUCCESS);
+  SetValue(path, name, REG_SZ, v.c_str(), (v.size() + 1) * 2);
 }
 
 std::string ReadFile(const std::u16string& path) {
@@ -77,7 +75,7 @@ class Win32Platform : public ::testing::Test {
   CRegistryWin32 m_registry;
 };
 
-TEST_F(Win32Platform, SettingsRecordIsFilledFromTheAgentKey) {
+TEST_F(Win32Platform, SettingsRecordAndDesiredStatusAreReadFromTheRegistry) {
   SetValue(kAgentKey, u"Servers", u"10.0.0.5:9001;auth.example");
   SetValue(kAgentKey, u"PresharedKey", u"s3cret");
   SetValue(kAgentKey, u"AddressCategory", 1);
@@ -102,6 +100,11 @@ TEST_F(Win32Platform, SettingsRecordIsFilledFromTheAgentKey) {
   v = ReadSettingsRecord(m_support);  // no key: the record stays zero
   EXPECT_EQ(v.enabled, 0u);
   EXPECT_TRUE(v.serverList.empty());
+
+  // The desired status is read for the agent's component only.
+  SetValue(std::u16string(kDesiredStatusKey) + u"\\25", u"7", 3);
+  EXPECT_EQ(m_support.get_desired_status(25, u"7"), 3u);
+  EXPECT_EQ(m_support.get_desired_status(24, u"7"), 0u);
 }
 
 TEST_F(Win32Platform, LogLevelsFilterLinesAndCatalogueEventsAlwaysReachTheFile) {
@@ -173,34 +176,6 @@ TEST_F(Win32Platform, PlantedLogFilesAreRefusedAndAMissingFolderIsMadeProtected)
   }
   ::DeleteFileW(W(fresh + u"\\FA_LINDQ.log"));
   ::RemoveDirectoryW(W(fresh));
-}
-
-TEST_F(Win32Platform, DesiredStatusGuidAndRegistryHelpers) {
-  EXPECT_EQ(m_support.get_desired_status(25, u"7"), 0u);
-  SetValue(std::u16string(kDesiredStatusKey) + u"\\25", u"7", 3);
-  EXPECT_EQ(m_support.get_desired_status(25, u"7"), 3u);
-  EXPECT_EQ(m_support.get_desired_status(24, u"7"), 0u);
-
-  std::u16string guid;
-  EXPECT_FALSE(m_support.cfg_get_velmora_guid(guid));
-  SetValue(kClientKey, u"ClientGuid", u"{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0}");
-  EXPECT_TRUE(m_support.cfg_get_velmora_guid(guid));
-  EXPECT_EQ(guid, u"{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0}");
-
-  EXPECT_EQ(m_support.reg_openkeyW(SupportHive::kLocalMachine, u"software\\Orvane\\Velmora\\FA_ESNAC"),
-            nullptr);
-  SetValue(u"software\\Orvane\\Velmora\\FA_ESNAC", u"tenantid", u"tenant-1");
-  CScopedSupportKey key(m_support, m_support.reg_openkeyW(SupportHive::kLocalMachine,
-                                                          u"software\\Orvane\\Velmora\\FA_ESNAC"));
-  ASSERT_TRUE(key);
-  std::u16string value;
-  uint32_t length = 0;
-  EXPECT_TRUE(m_support.reg_getstringW(key.get(), u"tenantid", value, &length));
-  EXPECT_EQ(value, u"tenant-1");
-  EXPECT_EQ(length, 8u);
-  EXPECT_TRUE(m_support.reg_valueexistsbykeyW(key.get(), u"tenantid"));
-  EXPECT_FALSE(m_support.reg_valueexistsbykeyW(key.get(), u"secondary_sn"));
-  EXPECT_FALSE(m_support.reg_getstringW(key.get(), u"secondary_sn", value, nullptr));
 }
 
 TEST_F(Win32Platform, StateIsWrittenOnlyIntoAnExistingKey) {

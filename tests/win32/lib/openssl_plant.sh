@@ -5,7 +5,7 @@
 # OPENSSL_CONF, OPENSSL_MODULES and OPENSSL_ENGINES at them. Each names a
 # marker DLL that creates C:\lindqvar-openssl-marker when loaded.
 #   openssl_plant <marker.dll> <exe>...   (WINEPREFIX and W set by the caller)
-#   openssl_marker_absent                 true while nothing loaded the marker
+#   openssl_marker_file                   the file the marker leaves
 openssl_marker_file() { echo "$WINEPREFIX/drive_c/lindqvar-openssl-marker"; }
 
 # The Unix path of a Windows path as Wine sees it ("/x" is on drive C:).
@@ -65,5 +65,3 @@ CNF
   done
   export OPENSSL_CONF="$first/openssl.cnf" OPENSSL_MODULES=$first OPENSSL_ENGINES=$first
 }
-
-openssl_marker_absent() { [ ! -f "$(openssl_marker_file)" ]; }
