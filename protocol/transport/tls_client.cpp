@@ -46,6 +46,11 @@ SSL_CTX* CTlsClient::Context() {
   // without the CA bundle is still used (and kept).
   load_client_identity(ctx, m_material, 0, m_support);
   load_ca_bundle(ctx, m_material);
+  // Read what the socket holds at once instead of each record's header and
+  // body in two reads: the server's handshake flight (seven records) then
+  // costs one or two system calls instead of fourteen. The bytes are the
+  // same; SSL_has_pending still tells whether the session holds any.
+  SSL_CTX_set_read_ahead(ctx, 1);
   m_context.store(ctx, std::memory_order_release);
   return ctx;
 }

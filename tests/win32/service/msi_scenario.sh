@@ -120,7 +120,8 @@ check "net stop stops the service" test "$(service_state)" = STOPPED
 check_wait 5 "the agent ran its stop" file_has "$AGENT_LOG" "EVENT 96984"
 check "the service saw the agent stop" file_has "$SERVICE_LOG" "105 The agent"
 check "LINDQState is NOT_CONFIGURED" value_is LINDQState "REG_DWORD 0x0"
-check_wait 30 "no agent or service process runs" not_running 'lindqvar-(agent|service).exe'
+check_wait 30 "no agent or service process runs" not_running 'lindqvar-(agent|service).exe' ||
+  ps -o pid,stat,etime,args -p "$(pgrep -d, -f 'lindqvar-(agent|service).exe')"
 $W net start LindqvarAgent >"$WORK/net.txt" 2>&1
 check "net start starts the service" test "$(service_state)" = RUNNING
 check_wait 40 "the agent finished its start-up again" file_count_at_least "$AGENT_LOG" "m_count:" 3
