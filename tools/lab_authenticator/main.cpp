@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -140,6 +142,25 @@ int main(int argc, char** argv) {
   int64_t exitAfter = 0;
   std::string psk;
   bool pskGiven = false;
+  // The options that take a number: each sets one value.
+  struct NumericOption {
+    const char* name;
+    std::function<void(int64_t)> set;
+  };
+  const auto u32 = [](int64_t n) { return static_cast<uint32_t>(n); };
+  const NumericOption numeric[] = {
+      {"--flags", [&](int64_t n) { options.helloFlags = u32(n); }},
+      {"--hello-id", [&](int64_t n) { options.helloId = n; }},
+      {"--hello-result", [&](int64_t n) { options.helloResult = n; }},
+      {"--event-result", [&](int64_t n) { options.eventResult = u32(n); }},
+      {"--keepalive", [&](int64_t n) { options.keepAliveInterval = u32(n); }},
+      {"--fault-connections", [&](int64_t n) { options.faultConnections = u32(n); }},
+      {"--oversized-length", [&](int64_t n) { options.oversizedLength = u32(n); }},
+      {"--stall-ms", [&](int64_t n) { options.stallMs = u32(n); }},
+      {"--dribble-ms", [&](int64_t n) { options.dribbleMs = u32(n); }},
+      {"--io-timeout-ms", [&](int64_t n) { options.ioTimeoutMs = u32(n); }},
+      {"--exit-after", [&](int64_t n) { exitAfter = n; }},
+  };
 
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -190,35 +211,13 @@ int main(int argc, char** argv) {
       options.eventResult = 2;
     } else if (arg == "--fault") {
       if (!value(v) || !ParseFault(v, options.fault)) return Fail("unknown --fault; see --help");
-    } else if (arg == "--flags" || arg == "--hello-id" || arg == "--hello-result" ||
-               arg == "--event-result" || arg == "--keepalive" || arg == "--fault-connections" ||
-               arg == "--oversized-length" || arg == "--stall-ms" || arg == "--dribble-ms" ||
-               arg == "--io-timeout-ms" || arg == "--exit-after") {
+    } else if (const auto* number =
+                   std::find_if(std::begin(numeric), std::end(numeric),
+                                [&](const NumericOption& o) { return arg == o.name; });
+               number != std::end(numeric)) {
       if (!value(v) || !ParseNumber(v, n))
         return Fail(arg + " needs a number from 0 to 4294967295");
-      const auto u = static_cast<uint32_t>(n);
-      if (arg == "--flags")
-        options.helloFlags = u;
-      else if (arg == "--hello-id")
-        options.helloId = n;
-      else if (arg == "--hello-result")
-        options.helloResult = n;
-      else if (arg == "--event-result")
-        options.eventResult = u;
-      else if (arg == "--keepalive")
-        options.keepAliveInterval = u;
-      else if (arg == "--fault-connections")
-        options.faultConnections = u;
-      else if (arg == "--oversized-length")
-        options.oversizedLength = u;
-      else if (arg == "--stall-ms")
-        options.stallMs = u;
-      else if (arg == "--dribble-ms")
-        options.dribbleMs = u;
-      else if (arg == "--io-timeout-ms")
-        options.ioTimeoutMs = u;
-      else
-        exitAfter = n;
+      number->set(n);
     } else {
       return Fail("unknown option " + arg + "; see --help");
     }
