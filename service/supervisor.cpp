@@ -1,6 +1,8 @@
 #include "service/supervisor.h"
 
 #include <algorithm>
+#include <initializer_list>
+#include <string_view>
 
 #include "agent/args.h"
 #include "platform/os.h"
@@ -16,6 +18,16 @@ std::string Seconds(uint32_t ms) {
 
 std::string Error(uint32_t code) { return "error " + std::to_string(code); }
 
+// The parts of a text, joined in one allocation.
+std::string Join(std::initializer_list<std::string_view> parts) {
+  size_t size = 0;
+  for (const std::string_view part : parts) size += part.size();
+  std::string text;
+  text.reserve(size);
+  for (const std::string_view part : parts) text += part;
+  return text;
+}
+
 }  // namespace
 
 uint32_t RestartDelayMs(uint32_t quickEnds, const SupervisorTimings& timings) {
@@ -25,7 +37,7 @@ uint32_t RestartDelayMs(uint32_t quickEnds, const SupervisorTimings& timings) {
   return static_cast<uint32_t>(std::min<uint64_t>(delay, timings.maxRestartDelayMs));
 }
 
-std::string AgentArguments() { return std::string("-s ") + kControlEventName; }
+std::string AgentArguments() { return Join({"-s ", kControlEventName}); }
 
 CAgentSupervisor::CAgentSupervisor(ISupervisorSystem& system, IServiceLog& log,
                                    SupervisorTimings timings)
@@ -41,14 +53,14 @@ uint32_t CAgentSupervisor::Run() {
       // Someone else made the event first and may hold a handle that can
       // signal the agent.
       m_log.Write(ServiceEvent::kControlEventExists, EventKind::kError,
-                  std::string("The agent's control event ") + kControlEventName +
-                      " already exists, made by another process; the service refuses it and does "
-                      "not start the agent.");
+                  Join({"The agent's control event ", kControlEventName,
+                        " already exists, made by another process; the service refuses it and "
+                        "does not start the agent."}));
       return rc;
     }
     m_log.Write(ServiceEvent::kControlFailed, EventKind::kError,
-                std::string("Cannot create the agent's control event ") + kControlEventName + " (" +
-                    Error(rc) + "); the service does not start the agent.");
+                Join({"Cannot create the agent's control event ", kControlEventName, " (",
+                      Error(rc), "); the service does not start the agent."}));
     return rc;
   }
   m_watching = m_system.WatchSettings();
