@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace lindqvar::bench {
@@ -79,6 +80,15 @@ class CRecordingReporter : public benchmark::ConsoleReporter {
 
   std::vector<Run> m_runs;
 };
+
+// Whether the command line sets the minimum time of each benchmark (a
+// benchmark's own MinTime would override it: those that ask for one set it
+// only when the command line does not, so that a smoke run stays short).
+inline bool MinTimeGiven(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i)
+    if (std::string_view(argv[i]).starts_with("--benchmark_min_time")) return true;
+  return false;
+}
 
 // Runs the benchmarks the command line selects, printing them as usual.
 inline int RunBenchmarks(int argc, char** argv, CRecordingReporter& reporter) {

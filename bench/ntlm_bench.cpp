@@ -34,16 +34,18 @@ void Pass(benchmark::State& state, bool withRelay) {
   }
 }
 
-void BM_PassWithoutRelay(benchmark::State& state) { Pass(state, false); }
-void BM_PassWithRelay(benchmark::State& state) { Pass(state, true); }
-BENCHMARK(BM_PassWithoutRelay)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_PassWithRelay)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-
 }  // namespace
 }  // namespace lindqvar::testing
 
 int main(int argc, char** argv) {
   using namespace lindqvar::bench;
+  // Two seconds each unless the command line sets the time.
+  for (const bool withRelay : {false, true}) {
+    auto* b = benchmark::RegisterBenchmark(withRelay ? "BM_PassWithRelay" : "BM_PassWithoutRelay",
+                                           lindqvar::testing::Pass, withRelay);
+    b->Unit(benchmark::kMillisecond);
+    if (!MinTimeGiven(argc, argv)) b->MinTime(2.0);
+  }
   CRecordingReporter reporter;
   if (const int rc = RunBenchmarks(argc, argv, reporter)) return rc;
   const double figure = reporter.Nanoseconds("BM_PassWithRelay") / 1e6;
