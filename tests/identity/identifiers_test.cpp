@@ -12,7 +12,8 @@ constexpr char16_t kGuid[] = u"6F9619FF-8B86-D011-B42D-00C04FC964FF";
 
 class IdentifiersTest : public ::testing::Test {
  protected:
-  IdentifiersTest() : support(registry), log(support), ids(log, support, registry) {
+  IdentifiersTest() : log(support), ids(log, support, registry) {
+    support.registry = &registry;
     log.SetHandle(support.log_initialize(u"FA_LINDQ"));
     registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
     registry.AddKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
@@ -23,7 +24,7 @@ class IdentifiersTest : public ::testing::Test {
   }
 
   FakeRegistry registry;
-  RegistrySupport support;
+  FakeSupport support;
   CLog log;
   CIdentifiers ids;
 };
@@ -81,7 +82,7 @@ TEST_F(IdentifiersTest, SerialRows) {
     EXPECT_EQ(*row.serial ? 0u : 1u, support.CountLines("Failed to get VRX SN") - failures);
     EXPECT_EQ(*row.serial != 0, support.HasLine(std::string("VRX SN:") + row.serial));
   }
-  EXPECT_EQ(0, support.OpenKeys());
+  EXPECT_EQ(0u, registry.OpenSupportKeys());
 }
 
 TEST_F(IdentifiersTest, MissingKeyClearsSerialButKeepsTenant) {
@@ -108,7 +109,7 @@ TEST_F(IdentifiersTest, MissingKeyClearsSerialButKeepsTenant) {
   registry.RemoveKey(RegistryHive::kLocalMachine, kEsnacKeyPath);
   ids.LoadVrxTenantId();
   EXPECT_EQ(2u, support.CountLines("Failed to get VRX tenant ID"));
-  EXPECT_EQ(0, support.OpenKeys());
+  EXPECT_EQ(0u, registry.OpenSupportKeys());
 }
 
 TEST_F(IdentifiersTest, SerialNeedsTheParentKeyOpenedThroughTheLibrary) {

@@ -46,8 +46,8 @@ TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
 
   // An address literal is not sent as the server name.
   EXPECT_EQ("", r.serverName);
-  EXPECT_TRUE(agent.Logged("To send SNI server name to BRK, we need FQDN of BRK"));
-  const auto connectLine = agent.LinesStartingWith("SendAndReceive(), Local IP:");
+  EXPECT_TRUE(agent.support.Logged("To send SNI server name to BRK, we need FQDN of BRK"));
+  const auto connectLine = agent.support.LinesStartingWith("SendAndReceive(), Local IP:");
   ASSERT_EQ(1u, connectLine.size());
   EXPECT_TRUE(std::regex_match(
       connectLine[0],
@@ -57,7 +57,7 @@ TEST_F(DeliveryTest, OneServerGetsTheEventAndTheStateBecomesReachable) {
   for (const char* line : {"CSessionManager::SslClientInit is called", "CSessionManager::SslClientInit exit",
                            "CSessionManager::SslClientInit:2496,  check if connection is ready",
                            "SendAndReceive(), succeeded to send event to authenticator, TID:"})
-    EXPECT_EQ(1u, agent.LinesStartingWith(line).size()) << line;
+    EXPECT_EQ(1u, agent.support.LinesStartingWith(line).size()) << line;
 }
 
 TEST_F(DeliveryTest, FailedPassesAreUnreachableUntilASuccess) {
@@ -67,8 +67,8 @@ TEST_F(DeliveryTest, FailedPassesAreUnreachableUntilASuccess) {
   for (int pass = 0; pass < 3; ++pass) EXPECT_FALSE(agent.Deliver());
   EXPECT_EQ((std::vector<uint32_t>{1, 1, 1}), agent.states);
   // A closed port fails at the connect.
-  EXPECT_EQ(6u, agent.LinesStartingWith("SslClientInit(), failed to  connect to authenticator, error:-1").size());
-  EXPECT_EQ(6u, agent.LinesStartingWith("SslClientInit(), failed to initialize ssl context").size());
+  EXPECT_EQ(6u, agent.support.LinesStartingWith("SslClientInit(), failed to  connect to authenticator, error:-1").size());
+  EXPECT_EQ(6u, agent.support.LinesStartingWith("SslClientInit(), failed to initialize ssl context").size());
 
   // Only the second of the two accepting is enough.
   CLabFixture lab(CLabFixture::Options(kKey));
@@ -103,7 +103,7 @@ TEST(DeliveryDigest, TheServerJudgesTheDigestOfTheKeysFirstSixteenBytes) {
     EXPECT_EQ(accepted, agent.Deliver());
     EXPECT_EQ(std::vector<uint32_t>{accepted ? 2u : 1u}, agent.states);
     EXPECT_EQ(accepted ? 0u : 1u,
-              agent.LinesStartingWith("process_hello_ack(), failed to process hello ack message from "
+              agent.support.LinesStartingWith("process_hello_ack(), failed to process hello ack message from "
                                       "authenticator, please check your preshared key, TID:")
                   .size());
     const ConnectionReport r = lab.WaitReports(1)[0];
@@ -156,9 +156,9 @@ TEST_F(DeliveryTest, SilentAndDribblingServersFailWithinTheLimitsAndThePassGoesO
     EXPECT_TRUE(pass.get());
     EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
     EXPECT_EQ("complete", healthy.WaitReports(1)[0].end);
-    EXPECT_EQ(1u, agent.LinesStartingWith("ReceiveServerReply(), failed to receive hello message "
+    EXPECT_EQ(1u, agent.support.LinesStartingWith("ReceiveServerReply(), failed to receive hello message "
                                           "from authenticator, TID:").size());
-    EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size());
+    EXPECT_EQ(1u, agent.support.LinesStartingWith("SendAndReceive(), failed to send event").size());
   }
 }
 
@@ -185,14 +185,8 @@ TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
     for (bool on : {false, true}) {
       SCOPED_TRACE(std::string(c.certificate) + " as " + c.host + (c.pinHealthy ? " pinned" : "") +
                    (on ? ", on" : ", off"));
-      auto options = CLabFixture::Options(kKey);
-      options.certFile = PkiFile(std::string(c.certificate) + ".pem");
-      options.keyFile = PkiFile(std::string(c.certificate) + ".key");
-      CLabFixture tested(options);
-      auto healthyOptions = CLabFixture::Options(kKey);
-      healthyOptions.certFile = PkiFile("server-alt.pem");
-      healthyOptions.keyFile = PkiFile("server-alt.key");
-      CLabFixture healthy(healthyOptions, "::1");
+      CLabFixture tested(CLabFixture::Options(kKey, c.certificate));
+      CLabFixture healthy(CLabFixture::Options(kKey, "server-alt"), "::1");
       CDeliveryHarness agent(kKey);
       agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
       agent.network.names["localhost"] = {FakeNetwork::V4(127, 0, 0, 1)};
@@ -210,7 +204,7 @@ TEST_F(DeliveryTest, ServerVerificationRefusesOnlyWhenOnAndThePassGoesOn) {
       EXPECT_EQ(std::vector<uint32_t>{2}, agent.states);
       EXPECT_EQ("complete", healthy.WaitReports(1)[0].end);
       const ConnectionReport r = tested.WaitReports(1)[0];
-      const auto refusals = agent.LinesStartingWith(
+      const auto refusals = agent.support.LinesStartingWith(
           "SslClientInit(), server verification failed for authenticator " + std::string(c.host) +
           " port " + std::to_string(tested.Port()) + ": ");
       if (on) {
@@ -254,8 +248,8 @@ TEST_F(DeliveryTest, BrokenFramesFailTheExchangeWithoutHarm) {
     // The pass goes on to the next server.
     EXPECT_TRUE(agent.Deliver());
     EXPECT_EQ("complete", next.WaitReports(1)[0].end);
-    EXPECT_TRUE(agent.Logged(c.logged));
-    EXPECT_EQ(1u, agent.LinesStartingWith("SendAndReceive(), failed to send event").size());
+    EXPECT_TRUE(agent.support.Logged(c.logged));
+    EXPECT_EQ(1u, agent.support.LinesStartingWith("SendAndReceive(), failed to send event").size());
     EXPECT_FALSE(lab.WaitReports(1)[0].eventReceived);
   }
 }
@@ -266,8 +260,8 @@ TEST_F(DeliveryTest, ANameThatNeverResolvedFailsOneThatStopsResolvingKeepsItsAdd
   agent.client->SetTickLogging(false);
   agent.AddServer("nowhere.lab.test", 8001);
   EXPECT_FALSE(agent.Deliver());
-  EXPECT_FALSE(agent.Logged("SendAndReceive(), Local IP:"));  // no connection
-  EXPECT_TRUE(agent.Logged("SendAndReceive(), failed to send event to authenticator"));
+  EXPECT_FALSE(agent.support.Logged("SendAndReceive(), Local IP:"));  // no connection
+  EXPECT_TRUE(agent.support.Logged("SendAndReceive(), failed to send event to authenticator"));
 
   CLabFixture lab(CLabFixture::Options(kKey));
   agent.network.names["authenticator.lab.test"] = {FakeNetwork::V4(127, 0, 0, 1)};
@@ -276,15 +270,15 @@ TEST_F(DeliveryTest, ANameThatNeverResolvedFailsOneThatStopsResolvingKeepsItsAdd
   ASSERT_TRUE(agent.Deliver());
   agent.network.names.clear();
   EXPECT_TRUE(agent.Deliver());
-  EXPECT_TRUE(agent.Logged("Failed to resolve address for Brannock:authenticator.lab.test"));
-  EXPECT_TRUE(agent.Logged("Still use previous resolved IP address:127.0.0.1"));
+  EXPECT_TRUE(agent.support.Logged("Failed to resolve address for Brannock:authenticator.lab.test"));
+  EXPECT_TRUE(agent.support.Logged("Still use previous resolved IP address:127.0.0.1"));
   EXPECT_EQ("authenticator.lab.test", lab.WaitReports(2).at(0).serverName);
-  EXPECT_FALSE(agent.Logged("To send SNI server name to BRK"));
-  const auto lines = agent.LinesStartingWith("SendAndReceive(), Local IP:");
+  EXPECT_FALSE(agent.support.Logged("To send SNI server name to BRK"));
+  const auto lines = agent.support.LinesStartingWith("SendAndReceive(), Local IP:");
   ASSERT_EQ(2u, lines.size());
   EXPECT_TRUE(std::regex_match(lines[0], std::regex("SendAndReceive\\(\\), Local IP:0\\.0\\.0\\.0, BRK IP:127\\.0\\.0\\.1, BRK Port:\\d+, TID:\\d+")))
       << lines[0];
-  EXPECT_TRUE(agent.Logged("Start to resolve address for Brannock:authenticator.lab.test, TID:"));
+  EXPECT_TRUE(agent.support.Logged("Start to resolve address for Brannock:authenticator.lab.test, TID:"));
 }
 
 class CountingRelay : public INtlmRelay {
@@ -313,7 +307,7 @@ TEST_F(DeliveryTest, AnyEventAckCountsAndResultTwoStartsTheNtlmRelay) {
   EXPECT_EQ(1, relay.calls);
   EXPECT_EQ(42u, relay.lastSession);
   EXPECT_TRUE(relay.hadTls);
-  EXPECT_TRUE(agent.Logged("Start NTLM authentication on session 42, TID:"));
+  EXPECT_TRUE(agent.support.Logged("Start NTLM authentication on session 42, TID:"));
 }
 
 TEST_F(DeliveryTest, ALabThatTrustsAnotherCaRefusesTheAgent) {
@@ -324,8 +318,8 @@ TEST_F(DeliveryTest, ALabThatTrustsAnotherCaRefusesTheAgent) {
   EXPECT_FALSE(agent.Deliver());
   // The handshake itself counts as done on the agent's side; the refusal
   // shows as the first read failing.
-  EXPECT_FALSE(agent.Logged("SslClientInit(), failed"));
-  EXPECT_TRUE(agent.Logged("ReceiveServerReply(), failed to receive hello message"));
+  EXPECT_FALSE(agent.support.Logged("SslClientInit(), failed"));
+  EXPECT_TRUE(agent.support.Logged("ReceiveServerReply(), failed to receive hello message"));
   const ConnectionReport r = lab.WaitReports(1)[0];
   EXPECT_FALSE(r.tlsUp);
   EXPECT_NE(std::string::npos, r.tlsError.find("certificate")) << r.tlsError;
@@ -336,7 +330,8 @@ TEST(DeliveryFips, ANonCompliantCertificateInFipsModeConnectsWithoutOne) {
   CTestMaterial material(ReadFile(PkiFile("ca.pem")), weak.certificatePem, weak.keyPem, "pass",
                          "unused-alternative-pass");
   CLabFixture lab(CLabFixture::Options(kKey));
-  FipsSupport fips;
+  FakeSupport fips;
+  fips.fips = true;
   CDeliveryHarness host(kKey);
   host.AddServer("127.0.0.1", lab.Port());
   CAuthenticatorClient client(host.log, fips, host.network, host.timings, material.Get());

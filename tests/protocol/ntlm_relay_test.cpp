@@ -42,11 +42,6 @@ class NtlmRelayTest : public ::testing::Test {
     options.ntlm = acceptor;
     return options;
   }
-  size_t LinesWith(const std::string& text) const {
-    size_t n = 0;
-    for (const auto& line : agent.support.Lines()) n += line.text == text;
-    return n;
-  }
   void ExpectNoSecretLogged() {
     for (const auto& line : agent.support.Lines())
       for (const char* secret : {"NEGOTIATE", "CHALLENGE", "AUTHENTICATE", "TkVHT1RJQVRF", "Q0hBTExFTkdF"})
@@ -103,12 +98,12 @@ TEST_F(NtlmRelayTest, AWholeRelayProvesTheSessionsUserAndKeysCountOnAcrossRelays
       EXPECT_EQ(verified ? bound : std::vector<uint8_t>{}, steps[i].channelBindings);
     }
   }
-  EXPECT_EQ(3u, LinesWith("NTLM auth succeeded"));
+  EXPECT_EQ(3u, agent.support.CountLines("NTLM auth succeeded"));
   // One warning for the whole run while servers go unverified.
-  EXPECT_EQ(1u, LinesWith("Server verification is off (VerifyServer 0): NTLM authentication goes to "
-                          "whichever server answered, which may relay the user's NTLM response or "
-                          "guess the password from it; switch VerifyServer on with pinned "
-                          "certificates"));
+  EXPECT_EQ(1u, agent.support.CountLines(
+                    "Server verification is off (VerifyServer 0): NTLM authentication goes to "
+                    "whichever server answered, which may relay the user's NTLM response or "
+                    "guess the password from it; switch VerifyServer on with pinned certificates"));
   // The tokens were made as the session's user on the relay's own thread.
   EXPECT_EQ(std::make_tuple(3, "", 0u, 0u),
             std::make_tuple(impersonation.threadTokensSet.load(), FakeImpersonation::ThreadUser(),
@@ -168,7 +163,7 @@ TEST_F(NtlmRelayTest, EachFailureEndsTheRelayWithItsOneTextAndTheEventStillCount
         relayLines += lines[i].text.rfind(t, 0) == 0;
     EXPECT_EQ(row.text ? 1u : 0u, relayLines);
     if (row.text) {
-      EXPECT_EQ(1u, LinesWith(row.text));
+      EXPECT_EQ(1u, agent.support.CountLines(row.text));
     }
     // A key is taken only once the user's token is in hand.
     EXPECT_EQ(std::make_tuple(keyBefore + (row.keyTaken ? 1 : 0), 0u, 0u),

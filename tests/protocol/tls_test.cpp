@@ -16,16 +16,10 @@
 namespace lindqvar::testing {
 namespace {
 
-struct CtxFree {
-  void operator()(SSL_CTX* c) const { SSL_CTX_free(c); }
-};
-using UniqueCtx = std::unique_ptr<SSL_CTX, CtxFree>;
-struct CertFree {
-  void operator()(X509* c) const { X509_free(c); }
-};
-using UniqueCert = std::unique_ptr<X509, CertFree>;
+using UniqueCtx = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+using UniqueCert = std::unique_ptr<X509, decltype(&X509_free)>;
 
-UniqueCtx NewClientContext() { return UniqueCtx(VlxTlsCtxNew(TLS_client_method())); }
+UniqueCtx NewClientContext() { return UniqueCtx(VlxTlsCtxNew(TLS_client_method()), SSL_CTX_free); }
 
 std::string Decrypted(const CertificateMaterial& m, const CertificateItem& item) {
   CSecureBuffer out;
@@ -130,7 +124,8 @@ TEST(LoadClientIdentity, WhatEachMaterialAndModeInstalls) {
   CTestMaterial short1024("ca", weak.certificatePem, weak.keyPem, "pass", "unused-alternative-pass");
   CTestMaterial nonRsa("ca", ec.certificatePem, ec.keyPem, "pass", "unused-alternative-pass");
   FakeSupport plain;
-  FipsSupport fips;
+  FakeSupport fips;
+  fips.fips = true;
   const struct {
     const char* name;
     const CertificateMaterial& material;
@@ -206,7 +201,8 @@ TEST(VlxX509IsFipsCompliant, JudgesKeyAndSignatureDigest) {
       {"EC", 0, "P-384", "SHA1", 0},
   };
   for (const Case& c : cases) {
-    UniqueCert cert(ParseCertificate(MakeIdentity(c.type, c.bits, c.curve, c.digest).certificatePem));
+    UniqueCert cert(ParseCertificate(MakeIdentity(c.type, c.bits, c.curve, c.digest).certificatePem),
+                    X509_free);
     SCOPED_TRACE(std::string(c.type) + " " + (c.curve ? c.curve : std::to_string(c.bits)) + " " + c.digest);
     ASSERT_NE(nullptr, cert);
     EXPECT_EQ(c.expected, VlxX509IsFipsCompliant(cert.get()));
