@@ -114,8 +114,8 @@ uint16_t ClosedPort();
 
 std::unique_ptr<ServerEntry> MakeServer(const std::string& host, uint32_t port);
 
-// The agent side: fakes, a log, the delivery object.
-class CDeliveryHarness {
+// The agent side: the platform fakes, a log, the delivery object.
+class CDeliveryHarness : public FakePlatform {
  public:
   explicit CDeliveryHarness(const std::string& presharedKey,
                             const CertificateMaterial& material = BuiltInCertificateMaterial());
@@ -137,9 +137,6 @@ class CDeliveryHarness {
   // One pass with that event, after Publish.
   bool Deliver(uint32_t session = 7);
 
-  FakeSupport support;
-  FakeNetwork network;
-  Timings timings = FakePlatform::ShortTimings();
   ServerList servers;
   std::string presharedKey;
   IpAddress localAddress;
