@@ -255,7 +255,7 @@ TEST_F(DeliveryTest, BrokenFramesFailTheExchangeWithoutHarm) {
 }
 
 // A name is also sent as the server name; without tick logging the connect
-// line has no tick count.
+// line has no tick count. (The resolver's own log texts are ResolveTest's.)
 TEST_F(DeliveryTest, ANameThatNeverResolvedFailsOneThatStopsResolvingKeepsItsAddress) {
   agent.client->SetTickLogging(false);
   agent.AddServer("nowhere.lab.test", 8001);
@@ -269,16 +269,14 @@ TEST_F(DeliveryTest, ANameThatNeverResolvedFailsOneThatStopsResolvingKeepsItsAdd
   agent.AddServer("authenticator.lab.test", lab.Port());
   ASSERT_TRUE(agent.Deliver());
   agent.network.names.clear();
-  EXPECT_TRUE(agent.Deliver());
+  EXPECT_TRUE(agent.Deliver());  // resolved again, and the last address taken
   EXPECT_TRUE(agent.support.Logged("Failed to resolve address for Brannock:authenticator.lab.test"));
-  EXPECT_TRUE(agent.support.Logged("Still use previous resolved IP address:127.0.0.1"));
   EXPECT_EQ("authenticator.lab.test", lab.WaitReports(2).at(0).serverName);
   EXPECT_FALSE(agent.support.Logged("To send SNI server name to BRK"));
   const auto lines = agent.support.LinesStartingWith("SendAndReceive(), Local IP:");
   ASSERT_EQ(2u, lines.size());
   EXPECT_TRUE(std::regex_match(lines[0], std::regex("SendAndReceive\\(\\), Local IP:0\\.0\\.0\\.0, BRK IP:127\\.0\\.0\\.1, BRK Port:\\d+, TID:\\d+")))
       << lines[0];
-  EXPECT_TRUE(agent.support.Logged("Start to resolve address for Brannock:authenticator.lab.test, TID:"));
 }
 
 class CountingRelay : public INtlmRelay {
