@@ -62,9 +62,10 @@ const std::map<std::string, std::vector<const char*>> kDesignedLines = {
     {"Start", {"GetAZureSessionUserInfo(), Calling of RunExternalProgram is failed"}},
 };
 
-class CFaultScenario : protected FakeAgentPlatform {
+class CFaultScenario : protected FakePlatform {
  public:
-  CFaultScenario() : m_support(registry), m_lab(ServerOptions()), m_faults(Base(), m_plan) {
+  CFaultScenario() : m_lab(ServerOptions()), m_faults(Base(), m_plan) {
+    m_support.registry = &registry;
     registry.AddKey(RegistryHive::kLocalMachine, kAgentKeyPath);
     registry.AddKey(RegistryHive::kLocalMachine, kVelmoraKeyPath);
     registry.SetString(RegistryHive::kLocalMachine, kEsnacKeyPath, u"hvq_sn",
@@ -223,7 +224,7 @@ class CFaultScenario : protected FakeAgentPlatform {
     return WaitUntil([&] { return rounds() >= before + 3 || watchEnded(); }, kStepLimitMs);
   }
 
-  RegistrySupport m_support;
+  FakeSupport m_support;
   CLabFixture m_lab;
   CFaultPlan m_plan;
   CFaultPlatform m_faults;

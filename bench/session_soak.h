@@ -19,7 +19,7 @@
 namespace lindqvar::testing {
 
 // The fake system is a base, so the bench can time passes over it.
-class CSessionSoak : protected FakeAgentPlatform {
+class CSessionSoak : protected FakePlatform {
  public:
   struct Result {
     size_t events = 0;

@@ -118,13 +118,15 @@ lab_prefix() {
     /d CORP.EXAMPLE.TEST /f >/dev/null 2>&1
 }
 
-# The pid of this prefix's wineserver (others may run on the machine).
-lab_wineserver_pid() {
+# lab_pids <pattern>: the processes of this prefix whose command line matches.
+lab_pids() {
   local p
-  for p in $(pgrep -f wineserver); do
+  for p in $(pgrep -f "$1"); do
     grep -qzxF "WINEPREFIX=$WINEPREFIX" "/proc/$p/environ" 2>/dev/null && echo "$p"
-  done | head -n 1
+  done
 }
+# The pid of this prefix's wineserver (others may run on the machine).
+lab_wineserver_pid() { lab_pids wineserver | head -n 1; }
 
 lab_cleanup() {
   [ -n "$AGENT_PID" ] && kill "$AGENT_PID" 2>/dev/null

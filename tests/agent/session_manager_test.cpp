@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "agent/agent_main.h"
+#include "agent/args.h"
 #include "agent/catalogue.h"
 #include "agent/state.h"
 #include "agent/verification_settings.h"
@@ -30,7 +31,29 @@ class ManagerTest : public ::testing::Test {
     fake.registry.GetDword(RegistryHive::kLocalMachine, kAgentKeyPath, u"LINDQState", v);
     return v;
   }
-  testing::FakeAgentPlatform fake;
+  // The process entry, with a control event the test can signal.
+  int Run(std::vector<const char*> argv, const LeaveRunning& leaveRunning = {}) {
+    return AgentMain(static_cast<int>(argv.size()), argv.data(), P(),
+                     [this](const std::string& name) {
+                       createdNames.push_back(name);
+                       // Kept here too: the test may still signal it after
+                       // the agent has ended.
+                       control = std::make_shared<CEvent>(CEvent::ResetPolicy::kAutomatic,
+                                                          CEvent::InitialState::kNotSignaled);
+                       controlReady.Set();
+                       return control;
+                     },
+                     leaveRunning);
+  }
+  // Signals the control event once the agent waits on it.
+  void Signal() {
+    ASSERT_EQ(controlReady.Wait(20000), WaitResult::kSignaled);
+    control->Set();
+  }
+  testing::FakePlatform fake;
+  std::vector<std::string> createdNames;
+  std::shared_ptr<CEvent> control;
+  CEvent controlReady{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
 };
 
 // Construction writes NOT_CONFIGURED, Init raises it once servers are
@@ -185,13 +208,8 @@ class ReportingTest : public ManagerTest {
   void User(uint32_t session, const std::u16string& name) {
     fake.accounts.SetUser(session, {testing::DomainSid(1000 + session), name, u"CORP"});
   }
-  bool HasLineStarting(const std::string& prefix) {
-    for (const auto& l : fake.support.Lines())
-      if (l.text.rfind(prefix, 0) == 0) return true;
-    return false;
-  }
   void WaitForLine(const std::string& prefix) {
-    EXPECT_TRUE(testing::WaitUntil([&] { return HasLineStarting(prefix); })) << prefix;
+    EXPECT_TRUE(testing::WaitUntil([&] { return fake.support.Logged(prefix); })) << prefix;
   }
   std::vector<std::string> Users(const lab::ConnectionReport& r) {
     std::vector<std::string> out;
@@ -361,8 +379,7 @@ TEST_P(KeepAliveWaitTest, TheNextWaitUsesTheServersIntervalWithinTheKeptRange) {
   m.Stop();
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, KeepAliveWaitTest, ::testing::ValuesIn(kKeepAliveRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, KeepAliveWaitTest, ::testing::ValuesIn(kKeepAliveRows), testing::RowName);
 
 // A failed wait in either address-change thread: a pause, one log line per
 // run of failures, no change round; the next real change is reported.
@@ -418,8 +435,7 @@ TEST_P(FailedWaitTest, IsNeitherASpinNorAChange) {
   EXPECT_EQ(fake.support.CountLines(row.failedLine), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, FailedWaitTest, ::testing::ValuesIn(kFailedWaitRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, FailedWaitTest, ::testing::ValuesIn(kFailedWaitRows), testing::RowName);
 
 TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   Configure(u"127.0.0.1:" + AnsiToWide(std::to_string(testing::ClosedPort())));
@@ -445,9 +461,7 @@ TEST_F(TimersTest, ResendsTwentyTimesThenWaitsForAnOrdinarySuccess) {
   const std::string last = "ResendLogoff: re-sent the logoff of CORP\\anna at 10.0.0.5, try 20 of 20: not delivered";
   ASSERT_TRUE(testing::WaitUntil([&] { return fake.support.HasLine(last); }));
   SleepMs(50);  // 50 more periods: no 21st try
-  size_t resent = 0;
-  for (const auto& l : fake.support.Lines()) resent += l.text.rfind("ResendLogoff: re-sent", 0) == 0;
-  EXPECT_EQ(resent, 20u);
+  EXPECT_EQ(fake.support.LinesStartingWith("ResendLogoff: re-sent").size(), 20u);
   m.Stop();
   EXPECT_EQ(fake.support.CountLines(line), 20u);
 }
@@ -494,31 +508,19 @@ TEST_P(SilentServerTest, StopDuringASendEndsOnceTheReadTimesOut) {
   m.Stop();
   EXPECT_EQ(std::make_tuple(m.ThreadExitCode(CWorkerThreads::kNotificationThread), m.State()),
             std::make_tuple(1u, kConfiguredUnreachable));
-  EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
+  EXPECT_TRUE(fake.support.Logged("ReceiveServerReply(), failed to receive hello message"));
 }
 
 TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) {
   std::unique_ptr<CSessionManager> left;
-  CEvent* control = nullptr;
-  CEvent ready{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
   std::thread parent([&] {
-    ASSERT_EQ(ready.Wait(20000), WaitResult::kSignaled);
+    ASSERT_EQ(controlReady.Wait(20000), WaitResult::kSignaled);
     fake.window.Post(NotificationKind::kSessionLogon, 5);
     WaitForLine("SendAndReceive(), Local IP:");
     fake.support.SetSettings(1, u"127.0.0.2:1", u"psk");  // another host and port: a change
     control->Set();
   });
-  const char* argv[] = {"agent", "-s", "ctl"};
-  AgentMain(
-      3, argv, P(),
-      [&](const std::string&) {
-        auto e = std::make_unique<CEvent>(CEvent::ResetPolicy::kAutomatic,
-                                          CEvent::InitialState::kNotSignaled);
-        control = e.get();
-        ready.Set();
-        return e;
-      },
-      [&](std::unique_ptr<CSessionManager> manager) { left = std::move(manager); });
+  Run({"agent", "-s", "ctl"}, [&](std::unique_ptr<CSessionManager> manager) { left = std::move(manager); });
   parent.join();
   // The notification thread was still inside the send: the manager was
   // handed over instead of waiting for it.
@@ -533,7 +535,7 @@ TEST_P(SilentServerTest, ASettingsChangeEndsTheProcessWithoutWaitingForTheSend) 
   }));
   EXPECT_EQ(RegistryState(), kNotConfigured);
   left.reset();  // joins the sender once its read has timed out
-  EXPECT_TRUE(HasLineStarting("ReceiveServerReply(), failed to receive hello message"));
+  EXPECT_TRUE(fake.support.Logged("ReceiveServerReply(), failed to receive hello message"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, SilentServerTest,
@@ -542,29 +544,40 @@ INSTANTIATE_TEST_SUITE_P(Faults, SilentServerTest,
 
 // --- the process entry ------------------------------------------------------
 
-class AgentMainTest : public ManagerTest {
- protected:
-  int Run(std::vector<const char*> argv) {
-    return AgentMain(static_cast<int>(argv.size()), argv.data(), P(),
-                     [this](const std::string& name) {
-                       createdNames.push_back(name);
-                       // Kept here too: the test may still signal it after
-                       // the agent has ended.
-                       control = std::make_shared<CEvent>(CEvent::ResetPolicy::kAutomatic,
-                                                          CEvent::InitialState::kNotSignaled);
-                       controlReady.Set();
-                       return control;
-                     });
-  }
-  // Signals the control event once the agent waits on it.
-  void Signal() {
-    ASSERT_EQ(controlReady.Wait(20000), WaitResult::kSignaled);
-    control->Set();
-  }
-  std::vector<std::string> createdNames;
-  std::shared_ptr<CEvent> control;
-  CEvent controlReady{CEvent::ResetPolicy::kManual, CEvent::InitialState::kNotSignaled};
-};
+// Only leading spaces are skipped; then a dash and a lower-case s.
+TEST(ControlSwitch, OnlyDashAndTheLetterAfterItCount) {
+  const std::pair<const char*, bool> rows[] = {
+      {"-s", true},   {"-stop", true}, {"  -service", true}, {" -s", true}, {"-S", false},
+      {"/s", false},  {"\t-s", false}, {"s", false},          {"", false},   {"   ", false},
+      {"-", false}};
+  for (const auto& [text, isSwitch] : rows) EXPECT_EQ(IsControlSwitch(text), isSwitch) << text;
+}
+
+TEST(ScanArguments, TheNameAfterTheFirstSwitchIsTrimmedAndKeyedElseNothing) {
+  const char* none[] = {"agent"};
+  EXPECT_FALSE(ScanArguments(1, none));
+  const char* other[] = {"agent", "-S", "Global\\Ctl_1", "/s"};
+  EXPECT_FALSE(ScanArguments(4, other));
+  const char* last[] = {"agent", "x", "-s"};
+  EXPECT_FALSE(ScanArguments(3, last));
+
+  const char* argv[] = {"agent", "-v", " -s", " \tGlobal\\Agent_Ctl_7\t ", "-s", "other"};
+  auto args = ScanArguments(6, argv);
+  ASSERT_TRUE(args);
+  EXPECT_EQ(args->eventName, "Global\\Agent_Ctl_7");
+  EXPECT_EQ(args->controlKey, "7");
+}
+
+TEST(ControlKey, IsTheTextBehindTheLastUnderscore) {
+  EXPECT_EQ(ControlKeyOf("Global\\Agent_Ctl_7"), "7");
+  EXPECT_EQ(ControlKeyOf("Agentctl"), "Agentctl");
+  EXPECT_EQ(ControlKeyOf("Agent_"), "");
+  EXPECT_EQ(ControlKeyOf("_x"), "x");
+  EXPECT_EQ(TrimBlanks(" \t a b \t"), "a b");
+  EXPECT_EQ(TrimBlanks(" \t "), "");
+}
+
+using AgentMainTest = ManagerTest;
 
 TEST_F(AgentMainTest, WithoutTheSwitchNothingStarts) {
   Configure(u"a.b");

@@ -46,6 +46,13 @@ size_t FakeSupport::CountLines(const std::string& text) const {
       std::count_if(m_lines.begin(), m_lines.end(), [&](const Line& l) { return l.text == text; }));
 }
 
+std::vector<std::string> FakeSupport::LinesStartingWith(const std::string& prefix) const {
+  std::vector<std::string> out;
+  for (const Line& l : Lines())
+    if (l.text.compare(0, prefix.size(), prefix) == 0) out.push_back(l.text);
+  return out;
+}
+
 LogHandle FakeSupport::log_initialize(std::u16string_view name) {
   std::lock_guard<std::mutex> lock(m_mutex);
   ++m_openLogs;
@@ -104,6 +111,29 @@ bool FakeSupport::cfg_get_velmora_guid(std::u16string& out) {
   if (guid.empty()) return false;
   out = guid;
   return true;
+}
+
+SupportKeyHandle FakeSupport::reg_openkeyW(SupportHive, std::u16string_view path) {
+  // As our Windows library opens them: for reading, in the 64-bit view.
+  return registry ? registry->OpenSupportKey(path, reg_access::kRead | reg_access::kWow64_64Key)
+                  : nullptr;
+}
+
+void FakeSupport::reg_closekeyW(SupportKeyHandle key) {
+  if (registry) registry->CloseSupportKey(key);
+}
+
+bool FakeSupport::reg_getstringW(SupportKeyHandle key, std::u16string_view name,
+                                 std::u16string& value, uint32_t* length) {
+  IRegistryKey* k = registry ? registry->SupportKey(key) : nullptr;
+  if (!k || k->QueryString(name, value) != 0) return false;
+  if (length) *length = static_cast<uint32_t>(value.size());
+  return true;
+}
+
+bool FakeSupport::reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) {
+  std::u16string ignored;
+  return reg_getstringW(key, name, ignored, nullptr);
 }
 
 bool FakeSupport::GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) {
@@ -371,6 +401,146 @@ void FakeSessionWindow::Post(NotificationKind kind, uint32_t session) {
   m_posted.Set();
 }
 
+// --- accounts and the console runner ------------------------------------------------
+
+bool FakeAccounts::QueryUserToken(uint32_t session, std::unique_ptr<IUserToken>& token) {
+  auto it = m_users.find(session);
+  if (it == m_users.end()) {
+    m_lastError = queryError;
+    return false;
+  }
+  const int id = m_nextToken++;
+  m_tokenSession[id] = session;
+  token = std::make_unique<FakeToken>(tokensClosed, id);
+  m_lastError = 0;
+  return true;
+}
+
+const FakeAccounts::User* FakeAccounts::UserOf(IUserToken& token) const {
+  auto t = m_tokenSession.find(static_cast<FakeToken&>(token).id());
+  if (t == m_tokenSession.end()) return nullptr;
+  auto u = m_users.find(t->second);
+  return u == m_users.end() ? nullptr : &u->second;
+}
+
+std::unique_ptr<IUserToken> FakeAccounts::LinkedToken(IUserToken& token) {
+  const User* user = UserOf(token);
+  if (!user || user->linkedTokenId == 0) return nullptr;
+  m_tokenSession[user->linkedTokenId] = m_tokenSession[static_cast<FakeToken&>(token).id()];
+  return std::make_unique<FakeToken>(tokensClosed, user->linkedTokenId);
+}
+
+bool FakeAccounts::TokenUserSid(IUserToken& token, SidBytes& sid) {
+  const User* user = UserOf(token);
+  if (!user || user->tokenInformationFails) {
+    m_lastError = tokenInformationError;
+    return false;
+  }
+  sid = user->sid;
+  return true;
+}
+
+bool FakeAccounts::LookupSidAccount(const SidBytes& sid, std::u16string& name,
+                                    std::u16string& domain) {
+  for (const auto& [session, user] : m_users) {
+    if (user.sid == sid && !user.lookupFails) {
+      name = user.name;
+      domain = user.domain;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool FakeAccounts::LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) {
+  const User* user = UserOf(token);
+  if (!user || !user->sessionDnsDomain) return false;
+  dnsDomain = *user->sessionDnsDomain;
+  return true;
+}
+
+void FakeAccounts::AbandonToken(std::unique_ptr<IUserToken> token) {
+  auto* fake = static_cast<FakeToken*>(token.get());
+  fake->Abandon();
+  ++tokensAbandoned;
+}
+
+namespace {
+class ScriptedPipe : public IConsolePipe {
+ public:
+  ScriptedPipe(std::vector<PipeStep> script, std::shared_ptr<int> peeks, std::shared_ptr<int> reads)
+      : m_script(std::move(script)), m_peeks(std::move(peeks)), m_reads(std::move(reads)) {}
+
+  bool Peek(uint32_t& available) override {
+    ++*m_peeks;
+    available = 0;
+    while (m_step < m_script.size()) {
+      PipeStep& s = m_script[m_step];
+      if (s.peekFails) return false;
+      if (s.emptyPolls > 0) {
+        --s.emptyPolls;
+        return true;
+      }
+      if (m_offset < s.bytes.size()) {
+        available = static_cast<uint32_t>(s.bytes.size() - m_offset);
+        return true;
+      }
+      ++m_step;
+      m_offset = 0;
+    }
+    return true;  // the write end stays open: nothing more, never an error
+  }
+
+  bool Read(char* buffer, uint32_t size, uint32_t& read) override {
+    ++*m_reads;
+    read = 0;
+    if (m_step >= m_script.size()) return true;
+    PipeStep& s = m_script[m_step];
+    if (s.readFails) {
+      s.readFails = false;
+      return false;
+    }
+    const size_t n = std::min<size_t>(size, s.bytes.size() - m_offset);
+    std::memcpy(buffer, s.bytes.data() + m_offset, n);
+    m_offset += n;
+    read = static_cast<uint32_t>(n);
+    return true;
+  }
+
+ private:
+  std::vector<PipeStep> m_script;
+  size_t m_step = 0;
+  size_t m_offset = 0;
+  std::shared_ptr<int> m_peeks, m_reads;
+};
+}  // namespace
+
+ConsoleStart FakeConsoleRunner::Start(IUserToken& token, const std::string& program,
+                                      const std::string& arguments,
+                                      std::unique_ptr<IConsolePipe>& pipe) {
+  commandLines.push_back(program + " " + arguments);
+  lastToken = reinterpret_cast<intptr_t>(token.Native());
+  if (result.failure != ConsoleStartFailure::kNone) return result;
+  pipe = std::make_unique<ScriptedPipe>(script, peeks, reads);
+  return {};
+}
+
+SidBytes MakeSid(std::array<uint8_t, 6> authority, std::vector<uint32_t> subAuthorities) {
+  SidBytes sid;
+  sid.reserve(8 + 4 * subAuthorities.size());
+  sid.push_back(1);
+  sid.push_back(static_cast<uint8_t>(subAuthorities.size()));
+  for (uint8_t b : authority) sid.push_back(b);
+  for (uint32_t s : subAuthorities) {
+    for (int i = 0; i < 4; ++i) sid.push_back(static_cast<uint8_t>(s >> (8 * i)));
+  }
+  return sid;
+}
+
+SidBytes DomainSid(uint32_t rid) {
+  return MakeSid({0, 0, 0, 0, 0, 5}, {21, 1004336348, 1177238915, 682003330, rid});
+}
+
 // --- waits ------------------------------------------------------------------
 
 WaitResult FakeWaits::Wait(CEvent& event, uint32_t milliseconds) {
@@ -393,6 +563,17 @@ int FakeWaits::WaitAny(CEvent& first, CEvent& second, uint32_t milliseconds) {
   }
   ++realWaits[side];
   return CEvent::WaitAny(first, second, milliseconds);
+}
+
+std::vector<uint8_t> DwordBytes(uint32_t value) {
+  return {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)};
+}
+
+std::vector<uint8_t> TextBytes(std::u16string_view text) {
+  std::vector<uint8_t> out;
+  for (char16_t unit : text) out.insert(out.end(), {uint8_t(unit), uint8_t(unit >> 8)});
+  out.insert(out.end(), {0, 0});
+  return out;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, uint32_t limitMs) {
@@ -437,6 +618,10 @@ Platform FakePlatform::Get() {
   p.securityPackage = &ntlm;
   p.impersonation = &impersonation;
   p.waits = &waits;
+  p.accounts = &accounts;
+  p.adapters = &adapters;
+  p.console = &console;
+  p.hyperv = &hyperv;
   p.timings = timings;
   return p;
 }

@@ -2,22 +2,33 @@
 #pragma once
 
 #include <atomic>
+#include <cctype>
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "platform/accounts.h"
+#include "platform/adapters.h"
+#include "platform/console_runner.h"
 #include "platform/event.h"
+#include "platform/hyperv.h"
 #include "platform/platform.h"
 #include "tests/fakes/fake_security_package.h"
 
 namespace lindqvar::testing {
 
+class FakeRegistry;
+
 // The support library: a log that remembers its lines, catalogue events, a
-// settings record the test writes, and a desired status the test sets.
+// settings record the test writes, and a desired status the test sets. Its
+// registry helpers read `registry`'s HKEY_LOCAL_MACHINE (without one, every
+// key is missing), so that they and IRegistry see the same keys.
 class FakeSupport : public ISupportLibrary {
  public:
   struct Line {
@@ -34,6 +45,8 @@ class FakeSupport : public ISupportLibrary {
   std::vector<Line> Lines() const { return Locked(m_lines); }
   bool HasLine(const std::string& text) const;
   size_t CountLines(const std::string& text) const;
+  std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
+  bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
   std::vector<uint32_t> CatalogueEvents() const { return Locked(m_events); }
   // Events written with a level and pairs: "<id> <level> key=value key=value".
   std::vector<std::string> FieldEvents() const { return Locked(m_fieldEvents); }
@@ -51,21 +64,21 @@ class FakeSupport : public ISupportLibrary {
   uint32_t get_desired_status(uint32_t component, std::u16string_view key) override;
   void cfg_get_lindqvar_settings(uint8_t* record) override;
   void cfg_get_logging_info(uint8_t* record) override;
-  bool cfg_is_fips_mode_enabled() override { return false; }
+  bool cfg_is_fips_mode_enabled() override { return fips; }
   bool cfg_get_velmora_guid(std::u16string& guid) override;
-  // No registry behind it: every key is missing.
-  SupportKeyHandle reg_openkeyW(SupportHive, std::u16string_view) override { return nullptr; }
-  void reg_closekeyW(SupportKeyHandle) override {}
-  bool reg_getstringW(SupportKeyHandle, std::u16string_view, std::u16string&, uint32_t*) override {
-    return false;
-  }
-  bool reg_valueexistsbykeyW(SupportKeyHandle, std::u16string_view) override { return false; }
+  SupportKeyHandle reg_openkeyW(SupportHive hive, std::u16string_view path) override;
+  void reg_closekeyW(SupportKeyHandle key) override;
+  bool reg_getstringW(SupportKeyHandle key, std::u16string_view name, std::u16string& value,
+                      uint32_t* length) override;
+  bool reg_valueexistsbykeyW(SupportKeyHandle key, std::u16string_view name) override;
   bool GetTokenOfSession(uint32_t session, std::unique_ptr<IUserToken>& token) override;
 
   // False: log lines and events are dropped, so that a long run's memory is
   // the agent's alone.
   std::atomic<bool> keepRecords{true};
   std::u16string guid;  // empty: cfg_get_velmora_guid fails
+  bool fips = false;     // what cfg_is_fips_mode_enabled says
+  FakeRegistry* registry = nullptr;
   // Sessions whose token GetTokenOfSession gives: id -> (domain, user).
   std::map<uint32_t, std::pair<std::string, std::string>> sessionUsers;
 
@@ -208,6 +221,124 @@ class FakeSessionWindow : public ISessionWindow {
   CEvent m_posted{CEvent::ResetPolicy::kAutomatic, CEvent::InitialState::kNotSignaled};
 };
 
+// Tokens count their closes on the accounts fake that made them.
+class FakeToken : public IUserToken {
+ public:
+  FakeToken(std::atomic<int>& closed, int id) : m_closed(closed), m_id(id) {}
+  ~FakeToken() override {
+    if (m_open) ++m_closed;
+  }
+  void* Native() const override { return reinterpret_cast<void*>(static_cast<intptr_t>(m_id)); }
+  int id() const { return m_id; }
+  void Abandon() { m_open = false; }
+
+ private:
+  std::atomic<int>& m_closed;
+  int m_id;
+  bool m_open = true;
+};
+
+class FakeAccounts : public IAccounts {
+ public:
+  struct User {
+    SidBytes sid;
+    std::u16string name;
+    std::u16string domain;
+    bool lookupFails = false;
+    bool tokenInformationFails = false;
+    int linkedTokenId = 0;  // 0: no linked token
+    // The logon session's DNS domain; unset: the session data is unavailable.
+    std::optional<std::u16string> sessionDnsDomain{};
+  };
+
+  // A session with this user; sessions not set fail with `queryError`.
+  void SetUser(uint32_t session, User user) { m_users[session] = std::move(user); }
+
+  bool HasQueryUserToken() override { return hasQueryUserToken; }
+  bool QueryUserToken(uint32_t session, std::unique_ptr<IUserToken>& token) override;
+  std::unique_ptr<IUserToken> LinkedToken(IUserToken& token) override;
+  bool TokenUserSid(IUserToken& token, SidBytes& sid) override;
+  bool LookupSidAccount(const SidBytes& sid, std::u16string& name, std::u16string& domain) override;
+  bool LogonSessionDnsDomain(IUserToken& token, std::u16string& dnsDomain) override;
+  std::u16string ComputerName() override { return computerName; }
+  uint32_t LastError() override { return m_lastError; }
+  void AbandonToken(std::unique_ptr<IUserToken> token) override;
+
+  bool hasQueryUserToken = true;
+  uint32_t queryError = kErrorNotLoggedOn;  // for sessions without a user
+  uint32_t tokenInformationError = 6;       // ERROR_INVALID_HANDLE
+  std::u16string computerName = u"WORKSTATION7";
+  std::atomic<int> tokensClosed{0};
+  std::atomic<int> tokensAbandoned{0};
+  // Tokens handed out; each keeps its entry in the token map.
+  int TokensIssued() const { return m_nextToken - 100; }
+
+ private:
+  const User* UserOf(IUserToken& token) const;
+  std::map<uint32_t, User> m_users;
+  std::map<int, uint32_t> m_tokenSession;  // token id -> session
+  int m_nextToken = 100;
+  uint32_t m_lastError = 0;
+};
+
+// One step of a scripted pipe: bytes that become available at once, or a
+// number of polls that find nothing.
+struct PipeStep {
+  std::string bytes;
+  uint32_t emptyPolls = 0;
+  bool peekFails = false;
+  bool readFails = false;  // the read of this step's bytes fails once
+};
+
+// The device-registration tool's answers: joined, with a user, and not joined.
+inline constexpr char kJoinedOutput[] =
+    "+----------------------------------------------------------------------+\r\n"
+    "| Device State                                                         |\r\n"
+    "+----------------------------------------------------------------------+\r\n"
+    "\r\n"
+    "             AzureAdJoined : YES\r\n"
+    "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
+    "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n";
+
+inline constexpr char kNotJoinedOutput[] = "             AzureAdJoined : NO\r\n";
+
+class FakeConsoleRunner : public IConsoleRunner {
+ public:
+  ConsoleStart Start(IUserToken& token, const std::string& program, const std::string& arguments,
+                     std::unique_ptr<IConsolePipe>& pipe) override;
+
+  ConsoleStart result;  // a failure to report instead of starting
+  std::vector<PipeStep> script;
+  // What the last start saw.
+  std::vector<std::string> commandLines;
+  std::optional<intptr_t> lastToken;  // native value of the token
+  // Calls made on the pipe.
+  std::shared_ptr<int> peeks = std::make_shared<int>(0);
+  std::shared_ptr<int> reads = std::make_shared<int>(0);
+};
+
+class FakeAdapters : public IAdapters {
+ public:
+  uint32_t AllocateAdaptersAddresses(std::vector<AdapterAddresses>& out) override {
+    if (addressesError == 0) out = addresses;
+    return addressesError;
+  }
+  uint32_t GetAdaptersInfo(std::vector<AdapterInfo>& out) override {
+    if (infoError == 0) out = infos;
+    return infoError;
+  }
+  std::vector<AdapterAddresses> addresses;
+  uint32_t addressesError = 0;
+  std::vector<AdapterInfo> infos;
+  uint32_t infoError = 0;
+};
+
+class FakeHyperV : public IHyperV {
+ public:
+  void QueryExternalPorts(std::vector<HyperVPortRow>& out) override { out = rows; }
+  std::vector<HyperVPortRow> rows;
+};
+
 // The worker loops' waits: records every single-event time-out asked for,
 // and makes the two-event waits of the address-change threads fail on
 // request. The failures start once the gate is opened.
@@ -243,7 +374,27 @@ class FakeWaits : public IWaits {
 // Polls `condition` every millisecond for at most `limitMs`; its last value.
 bool WaitUntil(const std::function<bool()>& condition, uint32_t limitMs = 20000);
 
-// A platform made of the fakes above, with short timings.
+// The bytes a registry value stores: a DWORD, or UTF-16LE text with its
+// terminator (NULs inside the text separate the strings of a multi-string).
+std::vector<uint8_t> DwordBytes(uint32_t value);
+std::vector<uint8_t> TextBytes(std::u16string_view text);
+
+// A SID from its identifier authority (6 bytes) and sub-authorities.
+SidBytes MakeSid(std::array<uint8_t, 6> authority, std::vector<uint32_t> subAuthorities);
+// S-1-5-21-<a>-<b>-<c>-<rid>
+SidBytes DomainSid(uint32_t rid);
+
+// A test name from a table row's name: letters and digits, the rest '_'.
+inline const auto RowName = [](const auto& info) {
+  std::string n = info.param.name;
+  for (char& c : n) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return n;
+};
+
+// Everything the agent takes from the system, made of the fakes above, with
+// short timings.
 struct FakePlatform {
   FakeSupport support;
   FakeRegistry registry;
@@ -253,6 +404,10 @@ struct FakePlatform {
   FakeSecurityPackage ntlm;
   FakeImpersonation impersonation;
   FakeWaits waits{network};
+  FakeAccounts accounts;
+  FakeAdapters adapters;
+  FakeConsoleRunner console;
+  FakeHyperV hyperv;
   Timings timings = ShortTimings();
 
   static Timings ShortTimings();

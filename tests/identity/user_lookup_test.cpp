@@ -1,5 +1,7 @@
 // The user lookup: SID text, registry string values, the session token and
-// account, and the choice between the AD and the Azure AD answers.
+// account, the Azure AD lookup (the console-output parser, the pipe reader's
+// rules, its results and messages), and the choice between the AD and the
+// Azure AD answers.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -11,17 +13,6 @@
 
 namespace lindqvar::testing {
 namespace {
-
-const char kJoinedOutput[] =
-    "+----------------------------------------------------------------------+\r\n"
-    "| Device State                                                         |\r\n"
-    "+----------------------------------------------------------------------+\r\n"
-    "\r\n"
-    "             AzureAdJoined : YES\r\n"
-    "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
-    "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n";
-
-const char kNotJoinedOutput[] = "             AzureAdJoined : NO\r\n";
 
 class UserLookupTest : public ::testing::Test, protected FakeUserLookup {
  protected:
@@ -90,43 +81,22 @@ TEST(SidToTextTest, Rows) {
   EXPECT_TRUE(IsValidSid(MakeSid({0, 0, 0, 0, 0, 5}, std::vector<uint32_t>(15, 1))));
 }
 
-// A key that returns values exactly as stored.
-class RawKey : public IRegistryKey {
- public:
-  uint32_t SetDword(std::u16string_view, uint32_t) override { return 5; }
-  uint32_t QueryString(std::u16string_view, std::u16string&) override { return 2; }
-  uint32_t QueryValue(std::u16string_view name, uint32_t& type, std::vector<uint8_t>& data) override {
-    auto it = values.find(std::u16string(name));
-    if (it == values.end()) return 2;
-    type = it->second.first;
-    data = it->second.second;
-    return 0;
-  }
-  uint32_t OpenSubKey(std::u16string_view, uint32_t, std::unique_ptr<IRegistryKey>&) override {
-    return 2;
-  }
-  void Put(const std::u16string& name, uint32_t type, std::u16string_view text, bool terminator) {
-    std::vector<uint8_t> bytes;
-    for (char16_t c : text) {
-      bytes.push_back(static_cast<uint8_t>(c));
-      bytes.push_back(static_cast<uint8_t>(c >> 8));
-    }
-    if (terminator) bytes.insert(bytes.end(), {0, 0});
-    values[name] = {type, bytes};
-  }
-  std::map<std::u16string, std::pair<uint32_t, std::vector<uint8_t>>> values;
-};
-
+// Values stored exactly as given, read through a key of the fake registry.
 TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
-  RawKey key;
-  key.Put(u"plain", 1, u"CORP.EXAMPLE.TEST", true);
-  key.Put(u"expand", 2, u"%SystemRoot%\\x", true);
-  key.Put(u"bare", 1, u"abc", false);
-  key.Put(u"empty", 1, u"", false);
-  key.values[u"dword"] = {4, {1, 0, 0, 0}};
-  key.Put(u"multi", 7, u"a", true);
-  key.values[u"odd"] = {1, {'a', 0, 'b', 0, 'c'}};  // 5 bytes
-  key.Put(u"nul", 1, std::u16string_view(u"ab\0cd", 5), true);
+  FakeRegistry registry;
+  const auto put = [&](const char16_t* name, uint32_t type, std::vector<uint8_t> bytes) {
+    registry.SetValue(RegistryHive::kLocalMachine, u"k", name, type, std::move(bytes));
+  };
+  put(u"plain", 1, TextBytes(u"CORP.EXAMPLE.TEST"));
+  put(u"expand", 2, TextBytes(u"%SystemRoot%\\x"));
+  put(u"bare", 1, {'a', 0, 'b', 0, 'c', 0});  // no terminator
+  put(u"empty", 1, {});
+  put(u"dword", 4, {1, 0, 0, 0});
+  put(u"multi", 7, TextBytes(u"a"));
+  put(u"odd", 1, {'a', 0, 'b', 0, 'c'});  // 5 bytes
+  put(u"nul", 1, TextBytes(std::u16string_view(u"ab\0cd", 5)));
+  std::unique_ptr<IRegistryKey> key;
+  ASSERT_EQ(0u, registry.OpenKey(RegistryHive::kLocalMachine, u"k", reg_access::kRead, key));
 
   // Length: characters, terminator included; an odd size's last byte is a
   // unit of its own (size/2); a NUL ends the text but every unit counts.
@@ -144,12 +114,12 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   for (const auto& row : rows) {
     std::u16string value;
     uint32_t length = 99;
-    const uint32_t result = RegQueryStringValue(key, row.name, value, &length);
+    const uint32_t result = RegQueryStringValue(*key, row.name, value, &length);
     EXPECT_EQ(std::make_tuple(row.result, row.value, row.length), std::make_tuple(result, value, length))
         << WideToUtf8(row.name);
   }
   std::u16string value;
-  EXPECT_EQ(1u, RegQueryStringValue(key, u"plain", value, nullptr));  // no length asked for
+  EXPECT_EQ(1u, RegQueryStringValue(*key, u"plain", value, nullptr));  // no length asked for
 }
 
 TEST_F(UserLookupTest, DnsDomainComesFromTheUsersVolatileEnvironment) {
@@ -259,6 +229,177 @@ TEST_F(UserLookupTest, AccountFailures) {
   EXPECT_EQ(std::make_tuple(lines, 0), std::make_tuple(support.Lines().size(), accounts.tokensClosed.load()));
 }
 
+// --- the Azure AD lookup ---------------------------------------------------------
+
+// The device-registration tool's output: the tenant and account lines are
+// needed, keys ignore case and need their leading blanks and " : ", a later
+// line wins, the account splits at its last comma and last at sign, only one
+// CR comes off a line, lines have any length and a NUL ends the output.
+TEST(ParseConsoleOutputTest, Rows) {
+  const std::string acct = "  Executing Account Name : d\\u, u@d\n";
+  const struct {
+    std::string output;
+    int32_t result;
+    std::u16string user, domain, tenant;  // checked when the result is 0; tenant always
+  } rows[] = {
+      {"| Device State |\r\n"
+       "             AzureAdJoined : YES\r\n"
+       "          EnterpriseJoined : NO\r\n"
+       "                  TenantId : 0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61\r\n"
+       "    Executing Account Name : AzureAD\\AnnaBerg, anna.berg@contoso.example\r\n",
+       0, u"anna.berg", u"contoso.example", u"0c2f7d9b-1e44-4f1c-2b7e-9d3a4e558a61"},
+      {"  TenantId : t1\n  Executing Account Name : CORP\\a,b, first,last@odd@corp.example\n", 0,
+       u"last@odd", u"corp.example", u"t1"},
+      {"  TenantId : t1\n  Executing Account Name : anna@contoso.example\n", -1, u"", u"", u"t1"},
+      {"  TenantId : t1\n  Executing Account Name : CORP\\anna, anna\n", -1, u"", u"", u"t1"},
+      {"             AzureAdJoined : NO\r\n", -1, u"", u"", u""},
+      {"  Executing Account Name : X\\y, y@d.example\r\n", -1, u"", u"", u""},
+      {"  TenantId : t1\r\n", -1, u"", u"", u"t1"},
+      {"", -1, u"", u"", u""},
+      {"  AzureAdJoined : NO\n  TenantId : t\n" + acct, 0, u"u", u"d", u"t"},
+      {"  TenantId : t\n  Executing Account Name : d\\u, u@d", 0, u"u", u"d", u"t"},
+      {"  TENANTID : first\n  tenantid : second value \n  executing account name : d\\u, u@d\n",
+       0, u"u", u"d", u"second value "},
+      {"   TenantId\nTenantId : unindented\n  TenantId :missing-blank\n" + acct, -1, u"", u"", u""},
+      {"  TenantId : t\r\r\n  Executing Account Name : d\\u, u@d\r\n", -1, u"", u"", u""},
+      {"  TenantId : t\n  Executing Account Name : d\\x, " + std::string(900, 'u') + "@d\n", 0,
+       std::u16string(900, u'u'), u"d", u"t"},
+      {"  TenantId : " + std::string(200000, 'x') + "\n" + acct, 0, u"u", u"d",
+       std::u16string(200000, u'x')},
+      {std::string(3000, ' ') + "TenantId :" + std::string(3000, ' ') + "t\n", -1, u"", u"", u"t"},
+      {std::string("  TenantId : first\n\0  TenantId : second\n", 40), -1, u"", u"", u"first"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.output.substr(0, 80));
+    std::u16string user, domain, tenant;
+    EXPECT_EQ(row.result, ParseConsoleOutput(row.output, user, domain, tenant));
+    EXPECT_EQ(row.tenant, tenant);
+    if (row.result == 0) {
+      EXPECT_EQ(std::tie(row.user, row.domain), std::tie(user, domain));
+    }
+  }
+}
+
+class RunExternalProgramTest : public ::testing::Test {
+ protected:
+  RunExternalProgramTest() {
+    timings.consoleIdlePolls = 50;
+    timings.consoleIdlePollMs = 0;
+  }
+  int32_t Run() { return RunExternalProgram(runner, timings, token, "prog.exe", "/x", output); }
+  std::atomic<int> closed{0};
+  FakeToken token{closed, 4};
+  FakeConsoleRunner runner;
+  Timings timings;
+  std::string output;
+};
+
+TEST_F(RunExternalProgramTest, ReadsInPiecesUntilFiftyEmptyPolls) {
+  std::string big;
+  for (int i = 0; i < 3000; ++i) big.push_back(static_cast<char>('a' + i % 26));
+  runner.script = {PipeStep{big}, PipeStep{"", 30}, PipeStep{"tail"}};
+  ASSERT_EQ(0, Run());
+  EXPECT_EQ(big + "tail", output);
+  EXPECT_EQ("prog.exe /x", runner.commandLines.at(0));
+  EXPECT_EQ(4, *runner.reads);  // 1024 + 1024 + 952, then "tail"
+  // 3 peeks with data, 30 empty, 1 with "tail", then 51 empty: the 51st ends.
+  EXPECT_EQ(3 + 30 + 1 + 51, *runner.peeks);
+}
+
+TEST_F(RunExternalProgramTest, OutputBeyondTheLimitIsRefused) {
+  // The user owns the program and can write its pipe: rows of (pieces
+  // written, result, bytes kept).
+  const uint32_t limit = kConsoleOutputLimit;
+  struct Row {
+    std::vector<PipeStep> script;
+    int32_t result;
+    size_t kept;
+  };
+  const Row rows[] = {
+      {{PipeStep{std::string(limit, 'a')}}, 0, limit},
+      {{PipeStep{std::string(limit + 1, 'a')}}, kRunOutputTooLong, 0},
+      {{PipeStep{std::string(limit - 1, 'a')}, PipeStep{"", 1}, PipeStep{"bc"}}, kRunOutputTooLong, 0},
+      // Refused at once: the rest of an endless writer is not read.
+      {{PipeStep{std::string(limit, 'a')}, PipeStep{std::string(limit * 4, 'b')}}, kRunOutputTooLong, 0},
+  };
+  for (const Row& row : rows) {
+    runner.script = row.script;
+    *runner.reads = 0;
+    output.clear();
+    EXPECT_EQ(row.result, Run()) << row.script.size();
+    EXPECT_EQ(row.kept, output.size());
+    EXPECT_LE(*runner.reads, static_cast<int>(limit / 1024 + 1));
+  }
+}
+
+TEST_F(RunExternalProgramTest, FailedReadsRetryAtOnceAndAFailedPeekEnds) {
+  runner.script = {PipeStep{"abc", 0, false, true}, PipeStep{"", 0, true}, PipeStep{"never"}};
+  ASSERT_EQ(0, Run());
+  EXPECT_EQ(std::make_tuple("abc", 2, 3), std::make_tuple(output, *runner.reads, *runner.peeks));
+}
+
+TEST_F(RunExternalProgramTest, StartFailures) {
+  runner.result = {ConsoleStartFailure::kPipe, 8};
+  EXPECT_EQ(-1, Run());
+  runner.result = {ConsoleStartFailure::kProcess, 2};
+  EXPECT_EQ(-2, Run());
+  runner.result = {ConsoleStartFailure::kInheritance, 5};
+  EXPECT_EQ(static_cast<int32_t>(0x80070005u), Run());
+  EXPECT_EQ(0, *runner.peeks);
+
+  EXPECT_EQ(static_cast<int32_t>(0x80072af9u), HResultFromWin32(0x12af9));  // low 16 bits kept
+  EXPECT_EQ(0, HResultFromWin32(0));
+  EXPECT_EQ(static_cast<int32_t>(0x8007000Eu), HResultFromWin32(0x8007000Eu));  // negative unchanged
+}
+
+class AzureLookupTest : public ::testing::Test, protected FakeUserLookup {
+ protected:
+  AzureLookupTest() { accounts.SetUser(1, {DomainSid(1300), u"", u"", false, false, 9}); }
+  int32_t Lookup(uint32_t session = 1) {
+    return GetAZureSessionUserInfo(system, log, session, user, domain, tenant);
+  }
+  FakeConsoleRunner& runner = console;
+  std::u16string user, domain, tenant;
+};
+
+TEST_F(AzureLookupTest, SuccessRunsTheToolWithTheLinkedTokenAndClosesIt) {
+  runner.script = {PipeStep{"  TenantId : t-1\r\n  Executing Account Name : a\\b, c@d.example\r\n"}};
+  ASSERT_EQ(kAzureOk, Lookup());
+  EXPECT_EQ("dsregcmd.exe /status", runner.commandLines.at(0));
+  // The linked token is used and closed at the end; the token it replaced stays open.
+  EXPECT_EQ(std::make_tuple(9, 1, 1), std::make_tuple(runner.lastToken.value(), accounts.tokensClosed.load(),
+                                                      accounts.tokensAbandoned.load()));
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is successful"));
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), username:c, domain:d.example, tenantID:t-1"));
+}
+
+TEST_F(AzureLookupTest, FailureResults) {
+  runner.script = {PipeStep{"  AzureAdJoined : NO\r\n"}};
+  EXPECT_EQ(kAzureOutputUnusable, Lookup());
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of ParseConsoleOutput is failed, error:-1"));
+
+  runner.result = {ConsoleStartFailure::kProcess, 2};
+  EXPECT_EQ(kAzureProgramFailed, Lookup());
+  EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), Calling of RunExternalProgram is failed, error:-2"));
+
+  runner.result = {};
+  runner.script = {PipeStep{std::string(kConsoleOutputLimit + 1, ' ')}};
+  EXPECT_EQ(kAzureProgramFailed, Lookup());
+  EXPECT_EQ(1u, support.CountLines(
+                    "GetAZureSessionUserInfo(), the output of dsregcmd.exe exceeds 65536 bytes, lookup refused"));
+
+  // No token, no tool: neither on a failure nor with nobody logged on.
+  for (uint32_t error : {5u, kErrorNotLoggedOn}) {
+    accounts.queryError = error;
+    EXPECT_EQ(kAzureNoToken, Lookup(8));
+    EXPECT_TRUE(support.HasLine("GetAZureSessionUserInfo(), GetTokenOfSession() failed, err=" +
+                                std::to_string(error)));
+  }
+  EXPECT_EQ(std::make_tuple(3u, 3), std::make_tuple(runner.commandLines.size(), accounts.tokensClosed.load()));
+}
+
+// --- the choice -------------------------------------------------------------------
+
 // The whole lookup for session 2 (6 has nobody): the AD and Azure AD
 // answers, which one is taken, the texts logged and whether the tool ran.
 struct LoadRow {
@@ -366,8 +507,7 @@ TEST_P(LoadSessionUserTest, TakesTheAnswerItShould) {
   EXPECT_EQ("dsregcmd.exe /status", console.commandLines.back());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, LoadSessionUserTest, ::testing::ValuesIn(kLoadRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, LoadSessionUserTest, ::testing::ValuesIn(kLoadRows), RowName);
 
 }  // namespace
 }  // namespace lindqvar::testing

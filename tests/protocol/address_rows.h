@@ -5,6 +5,7 @@
 // docs/windows-runtime.md lists the same differences.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 namespace lindqvar::testing {
@@ -58,6 +59,11 @@ struct IPv6Row {
   const char* system;
   const char* own = nullptr;  // null: the same as the system
   const char* Own() const { return own ? own : system; }
+  std::array<uint8_t, 16> Bytes() const {  // in network order
+    std::array<uint8_t, 16> b;
+    for (int i = 0; i < 16; ++i) b[i] = static_cast<uint8_t>(words[i / 2] >> (i % 2 ? 0 : 8));
+    return b;
+  }
 };
 
 inline const IPv6Row kIPv6Rows[] = {

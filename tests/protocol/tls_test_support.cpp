@@ -116,11 +116,11 @@ CertificateItem CTestMaterial::Encrypt(const std::string& plain, std::vector<uin
   return CertificateItem{into.data(), static_cast<uint32_t>(into.size())};
 }
 
-lab::LabOptions CLabFixture::Options(const std::string& presharedKey) {
+lab::LabOptions CLabFixture::Options(const std::string& presharedKey, const std::string& as) {
   lab::LabOptions o;
   o.caFile = LINDQVAR_TEST_CLIENT_CA;
-  o.certFile = PkiFile("server.pem");
-  o.keyFile = PkiFile("server.key");
+  o.certFile = PkiFile(as + ".pem");
+  o.keyFile = PkiFile(as + ".key");
   o.presharedKey = presharedKey;
   o.ioTimeoutMs = 3000;
   o.stallMs = 3000;
@@ -191,13 +191,6 @@ bool CDeliveryHarness::Deliver(uint32_t session) {
   BuildEvent(event);
   Publish();
   return client->Deliver(session, event).delivered;
-}
-
-std::vector<std::string> CDeliveryHarness::LinesStartingWith(const std::string& prefix) const {
-  std::vector<std::string> out;
-  for (const auto& l : support.Lines())
-    if (l.text.compare(0, prefix.size(), prefix) == 0) out.push_back(l.text);
-  return out;
 }
 
 }  // namespace lindqvar::testing

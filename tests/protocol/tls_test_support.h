@@ -100,18 +100,13 @@ class CLabFixture {
   // Waits for `count` finished connections and returns the reports.
   std::vector<lab::ConnectionReport> WaitReports(size_t count);
 
-  // Options with the development PKI and the given key.
-  static lab::LabOptions Options(const std::string& presharedKey);
+  // Options with the given key and the development PKI, the server using the
+  // certificate and key of that name.
+  static lab::LabOptions Options(const std::string& presharedKey, const std::string& as = "server");
 
  private:
   std::unique_ptr<lab::CLabAuthenticator> m_server;
   uint16_t m_port = 0;
-};
-
-// A support library that says FIPS mode is on.
-class FipsSupport : public FakeSupport {
- public:
-  bool cfg_is_fips_mode_enabled() override { return true; }
 };
 
 // A port on 127.0.0.1 where nothing listens (bound, then closed).
@@ -119,8 +114,8 @@ uint16_t ClosedPort();
 
 std::unique_ptr<ServerEntry> MakeServer(const std::string& host, uint32_t port);
 
-// The agent side: fakes, a log, the delivery object.
-class CDeliveryHarness {
+// The agent side: the platform fakes, a log, the delivery object.
+class CDeliveryHarness : public FakePlatform {
  public:
   explicit CDeliveryHarness(const std::string& presharedKey,
                             const CertificateMaterial& material = BuiltInCertificateMaterial());
@@ -142,14 +137,6 @@ class CDeliveryHarness {
   // One pass with that event, after Publish.
   bool Deliver(uint32_t session = 7);
 
-  // Log lines that start with `prefix`.
-  std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
-  bool Logged(const std::string& prefix) const { return !LinesStartingWith(prefix).empty(); }
-
-
-  FakeSupport support;
-  FakeNetwork network;
-  Timings timings = FakePlatform::ShortTimings();
   ServerList servers;
   std::string presharedKey;
   IpAddress localAddress;

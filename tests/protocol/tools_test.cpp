@@ -139,10 +139,7 @@ std::string Diag(const std::string& args) { return std::string(LINDQVAR_DIAG_BIN
 // setting and enforced when asked.
 TEST(DiagProgram, ExitCodesTellWhatWentWrong) {
   CLabFixture good(CLabFixture::Options("diag-key"));
-  auto foreignOptions = CLabFixture::Options("diag-key");
-  foreignOptions.certFile = PkiFile("other-server.pem");
-  foreignOptions.keyFile = PkiFile("other-server.key");
-  CLabFixture foreign(foreignOptions);
+  CLabFixture foreign(CLabFixture::Options("diag-key", "other-server"));
   auto longOptions = CLabFixture::Options("diag-key");
   longOptions.fault = lab::Fault::kLongVersion;
   CLabFixture longVersion(longOptions);
@@ -205,7 +202,7 @@ class FakeServiceStatus : public IServiceStatus {
 // on the ExcludedUsers list, 3 the active user, and the console session 1,
 // which the system does not list, has nobody. Three servers: a literal, a
 // name, and a name that does not resolve.
-struct ReportMachine : FakeAgentPlatform {
+struct ReportMachine : FakePlatform {
   ReportMachine() {
     support.SetSettings(1, u"127.0.0.1:8001;auth.corp.example;gone.example", u"report-key-3141");
     support.guid = u"{5EED0000-1111-2222-3333-444455556666}";
@@ -229,9 +226,7 @@ struct ReportMachine : FakeAgentPlatform {
     accounts.SetUser(session, {DomainSid(rid), name, u"CORP", false, false, 0, u"CORP.EXAMPLE"});
   }
   void Exclude(const std::u16string& patterns) {
-    std::vector<uint8_t> bytes;
-    for (char16_t c : patterns + u'\0') bytes.insert(bytes.end(), {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8)});
-    registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, u"ExcludedUsers", 7, bytes);
+    registry.SetValue(RegistryHive::kLocalMachine, kAgentKeyPath, u"ExcludedUsers", 7, TextBytes(patterns));
   }
   // The report's exit code and output.
   std::pair<int, std::string> Report(bool json) {

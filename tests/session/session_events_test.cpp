@@ -1,12 +1,80 @@
-// What each notification does to (m_bLogon, m_dwCurrentSession) and sends,
-// the reports of the event sender, and the event message with its log record.
+// The session table's slots and the pending list's retry rounds; what each
+// notification does to (m_bLogon, m_dwCurrentSession) and sends,
+// the reports of the event sender, and the event message of each report path
+// with its log record.
 #include <gtest/gtest.h>
 
 #include "protocol/messages/event.h"
+#include "session/event_report.h"
 #include "tests/session/session_fixture.h"
 
 namespace lindqvar::testing {
 namespace {
+
+// --- the session table -----------------------------------------------------------
+
+using TableTest = SessionFixture;
+
+TEST_F(TableTest, GrowsByTenAndReusesTheLowestFreeSlot) {
+  EXPECT_FALSE(table.Allocated());
+  for (uint32_t id = 1; id <= 11; ++id) {
+    AddUser(id);
+    ASSERT_EQ(table.AddSession(id), 1u) << id;
+  }
+  EXPECT_EQ(std::make_tuple(table.Slots(), table.SlotOf(11)), std::make_tuple(20u, 10));
+  EXPECT_EQ(table.RemoveSession(4), 1u);
+  EXPECT_EQ(table.RemoveSession(4), 0u);
+  EXPECT_EQ(table.RemoveSession(2), 1u);
+  AddUser(12);
+  ASSERT_EQ(table.AddSession(12), 1u);
+  // The slot of session 2, below that of session 4.
+  EXPECT_EQ(std::make_tuple(table.SlotOf(12), table.FindSession(12)->UserName()), std::make_tuple(1, "user12"));
+  EXPECT_TRUE(support.HasLine("session ID:12 has added to session table\n"));
+}
+
+TEST_F(TableTest, AddingAKnownSessionSkipsTheLookupAndFailuresAddNothing) {
+  AddUser(3);
+  ASSERT_EQ(table.AddSession(3), 1u);
+  ASSERT_EQ(support.CountLines("iResult:1"), 1u);  // the first add looked the user up
+  EXPECT_EQ(table.AddSession(3), 1u);
+  EXPECT_EQ(support.CountLines("iResult:1"), 1u);
+  EXPECT_TRUE(support.HasLine("session ID:3 has found in session table"));
+  EXPECT_TRUE(support.HasLine("CSessionManager::AddSession has been called, dwSession:3"));
+  EXPECT_EQ(table.AddSession(8), 0u);  // no user
+  notReady.insert(9);
+  AddUser(9);
+  EXPECT_EQ(table.AddSession(9), 2u);
+  EXPECT_EQ(std::make_tuple(table.FindSession(8), table.FindSession(9)), std::make_tuple(nullptr, nullptr));
+}
+
+TEST_F(TableTest, RetryRoundsSendReadySessionsDropFailuresAndGiveUpAfterThirty) {
+  // 5 becomes ready, 6 has no user, 7 never gets ready, 8 is parked twice.
+  AddUser(5);
+  AddUser(7);
+  AddUser(8);
+  notReady = {5, 7, 8};
+  for (uint32_t id : {5u, 6u, 7u, 8u, 8u}) table.AddPendingSession(id);
+  table.RemovePendingSession(8);  // only the first record of 8 goes
+  std::vector<uint32_t> sent;
+  const auto send = [&](uint32_t s) { sent.push_back(s); };
+
+  table.RetryPendingSessions(send);
+  EXPECT_TRUE(sent.empty());
+  EXPECT_EQ(table.PendingSessionCount(), 3u);  // 6 dropped
+
+  notReady.erase(5);
+  table.RetryPendingSessions(send);
+  EXPECT_EQ(std::make_tuple(sent, table.PendingSessionCount()), std::make_tuple(std::vector<uint32_t>{5}, 2u));
+
+  for (int round = 3; round < 30; ++round) table.RetryPendingSessions(send);
+  EXPECT_EQ(table.PendingSessionCount(), 2u);
+  EXPECT_FALSE(support.HasLine("Failed to get session information, session:7"));
+  table.RetryPendingSessions(send);  // the 30th try
+  EXPECT_EQ(table.PendingSessionCount(), 0u);
+  EXPECT_TRUE(support.HasLine("Failed to get session information, session:7"));
+  EXPECT_TRUE(support.HasLine("Failed to get session information, session:8"));
+  EXPECT_EQ(sent, (std::vector<uint32_t>{5}));
+}
 
 // --- the state table ---------------------------------------------------------
 
@@ -445,6 +513,86 @@ INSTANTIATE_TEST_SUITE_P(Rows, InFlightTest, ::testing::ValuesIn(kInFlightRows),
 
 // --- the event message --------------------------------------------------------
 
+// The event message of each report path: which record withdraws the last
+// sent addresses, and the record of the current ones. Rows: the kind, the
+// last sent set, the current set, and the records the message carries.
+struct ReportRow {
+  const char* name;
+  ReportKind kind;
+  std::vector<ResolvedAddress> last;  // the last sent set; empty: none was sent
+  std::vector<ResolvedAddress> now;
+  std::vector<std::string> records;  // "<logon flag>:<addresses>", in order
+};
+
+const ResolvedAddress kV6a = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
+const ResolvedAddress kV6b = FakeNetwork::V6({0x2001, 0xdb8, 0, 0, 0, 0, 0, 2});
+const ResolvedAddress kV6ff = FakeNetwork::V6({0x00ff, 0, 0, 0, 0, 0, 0, 1});  // a zero first byte
+
+const ReportRow kReportRows[] = {
+    // Logon, wakeup and keep-alive: once the addresses changed, the last set
+    // is withdrawn when its IPv4 list or the NEW IPv6 list has an entry, so
+    // a first report with IPv6 withdraws an empty set...
+    {"logon, unchanged", ReportKind::kLogon, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"logon, IPv4 changed", ReportKind::kLogon, {kA5}, {kA6}, {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"logon, none before, IPv6 now", ReportKind::kLogon, {}, {kA5, kV6a},
+     {"0:", "1:10.0.0.5,2001:db8::1"}},
+    // ...and an IPv6-only last set is not withdrawn.
+    {"logon, IPv6 before", ReportKind::kLogon, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, unchanged", ReportKind::kWakeup, {kA5}, {kA5}, {"1:10.0.0.5"}},
+    {"wakeup, IPv4 before, IPv6 now", ReportKind::kWakeup, {kA5}, {kV6b},
+     {"0:10.0.0.5", "1:2001:db8::2"}},
+    {"keep-alive, unchanged", ReportKind::kKeepAlive, {kA5, kV6a}, {kA5, kV6a},
+     {"1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, reordered", ReportKind::kKeepAlive, {kA5, kA6}, {kA6, kA5},
+     {"1:10.0.0.6,10.0.0.5"}},
+    {"keep-alive, IPv4 changed", ReportKind::kKeepAlive, {kA5}, {kA6},
+     {"0:10.0.0.5", "1:10.0.0.6"}},
+    {"keep-alive, none before, IPv6 now", ReportKind::kKeepAlive, {}, {kA5, kV6a},
+     {"0:", "1:10.0.0.5,2001:db8::1"}},
+    {"keep-alive, IPv6 before", ReportKind::kKeepAlive, {kV6a}, {kA5}, {"1:10.0.0.5"}},
+    // An IPv6 address counts by its first 16-bit group, not its first byte.
+    {"keep-alive, none before, ff::1 now", ReportKind::kKeepAlive, {}, {kA5, kV6ff},
+     {"0:", "1:10.0.0.5,ff::1"}},
+    // Logoff: never; the logoff withdraws the user anyway.
+    {"logoff, IPv4 changed", ReportKind::kLogoff, {kA5}, {kA6}, {"0:10.0.0.6"}},
+    // Address change (made only when the set changed): withdrawn when the
+    // last IPv4 list or the PREVIOUS IPv6 list has an entry.
+    {"address change, IPv4 added", ReportKind::kAddressChange, {kA5}, {kA5, kA6},
+     {"0:10.0.0.5", "1:10.0.0.5,10.0.0.6"}},
+    {"address change, none before, IPv6 now", ReportKind::kAddressChange, {}, {kA5, kV6a},
+     {"1:10.0.0.5,2001:db8::1"}},
+    {"address change, IPv6 before", ReportKind::kAddressChange, {kV6a}, {kA5},
+     {"0:2001:db8::1", "1:10.0.0.5"}},
+};
+
+class EventReportTest : public SessionFixture, public ::testing::WithParamInterface<ReportRow> {};
+
+TEST_P(EventReportTest, EachPathWithdrawsTheLastSetByItsOwnRule) {
+  const ReportRow& row = GetParam();
+  AddUser(1);
+  ASSERT_EQ(table.AddSession(1), 1u);
+  const auto set = [this](const std::vector<ResolvedAddress>& addresses) {
+    SetAddresses(addresses);
+    AddressSet s;
+    this->addresses.GetIPAddress(&s.ipv4, s.count4, &s.ipv6, s.count6);
+    return s;
+  };
+  CEncoder event(kEventEncoderCapacity);
+  BuildEventReport(event, row.kind, set(row.last), set(row.now), *table.FindSession(1), machine);
+  std::vector<std::string> records;
+  for (const auto& r : Decoded(event).records) {
+    // Both records are the entry's: its user at the machine's name.
+    EXPECT_EQ(r.user + "@" + r.workstation, "USER1@WS1.CORP.EXAMPLE");
+    std::string s = std::to_string(r.logon) + ":";
+    for (const auto& list : {r.IPv4Text(), r.IPv6Text()})
+      for (const std::string& a : list) s += (s.back() == ':' ? "" : ",") + a;
+    records.push_back(s);
+  }
+  EXPECT_EQ(records, row.records);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, EventReportTest, ::testing::ValuesIn(kReportRows), RowName);
+
 // The Azure AD account attribute carries the entry's Azure tenant id: sent
 // exactly when prefer-Azure is 1 and the lookup took the Azure answer.
 struct AzureRecordRow {
@@ -468,11 +616,7 @@ class AzureRecordTest : public SessionFixture,
 TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
   const AzureRecordRow& row = GetParam();
   accounts.SetUser(2, {DomainSid(1002), u"user2", row.adDomain});
-  console.script = {PipeStep{row.joined
-                                 ? "             AzureAdJoined : YES\r\n"
-                                   "                  TenantId : 4f1c2b7e-9d3a-4e55-8a61-0c2f7d9b1e44\r\n"
-                                   "    Executing Account Name : AzureAD\\MaraLind, mara.lind@fabrikam.example\r\n"
-                                 : "             AzureAdJoined : NO\r\n"}};
+  console.script = {PipeStep{row.joined ? kJoinedOutput : kNotJoinedOutput}};
   table.SetPreferAzure(row.preferAzure);
   WorkstationFacts facts = machine;
   facts.preferAzure = row.preferAzure;

@@ -27,15 +27,6 @@
 
 namespace lindqvar::testing {
 
-// A test name from a row's name: letters and digits, the rest '_'.
-inline const auto RowName = [](const auto& info) {
-  std::string n = info.param.name;
-  for (char& c : n) {
-    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-  }
-  return n;
-};
-
 // Every wait of these tests ends by this deadline.
 inline constexpr std::chrono::seconds kDeadline{10};
 
@@ -56,16 +47,21 @@ class Worker {
   std::future<void> m_done;
 };
 
+// The event message an encoder holds, read back (its records own their texts).
+inline EventMessage Decoded(const CEncoder& event) {
+  uint32_t length = 0;
+  const uint8_t* bytes = event.get_buffer(&length);
+  std::vector<uint8_t> copy(bytes, bytes + length);
+  CDecoder decoder(copy.data(), length);
+  EventMessage message;
+  EXPECT_TRUE(message.Read(decoder));
+  return message;
+}
+
 class FakeDelivery : public IEventDelivery {
  public:
   DeliveryResult Deliver(uint32_t session, const CEncoder& event) override {
-    uint32_t length = 0;
-    const uint8_t* bytes = event.get_buffer(&length);
-    std::vector<uint8_t> copy(bytes, bytes + length);
-    CDecoder decoder(copy.data(), length);
-    EventMessage message;
-    EXPECT_TRUE(message.Read(decoder));
-    Delivery d{session, std::move(message.records)};
+    Delivery d{session, Decoded(event).records};
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_hold) {
       m_hold = false;
@@ -147,13 +143,10 @@ class SessionFixture : public ::testing::Test, protected FakeUserLookup {
   }
   // The ExcludedUsers list, as the registry value holds it.
   void Exclude(std::initializer_list<std::u16string> patterns) {
-    std::vector<uint8_t> data;
-    for (const std::u16string& p : patterns) {
-      for (char16_t unit : p) data.insert(data.end(), {uint8_t(unit), uint8_t(unit >> 8)});
-      data.insert(data.end(), {0, 0});
-    }
+    std::u16string text;
+    for (const std::u16string& p : patterns) text += p + u'\0';
     std::vector<std::string> problems;
-    table.SetExclusions(CUserExclusions::Parse(data, problems));
+    table.SetExclusions(CUserExclusions::Parse(TextBytes(text), problems));
   }
   void SetAddresses(std::vector<ResolvedAddress> addresses) {
     network.names["ws1"] = std::move(addresses);

@@ -5,22 +5,16 @@
 #include <gtest/gtest.h>
 
 #include "platform/os.h"
+#include "tests/fakes/fake_platform.h"
 
 namespace lindqvar {
 namespace {
 
 // A REG_MULTI_SZ's stored bytes from UTF-8 entries.
 std::vector<uint8_t> MultiSz(const std::vector<std::string>& entries) {
-  std::vector<uint8_t> data;
-  for (const std::string& entry : entries) {
-    for (char16_t unit : Utf8ToWide(entry)) {
-      data.push_back(static_cast<uint8_t>(unit));
-      data.push_back(static_cast<uint8_t>(unit >> 8));
-    }
-    data.insert(data.end(), {0, 0});
-  }
-  data.insert(data.end(), {0, 0});
-  return data;
+  std::u16string text;
+  for (const std::string& entry : entries) text += Utf8ToWide(entry) + u'\0';
+  return testing::TextBytes(text);
 }
 
 struct MatchRow {

@@ -18,6 +18,7 @@
 #include "platform/win32/session_window_win32.h"
 #include "platform/win32/sessions_win32.h"
 #include "platform/win32/support_win32.h"
+#include "tests/win32/lib/registry_writer.h"
 
 #include <aclapi.h>
 #include <sddl.h>
@@ -25,23 +26,6 @@
 
 namespace lindqvar::win32 {
 namespace {
-
-void SetValue(const std::u16string& path, const std::u16string& name, DWORD type, const void* data,
-              size_t size) {
-  ScopedRegKey k;
-  ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              k.receive(), nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(::RegSetValueExW(k.get(), W(name), 0, type, static_cast<const BYTE*>(data),
-                             static_cast<DWORD>(size)),
-            ERROR_SUCCESS);
-}
-void SetValue(const std::u16string& path, const std::u16string& name, DWORD v) {
-  SetValue(path, name, REG_DWORD, &v, 4);
-}
-void SetValue(const std::u16string& path, const std::u16string& name, const std::u16string& v) {
-  SetValue(path, name, REG_SZ, v.c_str(), (v.size() + 1) * 2);
-}
 
 std::string ReadFile(const std::u16string& path) {
   ScopedFileHandle f(::CreateFileW(W(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
@@ -293,13 +277,6 @@ TEST(Win32SessionWindow, TranslatesTheSystemsMessagesIntoNotifications) {
     EXPECT_EQ(QuitPosted(), row.quit);
   }
   window.DestroyAndUnregister();
-}
-
-TEST(Win32Sessions, ConsoleSessionIsTheOneWineReports) {
-  CSessionsWin32 sessions;
-  std::vector<SessionInfo> list;
-  EXPECT_TRUE(sessions.Enumerate(list));
-  EXPECT_EQ(sessions.ActiveConsoleSession(), 1u);
 }
 
 }  // namespace

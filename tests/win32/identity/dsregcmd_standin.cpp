@@ -2,8 +2,6 @@
 // chose, the way the real tool would reach the agent's pipe.
 //   LINDQVAR_DSREG_OUTPUT    file whose bytes go to standard output
 //   LINDQVAR_DSREG_STDERR    text written to standard error afterwards
-//   LINDQVAR_DSREG_PAUSE_AT  byte offset at which to pause ...
-//   LINDQVAR_DSREG_PAUSE_MS  ... for this many milliseconds
 //   LINDQVAR_DSREG_ARGS      file that receives the command line, then a line
 //                            with this program's own path
 #include <cstdlib>
@@ -60,12 +58,7 @@ int main() {
 
   const std::vector<char> output = ReadAll(Env("LINDQVAR_DSREG_OUTPUT"));
   HANDLE out = ::GetStdHandle(STD_OUTPUT_HANDLE);
-  const std::string pauseAt = Env("LINDQVAR_DSREG_PAUSE_AT");
-  size_t split = pauseAt.empty() ? output.size() : std::strtoul(pauseAt.c_str(), nullptr, 10);
-  if (split > output.size()) split = output.size();
-  Write(out, output.data(), split);
-  if (!pauseAt.empty()) ::Sleep(std::strtoul(Env("LINDQVAR_DSREG_PAUSE_MS").c_str(), nullptr, 10));
-  Write(out, output.data() + split, output.size() - split);
+  Write(out, output.data(), output.size());
 
   const std::string err = Env("LINDQVAR_DSREG_STDERR");
   Write(::GetStdHandle(STD_ERROR_HANDLE), err.data(), err.size());

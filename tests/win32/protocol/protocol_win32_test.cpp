@@ -112,24 +112,20 @@ TEST(AddressLiteralUnderWine, TheBuildParsesAsTheSystemDoes) {
 
 TEST(AddressLiteralUnderWine, TheBuildWritesIPv6AsTheSystemDoes) {
   for (const auto& row : testing::kIPv6Rows) {
-    uint8_t bytes[16];
-    for (int i = 0; i < 8; ++i) {
-      bytes[2 * i] = static_cast<uint8_t>(row.words[i] >> 8);
-      bytes[2 * i + 1] = static_cast<uint8_t>(row.words[i]);
-    }
+    const std::array<uint8_t, 16> bytes = row.Bytes();
     sockaddr_in6 address = {};
     address.sin6_family = AF_INET6;
-    std::memcpy(&address.sin6_addr, bytes, 16);
+    std::memcpy(&address.sin6_addr, bytes.data(), 16);
     char system[64];
     DWORD size = sizeof system;
     ASSERT_EQ(0, ::WSAAddressToStringA(reinterpret_cast<sockaddr*>(&address), sizeof address,
                                        nullptr, system, &size));
     EXPECT_STREQ(row.system, system);
     char own[64];
-    OwnAddressToString(kFamilyIPv6, bytes, own, sizeof own);
+    OwnAddressToString(kFamilyIPv6, bytes.data(), own, sizeof own);
     EXPECT_STREQ(row.Own(), own);
     IpAddress product;
-    product.SetIPv6(bytes);
+    product.SetIPv6(bytes.data());
     EXPECT_STREQ(system, product.Text());
   }
 }

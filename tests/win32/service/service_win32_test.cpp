@@ -6,24 +6,15 @@
 #include "platform/win32/scoped_handle.h"
 #include "service/win32/settings_key_win32.h"
 #include "service/win32/supervisor_system_win32.h"
+#include "tests/win32/lib/registry_writer.h"
 
 namespace lindqvar::service {
 namespace {
 
 using win32::ScopedHandle;
 using win32::ScopedRegKey;
+using win32::SetValue;
 using win32::W;
-
-void SetString(const std::u16string& path, const wchar_t* name, const std::wstring& value) {
-  ScopedRegKey key;
-  ASSERT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, W(path), 0, nullptr, 0,
-                              KEY_SET_VALUE | KEY_WOW64_64KEY, nullptr, key.receive(), nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(::RegSetValueExW(key.get(), name, 0, REG_SZ,
-                             reinterpret_cast<const BYTE*>(value.c_str()),
-                             static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))),
-            ERROR_SUCCESS);
-}
 
 bool KeyExists(const std::u16string& path) {
   ScopedRegKey key;
@@ -57,7 +48,7 @@ TEST_F(ServiceWin32Test, SettingsKeyIsCreatedOrRestrictedToSystemAndAdministrato
 
   // A key made by someone else keeps its values and loses its inherited access.
   ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, W(win32::kAgentKey));
-  SetString(win32::kAgentKey, L"Servers", L"a.b:1");
+  SetValue(win32::kAgentKey, u"Servers", u"a.b:1");
   EXPECT_NE(Access(), kExpectedAccess);
   ASSERT_EQ(ProtectSettingsKey(), 0u);
   EXPECT_EQ(Access(), kExpectedAccess);
@@ -69,12 +60,12 @@ TEST_F(ServiceWin32Test, TheWatchFiresOnAChangeAndIsArmedAgainEachTime) {
   EXPECT_FALSE(system.WatchSettings());  // no key yet
   EXPECT_FALSE(system.ReadSettings().KeyPresent());
 
-  SetString(win32::kAgentKey, L"Servers", L"a.b:1");
+  SetValue(win32::kAgentKey, u"Servers", u"a.b:1");
   ASSERT_TRUE(system.WatchSettings());
   const SettingsSnapshot before = system.ReadSettings();
   EXPECT_EQ(system.Wait(nullptr, 200), Wake::kTimeout);
   for (const wchar_t* servers : {L"c.d:2", L"e.f:3"}) {
-    SetString(win32::kAgentKey, L"Servers", servers);
+    SetValue(win32::kAgentKey, u"Servers", win32::U(servers));
     EXPECT_EQ(system.Wait(nullptr, 5000), Wake::kSettingsChanged) << servers;
     EXPECT_NE(system.ReadSettings(), before);
     ASSERT_TRUE(system.WatchSettings());
@@ -122,7 +113,7 @@ TEST_F(ServiceWin32Test, TheAgentRunsInAJobThatEndsItWithTheService) {
 TEST_F(ServiceWin32Test, RemovalTakesTheServicesRegistryAndOnlyParentsLeftEmpty) {
   CSupervisorSystemWin32 system(AgentPath(), stop.get());
   ASSERT_EQ(ProtectSettingsKey(), 0u);
-  SetString(win32::kAgentKey, L"PresharedKey", L"k");
+  SetValue(win32::kAgentKey, u"PresharedKey", u"k");
   system.WriteNotConfigured();
   EXPECT_EQ(win32::ReadAgentDword(u"LINDQState", 9), 0u);
   ASSERT_EQ(system.SetDesiredStatus("Service", kStatusStop), 0u);
@@ -130,8 +121,8 @@ TEST_F(ServiceWin32Test, RemovalTakesTheServicesRegistryAndOnlyParentsLeftEmpty)
   EXPECT_EQ(win32::ReadDword(HKEY_LOCAL_MACHINE, status, u"Service", 0), kStatusStop);
 
   // Another value under the desired status and the logging settings are not ours.
-  SetString(status, L"Other", L"x");
-  SetString(win32::kLoggingKey, L"LogDirectory", L"C:\\logs");
+  SetValue(status, u"Other", u"x");
+  SetValue(win32::kLoggingKey, u"LogDirectory", u"C:\\logs");
   RemoveServiceRegistry();
   EXPECT_FALSE(KeyExists(win32::kAgentKey));
   EXPECT_EQ(win32::ReadDword(HKEY_LOCAL_MACHINE, status, u"Service", 0), 0u);
