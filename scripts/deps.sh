@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test the agent,
-# and builds OpenSSL 3 for MinGW-w64 once into a cache outside the checkout.
+# and builds OpenSSL 3 and GoogleTest for MinGW-w64 once into a cache outside
+# the checkout.
 # Safe to run again: every step checks first and does nothing when done.
 set -euo pipefail
 
 CACHE_DIR=${LINDQVAR_CACHE:-$HOME/.cache/lindqvar}
 OPENSSL_PREFIX="$CACHE_DIR/openssl-mingw64-sealed"
+GTEST_PREFIX="$CACHE_DIR/googletest-mingw64"
 
 # Prints deb-src stanzas for the deb sources this machine has (deb822 files
 # and one-line lists alike), so that no archive host is written down here.
@@ -107,6 +109,25 @@ if [ ! -f "$OPENSSL_PREFIX/lib/libssl.a" ]; then
   rm -rf "$OPENSSL_PREFIX" && mv "$OPENSSL_PREFIX.tmp" "$OPENSSL_PREFIX"
   rm -rf "$build"
   echo "deps: OpenSSL for MinGW-w64 ready"
+fi
+
+# GoogleTest for the Windows test programs, from Debian's sources
+# (/usr/src/googletest, package googletest), with the same cross compiler:
+# Debian ships it built for the machine only. Installed into the cache, so
+# that a clean checkout's build does not compile it again.
+if [ ! -f "$GTEST_PREFIX/lib/libgtest.a" ]; then
+  echo "deps: building GoogleTest for MinGW-w64 into $GTEST_PREFIX"
+  build="$CACHE_DIR/googletest-build"
+  rm -rf "$build" "$GTEST_PREFIX.tmp"
+  (cmake -S /usr/src/googletest -B "$build" -G Ninja \
+      -DCMAKE_TOOLCHAIN_FILE="$(cd "$(dirname "$0")/.." && pwd)/cmake/mingw-w64-x86_64.cmake" \
+      -DCMAKE_BUILD_TYPE=Release -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON \
+      -DCMAKE_INSTALL_PREFIX="$GTEST_PREFIX.tmp" >"$CACHE_DIR/googletest-build.log" 2>&1 &&
+    cmake --build "$build" --target install -j"$(nproc)" >>"$CACHE_DIR/googletest-build.log" 2>&1) ||
+    { tail -n 40 "$CACHE_DIR/googletest-build.log"; exit 1; }
+  rm -rf "$GTEST_PREFIX" && mv "$GTEST_PREFIX.tmp" "$GTEST_PREFIX"
+  rm -rf "$build"
+  echo "deps: GoogleTest for MinGW-w64 ready"
 fi
 flock -u 9
 echo "deps: ok"
