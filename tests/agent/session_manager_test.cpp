@@ -554,12 +554,9 @@ TEST(ControlSwitch, OnlyDashAndTheLetterAfterItCount) {
 }
 
 TEST(ScanArguments, TheNameAfterTheFirstSwitchIsTrimmedAndKeyedElseNothing) {
-  const char* none[] = {"agent"};
-  EXPECT_FALSE(ScanArguments(1, none));
-  const char* other[] = {"agent", "-S", "Global\\Ctl_1", "/s"};
-  EXPECT_FALSE(ScanArguments(4, other));
-  const char* last[] = {"agent", "x", "-s"};
-  EXPECT_FALSE(ScanArguments(3, last));
+  for (const std::vector<const char*>& nothing :
+       {std::vector<const char*>{"agent"}, {"agent", "-S", "Global\\Ctl_1", "/s"}, {"agent", "x", "-s"}})
+    EXPECT_FALSE(ScanArguments(static_cast<int>(nothing.size()), nothing.data())) << nothing.back();
 
   const char* argv[] = {"agent", "-v", " -s", " \tGlobal\\Agent_Ctl_7\t ", "-s", "other"};
   auto args = ScanArguments(6, argv);
@@ -568,9 +565,8 @@ TEST(ScanArguments, TheNameAfterTheFirstSwitchIsTrimmedAndKeyedElseNothing) {
   EXPECT_EQ(args->controlKey, "7");
 }
 
+// (The whole name without one: AgentMainTest's "Agentctl".)
 TEST(ControlKey, IsTheTextBehindTheLastUnderscore) {
-  EXPECT_EQ(ControlKeyOf("Global\\Agent_Ctl_7"), "7");
-  EXPECT_EQ(ControlKeyOf("Agentctl"), "Agentctl");
   EXPECT_EQ(ControlKeyOf("Agent_"), "");
   EXPECT_EQ(ControlKeyOf("_x"), "x");
   EXPECT_EQ(TrimBlanks(" \t a b \t"), "a b");

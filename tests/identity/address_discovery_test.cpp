@@ -302,10 +302,8 @@ TEST_F(AddressDiscoveryTest, ExplanationNamesTheReasonForEveryAddress) {
 }
 
 TEST(PermanentAddressTest, ParsesHexPairsWithoutValidation) {
-  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}),
-            ParsePermanentAddress("00155DABCDEF"));
-  EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}),
-            ParsePermanentAddress("00155dabcdef"));
+  for (const char* text : {"00155DABCDEF", "00155dabcdef"})
+    EXPECT_EQ((std::array<uint8_t, 6>{0x00, 0x15, 0x5d, 0xab, 0xcd, 0xef}), ParsePermanentAddress(text)) << text;
   // Anything else counts as an upper-case letter would.
   EXPECT_EQ(static_cast<uint8_t>(('G' - 'A' + 10) * 16 + 1), ParsePermanentAddress("G10000000000")[0]);
   // Short text reads the zero-filled buffer beyond it.

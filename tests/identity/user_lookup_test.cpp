@@ -122,21 +122,6 @@ TEST(RegQueryStringValueTest, ReadsStringTypesOnly) {
   EXPECT_EQ(1u, RegQueryStringValue(*key, u"plain", value, nullptr));  // no length asked for
 }
 
-TEST_F(UserLookupTest, DnsDomainComesFromTheUsersVolatileEnvironment) {
-  DomainUser(u"FABRIKAM", u"fabrikam.Example.TEST");
-  std::u16string domain;
-  ASSERT_EQ(1u, GetUserDnsDomain(registry, DomainSid(1107), domain));
-  EXPECT_EQ(u"fabrikam.Example.TEST", domain);  // as the hive holds it
-  EXPECT_EQ(0u, GetUserDnsDomain(registry, DomainSid(1108), domain));
-
-  // A SID too long for the text buffer is never looked up.
-  const SidBytes longSid = MakeSid({0, 0, 0, 0, 0, 5}, {21, 1, 2, 3, 4, 5, 6, 7, 8});
-  registry.AddKey(RegistryHive::kUsers, u"S-1-5-21-1-2-3-4-5-6-7-8");
-  registry.SetString(RegistryHive::kUsers, u"S-1-5-21-1-2-3-4-5-6-7-8\\Volatile Environment",
-                     u"USERDNSDOMAIN", u"LONG.TEST");
-  EXPECT_EQ(0u, GetUserDnsDomain(registry, longSid, domain));
-}
-
 TEST_F(UserLookupTest, DnsDomainPrefersTheLogonSessionsOwn) {
   // USERDNSDOMAIN is the user's to rewrite; the logon session's DNS domain
   // is not. Rows: the session's (unset: its data unavailable), the user's
@@ -152,7 +137,7 @@ TEST_F(UserLookupTest, DnsDomainPrefersTheLogonSessionsOwn) {
       {u"FABRIKAM.EXAMPLE.TEST", u"fabrikam.example.test", u"FABRIKAM.EXAMPLE.TEST", false},
       {u"FABRIKAM.EXAMPLE.TEST", u"", u"FABRIKAM.EXAMPLE.TEST", false},
       {u"", u"OTHER.TEST", u"OTHER.TEST", false},                 // the session has none
-      {std::nullopt, u"OTHER.TEST", u"OTHER.TEST", false},        // no session data
+      {std::nullopt, u"Other.Test", u"Other.Test", false},        // no session data; as the hive holds it
       {std::nullopt, u"", u"FABRIKAM", false},
   };
   const std::string mismatch =
@@ -167,14 +152,19 @@ TEST_F(UserLookupTest, DnsDomainPrefersTheLogonSessionsOwn) {
     EXPECT_EQ(row.reported, domain) << rid;
     EXPECT_EQ(row.mismatchLogged ? 1u : 0u, support.CountLines(mismatch) - before) << rid;
   }
+  // A SID too long for the text buffer is never looked up.
+  const SidBytes longSid = MakeSid({0, 0, 0, 0, 0, 5}, {21, 1, 2, 3, 4, 5, 6, 7, 8});
+  registry.AddKey(RegistryHive::kUsers, u"S-1-5-21-1-2-3-4-5-6-7-8");
+  registry.SetString(RegistryHive::kUsers, u"S-1-5-21-1-2-3-4-5-6-7-8\\Volatile Environment",
+                     u"USERDNSDOMAIN", u"LONG.TEST");
+  std::u16string domain;
+  EXPECT_EQ(0u, GetUserDnsDomain(registry, longSid, domain));
 }
 
 TEST_F(UserLookupTest, TokenLookupResults) {
   std::unique_ptr<IUserToken> token;
   EXPECT_EQ(-1, QuerySessionUserToken(accounts, log, 2, nullptr, false));
-
-  EXPECT_EQ(1, QuerySessionUserToken(accounts, log, 4, &token, false));
-  EXPECT_TRUE(support.HasLine("Failed to call WTSQueryUserToken for session ID:4,error:1245"));
+  // (Nobody logged on, error 1245: LoadSessionUserTest's NobodyLoggedOn row.)
   accounts.queryError = 5;
   EXPECT_EQ(-1, QuerySessionUserToken(accounts, log, 4, &token, false));
   EXPECT_TRUE(support.HasLine("Failed to call WTSQueryUserToken for session ID:4,error:5"));
@@ -212,13 +202,9 @@ TEST_F(UserLookupTest, AccountDomainAndKindOfAccount) {
   EXPECT_EQ(std::make_tuple(0, 3), std::make_tuple(accounts.tokensClosed.load(), accounts.tokensAbandoned.load()));
 }
 
+// (Without the query function: LoadSessionUserTest's MissingQueryFunction row.)
 TEST_F(UserLookupTest, AccountFailures) {
   std::u16string user, domain;
-  accounts.hasQueryUserToken = false;
-  EXPECT_EQ(0, GetSessionAccount(system, log, 2, user, domain, 1));
-  EXPECT_TRUE(support.HasLine("Failed to get token for session ID:2,error:0"));
-
-  accounts.hasQueryUserToken = true;
   accounts.SetUser(5, {DomainSid(1), u"", u"", false, /*tokenInformationFails=*/true});
   EXPECT_EQ(0, GetSessionAccount(system, log, 5, user, domain, 1));
   EXPECT_TRUE(support.HasLine("Failed to get token information for session ID:5,error:6"));

@@ -174,22 +174,14 @@ void CDeliveryHarness::Rebuild() {
   client->SetReachabilityCallback([this](uint32_t state) { states.push_back(state); });
 }
 
-void CDeliveryHarness::BuildEvent(CEncoder& e) {
+bool CDeliveryHarness::Deliver(uint32_t session) {
+  client->SetConfiguration(MakeDeliveryConfig(servers, presharedKey));
+  client->SetLocalAddress(localAddress);
+  CEncoder event(kEventEncoderCapacity);
   // 192.0.2.10 in network order.
   EventMessage{{{.logon = 1, .domain = "corp", .user = "alice", .workstation = "ws1.corp.example",
                  .ipv4 = {0x0A0200C0}, .time = 1700000000}}}
-      .Write(e);
-}
-
-void CDeliveryHarness::Publish() {
-  client->SetConfiguration(MakeDeliveryConfig(servers, presharedKey));
-  client->SetLocalAddress(localAddress);
-}
-
-bool CDeliveryHarness::Deliver(uint32_t session) {
-  CEncoder event(kEventEncoderCapacity);
-  BuildEvent(event);
-  Publish();
+      .Write(event);
   return client->Deliver(session, event).delivered;
 }
 

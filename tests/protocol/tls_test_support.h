@@ -119,8 +119,6 @@ class CDeliveryHarness : public FakePlatform {
  public:
   explicit CDeliveryHarness(const std::string& presharedKey,
                             const CertificateMaterial& material = BuiltInCertificateMaterial());
-  CDeliveryHarness(const CDeliveryHarness&) = delete;
-  CDeliveryHarness& operator=(const CDeliveryHarness&) = delete;
 
   // Makes the delivery object again, e.g. after changing the timings.
   void Rebuild();
@@ -128,13 +126,9 @@ class CDeliveryHarness : public FakePlatform {
   void AddServer(const std::string& host, uint32_t port) {
     servers.push_back(MakeServer(host, port));
   }
-  // A one-record logon event for user ALICE of CORP at WS1.CORP.EXAMPLE
-  // from 192.0.2.10.
-  static void BuildEvent(CEncoder& event);
   // Hands the servers, key and local address as the test last set them to
-  // the delivery object.
-  void Publish();
-  // One pass with that event, after Publish.
+  // the delivery object, then makes one pass with a one-record logon event
+  // for user ALICE of CORP at WS1.CORP.EXAMPLE from 192.0.2.10.
   bool Deliver(uint32_t session = 7);
 
   ServerList servers;

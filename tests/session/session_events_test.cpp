@@ -631,18 +631,13 @@ TEST_P(AzureRecordTest, TheAzureAccountAttributeFollowsTheAnswerTaken) {
 INSTANTIATE_TEST_SUITE_P(Rows, AzureRecordTest, ::testing::ValuesIn(kAzureRecordRows), RowName);
 
 TEST(SessionMessage, WorkstationNameTakesTheDnsDomainElseTheUsersDomain) {
-  struct Row {
-    const char* dnsDomain;
-    const char* userDomain;
-    const char* expected;
-  } rows[] = {{"corp.example", "OTHER", "ws1.corp.example"},
-              {"", "CORP", "ws1.CORP"},
-              {"", "", "ws1."}};
-  for (const Row& r : rows) {
+  for (const auto& [dnsDomain, userDomain, expected] :
+       {std::tuple("corp.example", "OTHER", "ws1.corp.example"), std::tuple("", "CORP", "ws1.CORP"),
+        std::tuple("", "", "ws1.")}) {
     WorkstationFacts m;
     m.computerName = "ws1";
-    m.dnsDomain = r.dnsDomain;
-    EXPECT_EQ(WorkstationName(m, r.userDomain), r.expected);
+    m.dnsDomain = dnsDomain;
+    EXPECT_EQ(WorkstationName(m, userDomain), expected);
   }
 }
 
