@@ -33,7 +33,7 @@ uint32_t BE32At(const Bytes& b, size_t at) {
 // --- encoder -------------------------------------------------------------------
 
 // Headers are big-endian length, code, type; every message type's bytes
-// are pinned in messages_test.cpp.
+// are pinned by the Messages tests below.
 TEST(EncoderTest, WireFormatIsByteExact) {
   CEncoder sizes;
   sizes.add_string(ATTR_USER, "", 0, 1);
